@@ -1,0 +1,70 @@
+# Compile settings shared by every target of the project.
+add_library(hv_options INTERFACE)
+target_compile_options(hv_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wno-unused-parameter
+  $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>
+  $<$<BOOL:${HV_WERROR}>:-Werror>)
+if(HV_SANITIZE)
+  target_compile_options(hv_options INTERFACE
+    -fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  target_link_options(hv_options INTERFACE -fsanitize=address,undefined)
+endif()
+
+# hv_add_product(NAME DEPS...): one product made of NAME/Source/*.{c,cpp}.
+# Sources compile once (hidden visibility, PIC) into NAME_obj; NAME is the
+# installed shared library, NAME_static the library tests link, where every
+# internal symbol is reachable.
+function(hv_add_product name)
+  cmake_parse_arguments(P "" "" "PUBLIC_DEPS;PRIVATE_DEPS" ${ARGN})
+  file(GLOB_RECURSE srcs CONFIGURE_DEPENDS
+       ${CMAKE_CURRENT_SOURCE_DIR}/Source/*.cpp ${CMAKE_CURRENT_SOURCE_DIR}/Source/*.c)
+  if(NOT srcs)
+    message(STATUS "${name}: no sources yet, not built")
+    return()
+  endif()
+  add_library(${name}_obj OBJECT ${srcs})
+  set_target_properties(${name}_obj PROPERTIES
+    POSITION_INDEPENDENT_CODE ON
+    CXX_VISIBILITY_PRESET hidden C_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
+  string(TOUPPER ${name} upper)
+  target_compile_definitions(${name}_obj PRIVATE ${upper}_BUILDING=1)
+  target_include_directories(${name}_obj PUBLIC
+    $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/Headers>
+    $<BUILD_INTERFACE:${CMAKE_BINARY_DIR}/generated>
+    PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/Source)
+  target_link_libraries(${name}_obj PUBLIC ${P_PUBLIC_DEPS} PRIVATE hv_options ${P_PRIVATE_DEPS})
+
+  add_library(${name} SHARED $<TARGET_OBJECTS:${name}_obj>)
+  set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+  target_include_directories(${name} PUBLIC
+    $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/Headers/>
+    $<BUILD_INTERFACE:${CMAKE_BINARY_DIR}/generated>
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  target_link_libraries(${name} PRIVATE hv_options ${P_PRIVATE_DEPS})
+  foreach(dep ${P_PUBLIC_DEPS})
+    target_link_libraries(${name} PUBLIC ${dep})
+  endforeach()
+
+  add_library(${name}_static STATIC $<TARGET_OBJECTS:${name}_obj>)
+  target_include_directories(${name}_static PUBLIC
+    ${CMAKE_CURRENT_SOURCE_DIR}/Headers ${CMAKE_CURRENT_SOURCE_DIR}/Source ${CMAKE_BINARY_DIR}/generated)
+  set(static_deps)
+  foreach(dep ${P_PUBLIC_DEPS})
+    list(APPEND static_deps ${dep}_static)
+  endforeach()
+  target_link_libraries(${name}_static PUBLIC ${static_deps} ${P_PRIVATE_DEPS} hv_options)
+endfunction()
+
+# hv_add_test_suite(NAME DIR LIBS...): one GoogleTest executable from DIR/*.cpp.
+function(hv_add_test_suite name dir)
+  file(GLOB srcs CONFIGURE_DEPENDS ${dir}/*.cpp)
+  if(NOT srcs)
+    return()
+  endif()
+  add_executable(${name} ${srcs})
+  target_link_libraries(${name} PRIVATE ${ARGN} GTest::gtest_main GTest::gmock hv_options)
+  target_compile_definitions(${name} PRIVATE
+    HV_SOURCE_DIR="${CMAKE_SOURCE_DIR}" HV_BINARY_DIR="${CMAKE_BINARY_DIR}")
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
+                       PROPERTIES ENVIRONMENT "HV_SOURCE_DIR=${CMAKE_SOURCE_DIR};HV_BINARY_DIR=${CMAKE_BINARY_DIR}")
+endfunction()

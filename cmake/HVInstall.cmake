@@ -1,0 +1,34 @@
+# Install rules: headers, libraries, pkg-config files and the CMake package.
+include(CMakePackageConfigHelpers)
+
+install(DIRECTORY RtCore/Headers/RtCore DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(DIRECTORY RtNetwork/Headers/RtNetwork DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(DIRECTORY HalvosCore/Headers/HalvosCore DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES ${CMAKE_BINARY_DIR}/generated/HalvosCore/HVVersion.h
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/HalvosCore)
+
+set(hv_installed_libs)
+foreach(lib RtCore RtNetwork HalvosCore)
+  if(TARGET ${lib})
+    list(APPEND hv_installed_libs ${lib})
+  endif()
+endforeach()
+install(TARGETS ${hv_installed_libs} EXPORT HalvosCoreTargets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+        INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(EXPORT HalvosCoreTargets NAMESPACE HalvosCore::
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/HalvosCore)
+configure_package_config_file(cmake/HalvosCoreConfig.cmake.in
+  ${CMAKE_BINARY_DIR}/HalvosCoreConfig.cmake
+  INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/HalvosCore)
+write_basic_package_version_file(${CMAKE_BINARY_DIR}/HalvosCoreConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_BINARY_DIR}/HalvosCoreConfig.cmake ${CMAKE_BINARY_DIR}/HalvosCoreConfigVersion.cmake
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/HalvosCore)
+
+foreach(pc RtCore RtNetwork HalvosCore)
+  configure_file(cmake/${pc}.pc.in ${CMAKE_BINARY_DIR}/${pc}.pc @ONLY)
+  install(FILES ${CMAKE_BINARY_DIR}/${pc}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endforeach()
