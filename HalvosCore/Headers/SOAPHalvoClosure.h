@@ -1,0 +1,61 @@
+// SOAPHalvoClosure: the SOAP 1.1 client invocation and the SOAP protocol handler.
+// Both keep the protocol constant they were made for (kHVSOAP1999Protocol or
+// kHVSOAP2001Protocol, compared by identity), which picks the XML Schema flavour. The invocation
+// keeps the method name and builds a temporary handler, parented to itself, for each request and
+// reply; the handler writes and reads envelopes and serves the server side directly.
+// Used by one thread at a time; no locks.
+#pragma once
+
+#include "HalvoClosure.h"
+
+class XMLBuffer;
+
+class SOAPHalvoMethodInvocation : public HalvoMethodInvocation {
+public:
+    // From an agreement dictionary; the method name comes from "MethodName".
+    SOAPHalvoMethodInvocation(RtStringRef protocolKind, RtDictionaryRef agreement);
+    SOAPHalvoMethodInvocation(RtStringRef protocolKind, RtURLRef url, RtStringRef methodName);
+    ~SOAPHalvoMethodInvocation() override;
+
+    RtDictionaryRef copyAgreement() override;
+    RtDataRef constructMessage(AutoString &contentType) override;
+    void parseReply(HalvoResult *result, RtTreeRef tree) override;
+    HVRunLoopSource *createRunLoopSource() override;
+
+    RtStringRef getMethodName() const { return fMethodName; }
+    RtStringRef getProtocolKind() const { return fProtocolKind; }
+    RtStringRef getMethodNamespace();
+
+protected:
+    RtStringRef fMethodName;
+    RtStringRef fProtocolKind;
+};
+
+class SOAPProtocolHandler : public HVProtocolHandler {
+public:
+    explicit SOAPProtocolHandler(RtStringRef protocolKind);
+    ~SOAPProtocolHandler() override;
+
+    RtDataRef createRequest(RtStringRef methodName, RtDictionaryRef parameters, RtArrayRef order,
+                            RtDictionaryRef extras) override;
+    RtDictionaryRef parsePostData(RtDataRef data, RtStringEncoding encoding, AutoString *errorString) override;
+    RtDictionaryRef parseReplyData(RtStringRef methodName, RtDataRef data, RtStringEncoding encoding,
+                                   AutoString *errorString) override;
+    RtDataRef createReply(RtDictionaryRef context, RtTypeRef returnValue) override;
+    RtDataRef createFault(RtDictionaryRef context, RtDictionaryRef faultDict) override;
+
+    RtStringRef getProtocolKind() const { return fProtocolKind; }
+    // Fills result from the envelope of a reply to methodName.
+    void parseReply(HalvoResult *result, RtStringRef methodName, RtTreeRef tree);
+    // The kHVSOAPMethodNamespaceURI property, or a placeholder URI.
+    RtStringRef getMethodNamespace();
+    // Writes one named value as a SOAP-encoded element at indentation level.
+    void serialize(XMLBuffer *buffer, int level, RtStringRef name, RtTypeRef value);
+    // "ur-type" for SOAP-1999, else "anyType".
+    RtStringRef heterogeneousArrayTypeName();
+    // "timeInstant" for SOAP-1999, else "dateTime".
+    RtStringRef dateTimeEncoding();
+
+protected:
+    RtStringRef fProtocolKind;
+};

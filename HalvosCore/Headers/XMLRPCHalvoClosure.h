@@ -1,0 +1,46 @@
+// XMLRPCHalvoClosure: the XML-RPC client invocation and the XML-RPC protocol handler.
+// The invocation keeps the method name and builds a temporary handler, parented to itself, to
+// write each request and read each reply. The handler writes methodCall, methodResponse and
+// fault documents and reads them back; it serves the server side directly.
+// Used by one thread at a time; no locks.
+#pragma once
+
+#include "HalvoClosure.h"
+
+class XMLBuffer;
+
+class XMLRPCHalvoMethodInvocation : public HalvoMethodInvocation {
+public:
+    // Retains methodName (NULL stays NULL).
+    XMLRPCHalvoMethodInvocation(RtURLRef url, RtStringRef methodName);
+    // From an agreement dictionary; the method name comes from "MethodName".
+    explicit XMLRPCHalvoMethodInvocation(RtDictionaryRef agreement);
+    ~XMLRPCHalvoMethodInvocation() override;
+
+    RtDictionaryRef copyAgreement() override;
+    RtDataRef constructMessage(AutoString &contentType) override;
+    void parseReply(HalvoResult *result, RtTreeRef tree) override;
+    HVRunLoopSource *createRunLoopSource() override;
+
+protected:
+    RtStringRef fMethodName;
+};
+
+class XMLRPCProtocolHandler : public HVProtocolHandler {
+public:
+    XMLRPCProtocolHandler() = default;
+    ~XMLRPCProtocolHandler() override = default;
+
+    RtDataRef createRequest(RtStringRef methodName, RtDictionaryRef parameters, RtArrayRef order,
+                            RtDictionaryRef extras) override;
+    RtDictionaryRef parsePostData(RtDataRef data, RtStringEncoding encoding, AutoString *errorString) override;
+    RtDictionaryRef parseReplyData(RtStringRef methodName, RtDataRef data, RtStringEncoding encoding,
+                                   AutoString *errorString) override;
+    RtDataRef createReply(RtDictionaryRef context, RtTypeRef returnValue) override;
+    RtDataRef createFault(RtDictionaryRef context, RtDictionaryRef faultDict) override;
+
+    // Fills result from a methodResponse document's tree.
+    void parseReply(HalvoResult *result, RtTreeRef tree);
+    // Writes one value element for value at indentation level.
+    void serialize(XMLBuffer *buffer, int level, const void *value);
+};
