@@ -55,14 +55,22 @@ function(hv_add_product name)
   target_link_libraries(${name}_static PUBLIC ${static_deps} ${P_PRIVATE_DEPS} hv_options)
 endfunction()
 
-# hv_add_test_suite(NAME DIR LIBS...): one GoogleTest executable from DIR/*.cpp.
+# hv_add_test_suite(NAME DIR LIBS...): one GoogleTest executable from DIR/*.cpp (or from the
+# single file DIR), linked with the test servers of tests/support when they are built.
 function(hv_add_test_suite name dir)
-  file(GLOB srcs CONFIGURE_DEPENDS ${dir}/*.cpp)
+  if(EXISTS ${dir} AND NOT IS_DIRECTORY ${dir})
+    set(srcs ${dir})
+  else()
+    file(GLOB srcs CONFIGURE_DEPENDS ${dir}/*.cpp)
+  endif()
   if(NOT srcs)
     return()
   endif()
   add_executable(${name} ${srcs})
   target_link_libraries(${name} PRIVATE ${ARGN} GTest::gtest_main GTest::gmock hv_options)
+  if(TARGET hvtestsupport)
+    target_link_libraries(${name} PRIVATE hvtestsupport)
+  endif()
   target_compile_definitions(${name} PRIVATE
     HV_SOURCE_DIR="${CMAKE_SOURCE_DIR}" HV_BINARY_DIR="${CMAKE_BINARY_DIR}")
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60

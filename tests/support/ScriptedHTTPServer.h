@@ -1,0 +1,100 @@
+// ScriptedHTTPServer: a well-behaved HTTP/1.1 server on 127.0.0.1 with replies scripted by the test.
+// Owns a libmicrohttpd daemon (one thread per connection) and the record of every request.
+// Handlers run on the daemon's connection threads, several at once when clients open several
+// connections: state they share with the test needs its own lock.
+//
+// Contract:
+// - The constructor starts the server on an ephemeral port (port() reads it back); the
+//   destructor stops it, closing open connections and cutting short any reply delay.
+// - route(method, path, handler): requests whose method equals method ("*": any) and whose
+//   target without its query equals path ("*": any) go to handler. Later routes win over
+//   earlier ones. An unrouted request gets 404 with a text body.
+// - Every complete request is recorded before its handler runs: requests(), lastRequest().
+// - connectionCount() counts TCP connections accepted, so two requests over one kept-alive
+//   connection count one.
+// - Replies carry the standard reason phrase for their status; Content-Length (or chunked
+//   framing) and Date are written by the server. Scripts that need another status line or lying
+//   framing belong to FaultServer.
+#ifndef HV_TESTS_SUPPORT_SCRIPTEDHTTPSERVER_H
+#define HV_TESTS_SUPPORT_SCRIPTEDHTTPSERVER_H
+
+#include "HTTPRecord.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+struct MHD_Daemon;
+
+namespace hvtest {
+
+struct ScriptedReply {
+    int status = 200;
+    HTTPHeaders headers;                  // sent in this order
+    std::string body;                     // sent bodyRepeat times in a row
+    size_t bodyRepeat = 1;                // a large reply without a large string (1000 x 100 KB)
+    std::chrono::milliseconds delay{0};   // waited before the reply, on the connection's thread
+    bool http10 = false;                  // status line "HTTP/1.0", connection closed after the reply
+    bool chunked = false;                 // HTTP/1.1 chunked framing instead of Content-Length
+
+    // A reply with a Content-Type field and a body.
+    static ScriptedReply with(int status, std::string contentType, std::string body);
+    static ScriptedReply xml(std::string body) { return with(200, "text/xml", std::move(body)); }
+};
+
+using ScriptedHandler = std::function<ScriptedReply(const RecordedRequest &)>;
+
+class ScriptedHTTPServer {
+  public:
+    // Starts at once; throws std::runtime_error when the daemon cannot start.
+    ScriptedHTTPServer();
+    ~ScriptedHTTPServer();
+    ScriptedHTTPServer(const ScriptedHTTPServer &) = delete;
+    ScriptedHTTPServer &operator=(const ScriptedHTTPServer &) = delete;
+
+    uint16_t port() const { return fPort; }
+    // "http://127.0.0.1:<port>" followed by path.
+    std::string url(const std::string &path = "/") const;
+
+    void route(std::string method, std::string path, ScriptedHandler handler);
+    // Shorthand: every request to path gets a copy of reply.
+    void reply(std::string method, std::string path, ScriptedReply reply);
+
+    std::vector<RecordedRequest> requests() const;
+    RecordedRequest lastRequest() const; // an empty record when none arrived
+    size_t requestCount() const;
+    size_t connectionCount() const;
+    // Waits until at least count requests arrived or timeout passed; true when they did.
+    bool waitForRequests(size_t count, std::chrono::milliseconds timeout) const;
+    // Forgets the recorded requests and the connection count (routes stay).
+    void clearRecords();
+
+  private:
+    struct Route {
+        std::string fMethod, fPath;
+        ScriptedHandler fHandler;
+    };
+    struct Exchange;
+    friend struct ScriptedHTTPServerCallbacks;
+
+    ScriptedReply dispatch(const RecordedRequest &request);
+    void record(const RecordedRequest &request);
+    bool waitUnlessStopping(std::chrono::milliseconds delay);
+
+    MHD_Daemon *fDaemon = nullptr;
+    uint16_t fPort = 0;
+    mutable std::mutex fLock;
+    mutable std::condition_variable fChanged;
+    bool fStopping = false;
+    std::vector<Route> fRoutes;
+    std::vector<RecordedRequest> fRequests;
+    size_t fConnections = 0;
+};
+
+} // namespace hvtest
+
+#endif
