@@ -113,7 +113,9 @@ RtIndex RtGetRetainCount(RtTypeRef obj) {
     return static_cast<RtIndex>(rc);
 }
 
-RtTypeID RtGetTypeID(RtTypeRef obj) { return obj ? rt::classOf(obj)->typeID : kRtNotATypeID; }
+RtTypeID RtGetTypeID(RtTypeRef obj) {
+    return obj ? rt::classOf(obj)->typeID : kRtNotATypeID;
+}
 
 bool RtEqual(RtTypeRef a, RtTypeRef b) {
     if (a == b) return true;
@@ -150,12 +152,17 @@ RtStringRef RtCopyDescription(RtTypeRef obj) {
     if (cls->copyDebugDesc) {
         if (RtStringRef s = cls->copyDebugDesc(obj)) return s;
     }
+    // A class that only says how it prints with %@ is described the same way.
+    if (cls->copyFormattingDesc) {
+        if (RtStringRef s = cls->copyFormattingDesc(obj, nullptr)) return s;
+    }
     return genericDescription(obj);
 }
 
 RtStringRef RtCopyTypeIDDescription(RtTypeID typeID) {
     const RtRuntimeClass *cls = RtRuntimeGetClassWithTypeID(typeID);
-    return cls ? RtStringCreateWithCString(kRtAllocatorDefault, cls->className, kRtStringEncodingUTF8) : nullptr;
+    return cls ? RtStringCreateWithCString(kRtAllocatorDefault, cls->className, kRtStringEncodingUTF8)
+               : nullptr;
 }
 
 void RtShow(RtTypeRef obj) {
@@ -168,4 +175,6 @@ void RtShow(RtTypeRef obj) {
     RtRelease(desc);
 }
 
-long RtRuntimeGetLiveObjectCount(void) { return gLiveObjects.load(std::memory_order_relaxed); }
+long RtRuntimeGetLiveObjectCount(void) {
+    return gLiveObjects.load(std::memory_order_relaxed);
+}

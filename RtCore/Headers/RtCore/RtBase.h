@@ -71,8 +71,9 @@ typedef const struct __RtDictionary *RtDictionaryRef;
 
 /* The class record. Every callback except `init`/`finalize` receives the object. `equal` is
  * only called with two objects of the same class. `copyFormattingDesc` gives the text "%@"
- * prints; `copyDebugDesc` the text of RtCopyDescription. Either may be NULL (a generic
- * "<ClassName 0x...>" is used). `copy` is reserved (NULL). */
+ * prints; `copyDebugDesc` the text of RtCopyDescription. Either may be NULL: a class without a
+ * debug description is described by its formatting description, and one without both by a
+ * generic "<ClassName 0x...>". `copy` is reserved (NULL). */
 typedef struct {
     RtIndex version;
     const char *className;

@@ -74,6 +74,14 @@ RT_EXPORT RtStringRef RtStringCreateWithCString(RtAllocatorRef alloc, const char
  * mark is honoured and dropped (UTF-16/32). NULL for invalid bytes. */
 RT_EXPORT RtStringRef RtStringCreateWithBytes(RtAllocatorRef alloc, const uint8_t *bytes, RtIndex numBytes,
                                               RtStringEncoding encoding, bool isExternalRepresentation);
+/* A new string over cStr's bytes, used in place without copying when encoding is Latin 1 or the
+ * default 8-bit encoding, or the bytes are plain ASCII in ASCII, UTF-8 or Windows Latin 1;
+ * otherwise the text is converted into a copy at once. contentsDeallocator says what becomes
+ * of cStr: kRtAllocatorNull leaves it alone (it must outlive the string, unchanged), NULL or
+ * kRtAllocatorMalloc frees it with free() when it is no longer needed. NULL on invalid bytes. */
+RT_EXPORT RtStringRef RtStringCreateWithCStringNoCopy(RtAllocatorRef alloc, const char *cStr,
+                                                      RtStringEncoding encoding,
+                                                      RtAllocatorRef contentsDeallocator);
 RT_EXPORT RtStringRef RtStringCreateWithCharacters(RtAllocatorRef alloc, const RtUniChar *chars, RtIndex numChars);
 /* An immutable copy (may return str retained when str is already immutable). */
 RT_EXPORT RtStringRef RtStringCreateCopy(RtAllocatorRef alloc, RtStringRef str);

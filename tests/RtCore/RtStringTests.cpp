@@ -1,0 +1,297 @@
+// Strings: formatting, uniquing, encodings, UTF-16 indexing, comparison, search and replace.
+#include <RtCore/RtCore.h>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+// The UTF-8 text of s ("<NULL>" for a null string), for readable assertions.
+std::string text(RtStringRef s) {
+    if (!s) return "<NULL>";
+    RtIndex size = RtStringGetMaximumSizeForEncoding(RtStringGetLength(s), kRtStringEncodingUTF8) + 1;
+    std::string out(size_t(size), '\0');
+    if (!RtStringGetCString(s, &out[0], size, kRtStringEncodingUTF8)) return "<UNCONVERTIBLE>";
+    out.resize(std::strlen(out.c_str()));
+    return out;
+}
+
+// Formats and returns the text, releasing the string.
+template <typename... Args> std::string fmt(RtStringRef format, Args... args) {
+    RtStringRef s = RtStringCreateWithFormat(nullptr, nullptr, format, args...);
+    std::string t = text(s);
+    RtRelease(s);
+    return t;
+}
+
+// Formats a non-constant copy of the format too, so both the cached and the one-pass parser run.
+template <typename... Args> std::string fmtBoth(const char *format, Args... args) {
+    RtStringRef fresh = RtStringCreateWithCString(nullptr, format, kRtStringEncodingUTF8);
+    std::string a = fmt(fresh, args...);
+    std::string b = fmt(__RtStringMakeConstantString(format), args...);
+    RtRelease(fresh);
+    EXPECT_EQ(a, b) << format;
+    return a;
+}
+
+template <typename... Args> std::string cfmt(const char *format, Args... args) {
+    char buf[4096];
+    std::snprintf(buf, sizeof buf, format, args...);
+    return buf;
+}
+
+RtStringRef make(const char *utf8) {
+    return RtStringCreateWithCString(nullptr, utf8, kRtStringEncodingUTF8);
+}
+
+class RtStringTest : public ::testing::Test {
+  protected:
+    void SetUp() override { fLive = RtRuntimeGetLiveObjectCount(); }
+    void TearDown() override { EXPECT_EQ(RtRuntimeGetLiveObjectCount(), fLive) << "a string leaked"; }
+    long fLive = 0;
+};
+
+TEST_F(RtStringTest, FormatsCConversionsLikeSnprintf) {
+    EXPECT_EQ(fmtBoth("%d %i %u", -42, 7, 4000000000u), "-42 7 4000000000");
+    EXPECT_EQ(fmtBoth("%ld %lld %llu", -1234567890123L, (long long)INT64_MIN, (unsigned long long)UINT64_MAX),
+              cfmt("%ld %lld %llu", -1234567890123L, (long long)INT64_MIN, (unsigned long long)UINT64_MAX));
+    EXPECT_EQ(fmtBoth("%x %X %o %#x %#o", 0xbeefu, 0xbeefu, 8u, 255u, 8u), "beef BEEF 10 0xff 010");
+    EXPECT_EQ(fmtBoth("%hhd %hd %hhu %zu %jd %td", 300, 70000, 257, size_t(12), intmax_t(-3), ptrdiff_t(-4)),
+              cfmt("%hhd %hd %hhu %zu %jd %td", 300, 70000, 257, size_t(12), intmax_t(-3), ptrdiff_t(-4)));
+    EXPECT_EQ(fmtBoth("[%5d|%-5d|%05d|%+d|% d|%.3d]", 42, 42, 42, 42, 42, 7),
+              "[   42|42   |00042|+42| 42|007]");
+    EXPECT_EQ(fmtBoth("[%*d|%-*d|%.*d]", 4, 1, 3, 2, 4, 3), "[   1|2  |0003]");
+    EXPECT_EQ(fmtBoth("[%*d]", -4, 9), "[9   ]");
+
+    double values[] = {0.0, -0.0, 1.0, 0.1, 3.14159265358979, 1e-7, 123456789.0, 1e300, -2.5e-300, 1.0 / 3};
+    const char *formats[] = {"%g",     "%.8g",     "%e",  "%f", "%E",    "%G", "%.2f",
+                             "%10.3f", "%-12.4e|", "%+g", "%a", "%.17g", "%#g"};
+    for (double v : values)
+        for (const char *f : formats)
+            EXPECT_EQ(fmtBoth(f, v), cfmt(f, v)) << f << " " << v;
+    EXPECT_EQ(fmtBoth("%Lg", 1.5L), "1.5");
+    EXPECT_EQ(fmtBoth("%g %f", HUGE_VAL, -HUGE_VAL), cfmt("%g %f", HUGE_VAL, -HUGE_VAL));
+
+    int local = 0;
+    EXPECT_EQ(fmtBoth("%p", static_cast<void *>(&local)), cfmt("%p", static_cast<void *>(&local)));
+    EXPECT_EQ(fmtBoth("%p", static_cast<void *>(nullptr)), cfmt("%p", static_cast<void *>(nullptr)));
+    EXPECT_EQ(fmtBoth("%c%c%c", 'a', 'B', '!'), "aB!");
+    EXPECT_EQ(fmtBoth("100%% %d%%", 5), "100% 5%");
+}
+
+TEST_F(RtStringTest, FormatsStringsAndObjects) {
+    EXPECT_EQ(fmtBoth("<%s>", "plain"), "<plain>");
+    EXPECT_EQ(fmtBoth("<%.*s>", 3, "abcdef"), "<abc>");
+    char unterminated[4] = {'w', 'x', 'y', 'z'}; // %.*s may be handed an array without a NUL
+    EXPECT_EQ(fmtBoth("%.*s", 4, unterminated), "wxyz");
+    EXPECT_EQ(fmtBoth("[%6s|%-6s|%.2s]", "ab", "cd", "efg"), "[    ab|cd    |ef]");
+    EXPECT_EQ(fmtBoth("%s", "gr\xc3\xbc\xc3\x9f \xe2\x82\xac"), "gr\xc3\xbc\xc3\x9f \xe2\x82\xac");
+    EXPECT_EQ(fmtBoth("%.3s", "\xc3\xa9\xc3\xa9"), "\xc3\xa9") << "precision never cuts a UTF-8 sequence";
+    EXPECT_EQ(fmtBoth("%s", static_cast<const char *>(nullptr)), "(null)");
+
+    RtStringRef name = make("name");
+    RtStringRef wide = make("\xe2\x82\xac\xf0\x9f\x98\x80"); // euro sign and an emoji
+    EXPECT_EQ(fmtBoth("<%@>%d</%@>", name, 5, name), "<name>5</name>");
+    EXPECT_EQ(fmtBoth("%@", static_cast<RtTypeRef>(nullptr)), "(null)");
+    EXPECT_EQ(fmtBoth("[%@|%8@|%-6@|%.2@]", wide, name, name, name),
+              "[\xe2\x82\xac\xf0\x9f\x98\x80|    name|name  |na]");
+    RtMutableStringRef m = RtStringCreateMutableCopy(nullptr, 0, name);
+    RtStringAppendCString(m, "!", kRtStringEncodingASCII);
+    EXPECT_EQ(fmtBoth("%@", m), "name!");
+
+    const RtUniChar units[] = {'h', 0xE9, 0x4E16, 0};
+    EXPECT_EQ(fmtBoth("%S|%C|%C", units, RtUniChar(0x263A), RtUniChar('x')),
+              "h\xc3\xa9\xe4\xb8\x96|\xe2\x98\xba|x");
+
+    // A non-ASCII format, a '%' that starts no conversion, and a trailing lone '%'.
+    EXPECT_EQ(fmtBoth("\xc3\xa9t\xc3\xa9 %d \xe2\x82\xac", 3), "\xc3\xa9t\xc3\xa9 3 \xe2\x82\xac");
+    EXPECT_EQ(fmtBoth("50%k %d%", 1), "50%k 1%");
+
+    // Long results leave the stack buffer.
+    std::string big(5000, 'q');
+    EXPECT_EQ(fmtBoth("%s-%s", big.c_str(), big.c_str()), big + "-" + big);
+    EXPECT_EQ(fmtBoth("%600d", 1), cfmt("%600d", 1));
+
+    RtStringAppendFormat(m, nullptr, RTSTR(" %d %@"), 12, wide);
+    EXPECT_EQ(text(m), "name! 12 \xe2\x82\xac\xf0\x9f\x98\x80");
+    RtStringAppendFormat(m, nullptr, RTSTR("%@"), m); // appending the string to itself
+    EXPECT_EQ(text(m), "name! 12 \xe2\x82\xac\xf0\x9f\x98\x80name! 12 \xe2\x82\xac\xf0\x9f\x98\x80");
+    EXPECT_EQ(RtStringCreateWithFormat(nullptr, nullptr, nullptr), nullptr);
+    RtRelease(m);
+    RtRelease(name);
+    RtRelease(wide);
+}
+
+TEST_F(RtStringTest, ConstantsAreUniquedImmortalAndFoundAgain) {
+    RtStringRef a = RTSTR("HVUniqueKey");
+    RtStringRef b = __RtStringMakeConstantString("HVUniqueKey");
+    EXPECT_EQ(a, b);
+    EXPECT_EQ(RTSTR("\xc3\xa9l\xc3\xa8ve"), __RtStringMakeConstantString("\xc3\xa9l\xc3\xa8ve"));
+    EXPECT_NE(RTSTR("HVUniqueKey"), RTSTR("HVOtherKey"));
+    RtRelease(a);
+    RtRelease(a);
+    RtRetain(a);
+    EXPECT_GT(RtGetRetainCount(a), 1000000);
+    EXPECT_EQ(text(a), "HVUniqueKey");
+
+    RtStringRef fresh = make("HVUniqueKey");
+    EXPECT_NE(fresh, a) << "strings made at run time are never the constant";
+    EXPECT_TRUE(RtEqual(fresh, a));
+    EXPECT_EQ(RtHash(fresh), RtHash(a));
+    EXPECT_EQ(RtStringGetRegisteredConstant(fresh), a);
+    EXPECT_EQ(RtStringGetRegisteredConstant(a), a);
+    RtStringRef unknown = make("never made as a constant");
+    EXPECT_EQ(RtStringGetRegisteredConstant(unknown), nullptr);
+    RtStringRef accented = make("\xc3\xa9l\xc3\xa8ve");
+    EXPECT_EQ(RtStringGetRegisteredConstant(accented), RTSTR("\xc3\xa9l\xc3\xa8ve"));
+    RtRelease(fresh);
+    RtRelease(unknown);
+    RtRelease(accented);
+
+    // Many threads racing to make the same constants all get the same objects.
+    std::vector<RtStringRef> seen(8 * 50);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; t++)
+        threads.emplace_back([t, &seen] {
+            for (int i = 0; i < 50; i++) {
+                char name[32];
+                std::snprintf(name, sizeof name, "race-%d", i);
+                seen[size_t(t * 50 + i)] = __RtStringMakeConstantString(name);
+            }
+        });
+    for (auto &th : threads)
+        th.join();
+    for (int t = 1; t < 8; t++)
+        for (int i = 0; i < 50; i++)
+            EXPECT_EQ(seen[size_t(t * 50 + i)], seen[size_t(i)]);
+}
+
+TEST_F(RtStringTest, EqualityAndHashIgnoreStorage) {
+    // The same text stored as Latin-1 bytes and as UTF-16 units (a mutable string that once held
+    // a non-Latin-1 character stays 16-bit).
+    RtStringRef narrow = make("caf\xc3\xa9 au lait, long enough for several words");
+    RtMutableStringRef wide = RtStringCreateMutable(nullptr, 0);
+    const RtUniChar euro = 0x20AC;
+    RtStringAppendCharacters(wide, &euro, 1);
+    RtStringAppend(wide, narrow);
+    RtStringDelete(wide, RtRangeMake(0, 1));
+    EXPECT_TRUE(RtEqual(narrow, wide));
+    EXPECT_EQ(RtHash(narrow), RtHash(wide));
+    RtStringRef copy = RtStringCreateCopy(nullptr, wide);
+    EXPECT_TRUE(RtEqual(copy, narrow));
+    EXPECT_EQ(RtHash(copy), RtHash(narrow));
+
+    RtStringRef other = make("caf\xc3\xa9 au lait, long enough for several wordz");
+    EXPECT_FALSE(RtEqual(narrow, other));
+    EXPECT_NE(RtHash(narrow), RtHash(other));
+    EXPECT_FALSE(RtEqual(narrow, nullptr));
+
+    RtStringRef same = RtStringCreateCopy(nullptr, narrow);
+    EXPECT_EQ(same, narrow) << "copying an immutable string shares it";
+    RtRelease(same);
+    RtRelease(narrow);
+    RtRelease(wide);
+    RtRelease(copy);
+    RtRelease(other);
+}
+
+TEST_F(RtStringTest, DescriptionsAreTheTextOrQuoted) {
+    RtStringRef s = make("say \"hi\"\n");
+    RtStringRef f = RtCopyFormattingDescription(s);
+    EXPECT_EQ(text(f), "say \"hi\"\n");
+    RtStringRef d = RtCopyDescription(s);
+    EXPECT_EQ(text(d), "\"say \\\"hi\\\"\\n\"");
+    RtStringRef n = RtCopyFormattingDescription(nullptr);
+    EXPECT_EQ(text(n), "(null)");
+    RtStringRef t = RtCopyTypeIDDescription(RtStringGetTypeID());
+    EXPECT_EQ(text(t), "RtString");
+    for (RtStringRef x : {s, f, d, n, t})
+        RtRelease(x);
+}
+
+TEST_F(RtStringTest, IndexesInUTF16UnitsWithNonBMPCharacters) {
+    // "a" U+1F600 "b" U+00E9: five UTF-16 units.
+    RtStringRef s = make("a\xf0\x9f\x98\x80"
+                         "b\xc3\xa9");
+    ASSERT_NE(s, nullptr);
+    EXPECT_EQ(RtStringGetLength(s), 5);
+    EXPECT_EQ(RtStringGetCharacterAtIndex(s, 1), 0xD83D);
+    EXPECT_EQ(RtStringGetCharacterAtIndex(s, 2), 0xDE00);
+    EXPECT_EQ(RtStringGetCharacterAtIndex(s, 4), 0xE9);
+    EXPECT_EQ(RtStringGetCharacterAtIndex(s, 5), 0);
+    RtUniChar units[3] = {};
+    RtStringGetCharacters(s, RtRangeMake(1, 3), units);
+    EXPECT_EQ(units[0], 0xD83D);
+    EXPECT_EQ(units[2], 'b');
+
+    RtStringRef emoji = RtStringCreateWithSubstring(nullptr, s, RtRangeMake(1, 2));
+    EXPECT_EQ(text(emoji), "\xf0\x9f\x98\x80");
+    EXPECT_EQ(RtStringCreateWithSubstring(nullptr, s, RtRangeMake(4, 2)), nullptr);
+    RtRange r = RtStringFind(s, RTSTR("b"), 0);
+    EXPECT_EQ(r.location, 3);
+    RtRange e = RtStringFind(s, emoji, 0);
+    EXPECT_EQ(e.location, 1);
+    EXPECT_EQ(e.length, 2);
+    RtStringRef fromUnits = RtStringCreateWithCharacters(nullptr, units, 3);
+    EXPECT_EQ(RtStringGetLength(fromUnits), 3);
+    RtRelease(fromUnits);
+    RtRelease(emoji);
+    RtRelease(s);
+}
+
+TEST_F(RtStringTest, CStringPointerOnlyForDirectlyUsableText) {
+    RtStringRef ascii = make("plain");
+    EXPECT_STREQ(RtStringGetCStringPtr(ascii, kRtStringEncodingUTF8), "plain");
+    EXPECT_STREQ(RtStringGetCStringPtr(ascii, kRtStringEncodingASCII), "plain");
+    EXPECT_STREQ(RtStringGetCStringPtr(ascii, kRtStringEncodingISOLatin1), "plain");
+    EXPECT_EQ(RtStringGetCStringPtr(ascii, kRtStringEncodingUTF16), nullptr);
+    RtStringRef latin = make("caf\xc3\xa9");
+    EXPECT_EQ(RtStringGetCStringPtr(latin, kRtStringEncodingUTF8), nullptr);
+    EXPECT_STREQ(RtStringGetCStringPtr(latin, kRtStringEncodingISOLatin1), "caf\xe9");
+    EXPECT_EQ(RtStringGetCStringPtr(nullptr, kRtStringEncodingUTF8), nullptr);
+
+    char small[4];
+    EXPECT_FALSE(RtStringGetCString(ascii, small, sizeof small, kRtStringEncodingUTF8)) << "does not fit";
+    char buf[16];
+    EXPECT_TRUE(RtStringGetCString(latin, buf, sizeof buf, kRtStringEncodingUTF8));
+    EXPECT_STREQ(buf, "caf\xc3\xa9");
+    EXPECT_FALSE(RtStringGetCString(latin, buf, sizeof buf, kRtStringEncodingASCII)) << "no loss byte";
+
+    static const char kStatic[] = "no copy made";
+    RtStringRef wrapped =
+        RtStringCreateWithCStringNoCopy(nullptr, kStatic, kRtStringEncodingASCII, kRtAllocatorNull);
+    EXPECT_EQ(RtStringGetCStringPtr(wrapped, kRtStringEncodingUTF8), kStatic);
+    EXPECT_EQ(fmt(wrapped), "no copy made");
+    char *owned = strdup("freed with the string");
+    RtStringRef ownedString = RtStringCreateWithCStringNoCopy(nullptr, owned, kRtStringEncodingUTF8, nullptr);
+    EXPECT_EQ(text(ownedString), "freed with the string");
+    for (RtStringRef x : {ascii, latin, wrapped, ownedString})
+        RtRelease(x);
+}
+
+TEST_F(RtStringTest, RejectsBadArgumentsWithoutCrashing) {
+    EXPECT_EQ(RtStringCreateWithCString(nullptr, nullptr, kRtStringEncodingUTF8), nullptr);
+    EXPECT_EQ(RtStringCreateWithCString(nullptr, "x", 0x12345), nullptr);
+    EXPECT_EQ(RtStringCreateWithCString(nullptr, "\xc3(", kRtStringEncodingUTF8), nullptr);
+    EXPECT_EQ(RtStringCreateWithCString(nullptr, "\xed\xa0\x80", kRtStringEncodingUTF8), nullptr)
+        << "surrogate";
+    EXPECT_EQ(RtStringCreateWithCString(nullptr, "\xc0\xaf", kRtStringEncodingUTF8), nullptr) << "overlong";
+    EXPECT_EQ(RtStringCreateWithCString(nullptr, "\xf4\x90\x80\x80", kRtStringEncodingUTF8), nullptr);
+    EXPECT_EQ(RtStringGetLength(nullptr), 0);
+    EXPECT_EQ(RtStringCreateWithBytes(nullptr, nullptr, 3, kRtStringEncodingUTF8, false), nullptr);
+    RtStringRef s = make("immutable");
+    RtStringAppend(const_cast<RtMutableStringRef>(s), s); // an immutable string is never changed
+    EXPECT_EQ(text(s), "immutable");
+    RtStringDelete(nullptr, RtRangeMake(0, 1));
+    RtStringAppendFormat(nullptr, nullptr, RTSTR("%d"), 1);
+    RtRelease(s);
+}
+
+} // namespace
