@@ -49,17 +49,29 @@ FaultScript &FaultScript::stall() {
     return *this;
 }
 
-FaultScript FaultScript::closeBeforeStatus() { return FaultScript().readRequest().close(); }
+FaultScript FaultScript::closeBeforeStatus() {
+    return FaultScript().readRequest().close();
+}
 
-FaultScript FaultScript::resetBeforeStatus() { return FaultScript().readRequest().reset(); }
+FaultScript FaultScript::resetBeforeStatus() {
+    return FaultScript().readRequest().reset();
+}
 
 FaultScript FaultScript::resetMidHeaders() {
-    return FaultScript().readRequest().send("HTTP/1.1 200 OK\r\nContent-Type: text/xml\r\nContent-Le").sleep(kSettle).reset();
+    return FaultScript()
+        .readRequest()
+        .send("HTTP/1.1 200 OK\r\nContent-Type: text/xml\r\nContent-Le")
+        .sleep(kSettle)
+        .reset();
 }
 
 FaultScript FaultScript::resetMidBody() {
     std::string body = kFaultReplyBody;
-    return FaultScript().readRequest().send(xmlHead(body.size()) + body.substr(0, body.size() / 2)).sleep(kSettle).reset();
+    return FaultScript()
+        .readRequest()
+        .send(xmlHead(body.size()) + body.substr(0, body.size() / 2))
+        .sleep(kSettle)
+        .reset();
 }
 
 FaultScript FaultScript::bodyLongerThanLength() {
@@ -80,7 +92,9 @@ FaultScript FaultScript::brokenChunked() {
         .close();
 }
 
-FaultScript FaultScript::neverAnswer() { return FaultScript().readRequest().stall(); }
+FaultScript FaultScript::neverAnswer() {
+    return FaultScript().readRequest().stall();
+}
 
 FaultScript FaultScript::garbageStatusLine() {
     return FaultScript().readRequest().send("SPLORK 42 WHAT\r\nno: headers here\r\n\r\nnonsense").close();
@@ -99,7 +113,9 @@ FaultScript FaultScript::redirectLoop(const std::string &path) {
         .close();
 }
 
-FaultScript FaultScript::raw(std::string bytes) { return FaultScript().readRequest().send(std::move(bytes)).close(); }
+FaultScript FaultScript::raw(std::string bytes) {
+    return FaultScript().readRequest().send(std::move(bytes)).close();
+}
 
 FaultScript FaultScript::reply(const std::string &statusAndReason, const std::string &contentType,
                                const std::string &body) {
@@ -110,12 +126,14 @@ FaultScript FaultScript::reply(const std::string &statusAndReason, const std::st
 FaultServer::FaultServer(FaultScript script) : FaultServer(std::vector<FaultScript>{std::move(script)}) {}
 
 FaultServer::FaultServer(std::vector<FaultScript> scripts) : fScripts(std::move(scripts)) {
-    if (fScripts.empty())
-        fScripts.push_back(FaultScript::closeBeforeStatus());
-    fServer = std::make_unique<LoopbackServer>([this](Socket &connection, size_t index) { run(connection, index); });
+    if (fScripts.empty()) fScripts.push_back(FaultScript::closeBeforeStatus());
+    fServer = std::make_unique<LoopbackServer>(
+        [this](Socket &connection, size_t index) { run(connection, index); });
 }
 
-FaultServer::~FaultServer() { fServer->stop(); }
+FaultServer::~FaultServer() {
+    fServer->stop();
+}
 
 std::string FaultServer::url(const std::string &path) const {
     return "http://127.0.0.1:" + std::to_string(port()) + path;
@@ -140,16 +158,14 @@ void FaultServer::run(Socket &connection, size_t index) {
         switch (action.fStep) {
         case FaultScript::Step::eReadRequest: {
             size_t length = 0;
-            if (!readHTTPMessage(connection.fd(), pending, length, stop, -1))
-                return;
+            if (!readHTTPMessage(connection.fd(), pending, length, stop, -1)) return;
             std::lock_guard<std::mutex> hold(fLock);
             fRequests.push_back(pending.substr(0, length));
             pending.erase(0, length);
             break;
         }
         case FaultScript::Step::eSend:
-            if (!sendAll(connection.fd(), withPort(action.fBytes), stop))
-                return;
+            if (!sendAll(connection.fd(), withPort(action.fBytes), stop)) return;
             break;
         case FaultScript::Step::eTrickle:
             for (char byte : withPort(action.fBytes))
@@ -158,8 +174,7 @@ void FaultServer::run(Socket &connection, size_t index) {
                     return;
             break;
         case FaultScript::Step::eSleep:
-            if (!sleepUnlessStopped(stop, action.fInterval))
-                return;
+            if (!sleepUnlessStopped(stop, action.fInterval)) return;
             break;
         case FaultScript::Step::eClose:
             shutdown(connection.fd(), SHUT_WR);
@@ -171,7 +186,8 @@ void FaultServer::run(Socket &connection, size_t index) {
             connection.reset();
             return;
         case FaultScript::Step::eStall:
-            // Reading keeps the kernel from resetting; the stall ends when the client leaves or the server stops.
+            // Reading keeps the kernel from resetting; the stall ends when the client leaves or the server
+            // stops.
             while (readSome(connection.fd(), pending, stop, -1) > 0)
                 pending.clear();
             return;

@@ -39,13 +39,13 @@ class FaultScript {
     };
 
     // Builders, chainable.
-    FaultScript &readRequest();          // reads one request head and its Content-Length body
+    FaultScript &readRequest(); // reads one request head and its Content-Length body
     FaultScript &send(std::string bytes);
     FaultScript &trickle(std::string bytes, std::chrono::milliseconds interval); // one byte per interval
     FaultScript &sleep(std::chrono::milliseconds duration);
-    FaultScript &close();                // orderly close
-    FaultScript &reset();                // SO_LINGER 0 then close: the client sees a reset
-    FaultScript &stall();                // holds the connection open, silent, until the server stops
+    FaultScript &close(); // orderly close
+    FaultScript &reset(); // SO_LINGER 0 then close: the client sees a reset
+    FaultScript &stall(); // holds the connection open, silent, until the server stops
 
     // Canned faults. Each reads the request first.
     static FaultScript closeBeforeStatus();

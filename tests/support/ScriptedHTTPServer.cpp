@@ -25,8 +25,7 @@ struct BodySource {
 ssize_t _readBody(void *info, uint64_t pos, char *buf, size_t max) {
     auto *source = static_cast<BodySource *>(info);
     uint64_t total = uint64_t(source->fBody.size()) * source->fRepeat;
-    if (pos >= total)
-        return MHD_CONTENT_READER_END_OF_STREAM;
+    if (pos >= total) return MHD_CONTENT_READER_END_OF_STREAM;
     size_t written = 0;
     while (written < max && pos < total) {
         size_t offset = size_t(pos % source->fBody.size());
@@ -38,7 +37,9 @@ ssize_t _readBody(void *info, uint64_t pos, char *buf, size_t max) {
     return ssize_t(written);
 }
 
-void _freeBody(void *info) { delete static_cast<BodySource *>(info); }
+void _freeBody(void *info) {
+    delete static_cast<BodySource *>(info);
+}
 
 MHD_Result _collectHeader(void *info, MHD_ValueKind, const char *name, const char *value) {
     static_cast<HTTPHeaders *>(info)->emplace_back(name ? name : "", value ? value : "");
@@ -60,19 +61,18 @@ struct ScriptedHTTPServerCallbacks {
     }
 
     static void _connectionEvent(void *info, MHD_Connection *, void **, MHD_ConnectionNotificationCode code) {
-        if (code != MHD_CONNECTION_NOTIFY_STARTED)
-            return;
+        if (code != MHD_CONNECTION_NOTIFY_STARTED) return;
         auto *server = static_cast<ScriptedHTTPServer *>(info);
         std::lock_guard<std::mutex> hold(server->fLock);
         ++server->fConnections;
     }
 
     static MHD_Result _handle(void *info, MHD_Connection *connection, const char *, const char *method,
-                              const char *version, const char *upload, size_t *uploadSize, void **requestInfo) {
+                              const char *version, const char *upload, size_t *uploadSize,
+                              void **requestInfo) {
         auto *server = static_cast<ScriptedHTTPServer *>(info);
         auto *exchange = static_cast<ScriptedHTTPServer::Exchange *>(*requestInfo);
-        if (!exchange)
-            return MHD_NO;
+        if (!exchange) return MHD_NO;
         RecordedRequest &request = exchange->fRequest;
         // MHD calls once for the head, once per body piece, and once more when the body is complete.
         if (!exchange->fHeadersSeen) {
@@ -89,8 +89,7 @@ struct ScriptedHTTPServerCallbacks {
         }
         server->record(request);
         ScriptedReply reply = server->dispatch(request);
-        if (reply.delay.count() > 0 && !server->waitUnlessStopping(reply.delay))
-            return MHD_NO;
+        if (reply.delay.count() > 0 && !server->waitUnlessStopping(reply.delay)) return MHD_NO;
 
         bool empty = reply.body.empty() || reply.bodyRepeat == 0;
         uint64_t size = empty ? 0 : uint64_t(reply.body.size()) * reply.bodyRepeat;
@@ -98,14 +97,13 @@ struct ScriptedHTTPServerCallbacks {
             reply.chunked && !reply.http10 ? MHD_SIZE_UNKNOWN : size, 64 * 1024, _readBody,
             new BodySource{empty ? std::string(" ") : std::move(reply.body), empty ? 0 : reply.bodyRepeat},
             _freeBody);
-        if (!response)
-            return MHD_NO;
+        if (!response) return MHD_NO;
         for (const auto &field : reply.headers)
             MHD_add_response_header(response, field.first.c_str(), field.second.c_str());
         if (reply.http10)
-            MHD_set_response_options(response,
-                                     MHD_ResponseFlags(MHD_RF_HTTP_1_0_SERVER | MHD_RF_HTTP_1_0_COMPATIBLE_STRICT),
-                                     MHD_RO_END);
+            MHD_set_response_options(
+                response, MHD_ResponseFlags(MHD_RF_HTTP_1_0_SERVER | MHD_RF_HTTP_1_0_COMPATIBLE_STRICT),
+                MHD_RO_END);
         MHD_Result queued = MHD_queue_response(connection, unsigned(reply.status), response);
         MHD_destroy_response(response);
         return queued;
@@ -126,15 +124,15 @@ ScriptedHTTPServer::ScriptedHTTPServer() {
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     addr.sin_port = 0;
     // One thread per connection keeps a delayed or stalled reply from holding up the others.
-    unsigned flags = MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_AUTO | MHD_USE_ITC;
-    fDaemon = MHD_start_daemon(
-        flags, 0, nullptr, nullptr, &ScriptedHTTPServerCallbacks::_handle, this, MHD_OPTION_SOCK_ADDR, &addr,
-        MHD_OPTION_URI_LOG_CALLBACK, &ScriptedHTTPServerCallbacks::_startRequest, this,
-        MHD_OPTION_NOTIFY_COMPLETED, &ScriptedHTTPServerCallbacks::_completeRequest, this,
-        MHD_OPTION_NOTIFY_CONNECTION, &ScriptedHTTPServerCallbacks::_connectionEvent, this,
-        MHD_OPTION_LISTEN_BACKLOG_SIZE, 256u, MHD_OPTION_END);
-    if (!fDaemon)
-        throw std::runtime_error("ScriptedHTTPServer: the HTTP daemon did not start on 127.0.0.1");
+    unsigned flags =
+        MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_AUTO | MHD_USE_ITC;
+    fDaemon = MHD_start_daemon(flags, 0, nullptr, nullptr, &ScriptedHTTPServerCallbacks::_handle, this,
+                               MHD_OPTION_SOCK_ADDR, &addr, MHD_OPTION_URI_LOG_CALLBACK,
+                               &ScriptedHTTPServerCallbacks::_startRequest, this, MHD_OPTION_NOTIFY_COMPLETED,
+                               &ScriptedHTTPServerCallbacks::_completeRequest, this,
+                               MHD_OPTION_NOTIFY_CONNECTION, &ScriptedHTTPServerCallbacks::_connectionEvent,
+                               this, MHD_OPTION_LISTEN_BACKLOG_SIZE, 256u, MHD_OPTION_END);
+    if (!fDaemon) throw std::runtime_error("ScriptedHTTPServer: the HTTP daemon did not start on 127.0.0.1");
     const MHD_DaemonInfo *info = MHD_get_daemon_info(fDaemon, MHD_DAEMON_INFO_BIND_PORT);
     fPort = info ? info->port : 0;
 }
@@ -167,11 +165,13 @@ ScriptedReply ScriptedHTTPServer::dispatch(const RecordedRequest &request) {
         std::lock_guard<std::mutex> hold(fLock);
         std::string path = request.pathWithoutQuery();
         for (auto it = fRoutes.rbegin(); it != fRoutes.rend() && !handler; ++it)
-            if ((it->fMethod == "*" || it->fMethod == request.method) && (it->fPath == "*" || it->fPath == path))
+            if ((it->fMethod == "*" || it->fMethod == request.method) &&
+                (it->fPath == "*" || it->fPath == path))
                 handler = it->fHandler;
     }
     if (!handler)
-        return ScriptedReply::with(404, "text/plain", "no route for " + request.method + " " + request.path + "\n");
+        return ScriptedReply::with(404, "text/plain",
+                                   "no route for " + request.method + " " + request.path + "\n");
     try {
         return handler(request);
     } catch (const std::exception &e) {

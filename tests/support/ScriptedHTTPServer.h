@@ -34,12 +34,12 @@ namespace hvtest {
 
 struct ScriptedReply {
     int status = 200;
-    HTTPHeaders headers;                  // sent in this order
-    std::string body;                     // sent bodyRepeat times in a row
-    size_t bodyRepeat = 1;                // a large reply without a large string (1000 x 100 KB)
-    std::chrono::milliseconds delay{0};   // waited before the reply, on the connection's thread
-    bool http10 = false;                  // status line "HTTP/1.0", connection closed after the reply
-    bool chunked = false;                 // HTTP/1.1 chunked framing instead of Content-Length
+    HTTPHeaders headers;                // sent in this order
+    std::string body;                   // sent bodyRepeat times in a row
+    size_t bodyRepeat = 1;              // a large reply without a large string (1000 x 100 KB)
+    std::chrono::milliseconds delay{0}; // waited before the reply, on the connection's thread
+    bool http10 = false;                // status line "HTTP/1.0", connection closed after the reply
+    bool chunked = false;               // HTTP/1.1 chunked framing instead of Content-Length
 
     // A reply with a Content-Type field and a body.
     static ScriptedReply with(int status, std::string contentType, std::string body);

@@ -14,24 +14,19 @@
 namespace hvtest {
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-    if (a.size() != b.size())
-        return false;
+    if (a.size() != b.size()) return false;
     for (size_t i = 0; i < a.size(); ++i) {
         char x = a[i], y = b[i];
-        if (x >= 'A' && x <= 'Z')
-            x = char(x - 'A' + 'a');
-        if (y >= 'A' && y <= 'Z')
-            y = char(y - 'A' + 'a');
-        if (x != y)
-            return false;
+        if (x >= 'A' && x <= 'Z') x = char(x - 'A' + 'a');
+        if (y >= 'A' && y <= 'Z') y = char(y - 'A' + 'a');
+        if (x != y) return false;
     }
     return true;
 }
 
 const std::string *findHeader(const HTTPHeaders &headers, std::string_view name) {
     for (const auto &field : headers)
-        if (equalsIgnoringCase(field.first, name))
-            return &field.second;
+        if (equalsIgnoringCase(field.first, name)) return &field.second;
     return nullptr;
 }
 
@@ -62,14 +57,12 @@ int Socket::release() {
 }
 
 void Socket::close() {
-    if (fFd >= 0)
-        ::close(fFd);
+    if (fFd >= 0) ::close(fFd);
     fFd = -1;
 }
 
 void Socket::reset() {
-    if (fFd < 0)
-        return;
+    if (fFd < 0) return;
     linger abort = {1, 0};
     setsockopt(fFd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
     close();
@@ -96,8 +89,7 @@ void StopSignal::raise() {
 
 Socket listenLoopback(uint16_t &port) {
     Socket s(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (!s.valid())
-        throw std::runtime_error(std::string("socket: ") + strerror(errno));
+    if (!s.valid()) throw std::runtime_error(std::string("socket: ") + strerror(errno));
     int on = 1;
     setsockopt(s.fd(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     sockaddr_in addr{};
@@ -118,25 +110,26 @@ static WaitResult waitFor(int fd, short events, int stopFd, int timeoutMs) {
     for (;;) {
         int wait = timeoutMs;
         if (timeoutMs >= 0) {
-            auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+            auto left =
+                std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
             wait = left.count() > 0 ? int(left.count()) : 0;
         }
         int n = poll(fds, stopFd >= 0 ? 2 : 1, wait);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0)
-            return WaitResult::eError;
-        if (stopFd >= 0 && (fds[1].revents & POLLIN))
-            return WaitResult::eStopped;
-        if (n == 0)
-            return WaitResult::eTimeout;
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return WaitResult::eError;
+        if (stopFd >= 0 && (fds[1].revents & POLLIN)) return WaitResult::eStopped;
+        if (n == 0) return WaitResult::eTimeout;
         // Errors and hang-ups count as ready: the following read or write reports them.
         return WaitResult::eReady;
     }
 }
 
-WaitResult waitReadable(int fd, int stopFd, int timeoutMs) { return waitFor(fd, POLLIN, stopFd, timeoutMs); }
-WaitResult waitWritable(int fd, int stopFd, int timeoutMs) { return waitFor(fd, POLLOUT, stopFd, timeoutMs); }
+WaitResult waitReadable(int fd, int stopFd, int timeoutMs) {
+    return waitFor(fd, POLLIN, stopFd, timeoutMs);
+}
+WaitResult waitWritable(int fd, int stopFd, int timeoutMs) {
+    return waitFor(fd, POLLOUT, stopFd, timeoutMs);
+}
 
 bool sleepUnlessStopped(int stopFd, std::chrono::milliseconds d) {
     if (stopFd < 0) {
@@ -176,13 +169,10 @@ Socket connectLoopback(uint16_t port, std::chrono::milliseconds timeout, std::st
 
 bool sendAll(int fd, std::string_view data, int stopFd, int timeoutMs) {
     while (!data.empty()) {
-        if (waitWritable(fd, stopFd, timeoutMs) != WaitResult::eReady)
-            return false;
+        if (waitWritable(fd, stopFd, timeoutMs) != WaitResult::eReady) return false;
         ssize_t n = send(fd, data.data(), data.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (n < 0 && (errno == EINTR || errno == EAGAIN))
-            continue;
-        if (n <= 0)
-            return false;
+        if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+        if (n <= 0) return false;
         data.remove_prefix(size_t(n));
     }
     return true;
@@ -190,14 +180,11 @@ bool sendAll(int fd, std::string_view data, int stopFd, int timeoutMs) {
 
 long readSome(int fd, std::string &buffer, int stopFd, int timeoutMs) {
     for (;;) {
-        if (waitReadable(fd, stopFd, timeoutMs) != WaitResult::eReady)
-            return -1;
+        if (waitReadable(fd, stopFd, timeoutMs) != WaitResult::eReady) return -1;
         char chunk[16384];
         ssize_t n = recv(fd, chunk, sizeof chunk, MSG_DONTWAIT);
-        if (n < 0 && (errno == EINTR || errno == EAGAIN))
-            continue;
-        if (n > 0)
-            buffer.append(chunk, size_t(n));
+        if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+        if (n > 0) buffer.append(chunk, size_t(n));
         return long(n);
     }
 }
@@ -214,16 +201,13 @@ bool readHTTPMessage(int fd, std::string &buffer, size_t &messageLength, int sto
                      size_t maxBody) {
     size_t headEnd;
     while ((headEnd = buffer.find("\r\n\r\n")) == std::string::npos) {
-        if (buffer.size() > (size_t(1) << 20) || readSome(fd, buffer, stopFd, timeoutMs) <= 0)
-            return false;
+        if (buffer.size() > (size_t(1) << 20) || readSome(fd, buffer, stopFd, timeoutMs) <= 0) return false;
     }
     headEnd += 4;
     size_t bodyLength = contentLengthOf(std::string_view(buffer).substr(0, headEnd));
-    if (bodyLength > maxBody)
-        return false;
+    if (bodyLength > maxBody) return false;
     while (buffer.size() < headEnd + bodyLength)
-        if (readSome(fd, buffer, stopFd, timeoutMs) <= 0)
-            return false;
+        if (readSome(fd, buffer, stopFd, timeoutMs) <= 0) return false;
     messageLength = headEnd + bodyLength;
     return true;
 }
@@ -239,8 +223,7 @@ void parseHead(std::string_view head, std::string &startLine, HTTPHeaders &heade
             first = false;
             continue;
         }
-        if (line.empty())
-            break;
+        if (line.empty()) break;
         auto trim = [](std::string_view s) {
             while (!s.empty() && (s.front() == ' ' || s.front() == '\t'))
                 s.remove_prefix(1);
@@ -253,8 +236,7 @@ void parseHead(std::string_view head, std::string &startLine, HTTPHeaders &heade
             continue;
         }
         size_t colon = line.find(':');
-        if (colon == std::string_view::npos)
-            continue;
+        if (colon == std::string_view::npos) continue;
         headers.emplace_back(std::string(line.substr(0, colon)), trim(line.substr(colon + 1)));
     }
 }
@@ -263,16 +245,16 @@ LoopbackServer::LoopbackServer(Serve serve) : fServe(std::move(serve)), fListene
     fAcceptThread = std::thread([this] { acceptLoop(); });
 }
 
-LoopbackServer::~LoopbackServer() { stop(); }
+LoopbackServer::~LoopbackServer() {
+    stop();
+}
 
 void LoopbackServer::stop() {
     fStop.raise();
-    if (fAcceptThread.joinable())
-        fAcceptThread.join();
+    if (fAcceptThread.joinable()) fAcceptThread.join();
     std::lock_guard<std::mutex> hold(fLock);
     for (auto &worker : fWorkers)
-        if (worker.fThread.joinable())
-            worker.fThread.join();
+        if (worker.fThread.joinable()) worker.fThread.join();
     fWorkers.clear();
     fListener.close();
 }
@@ -292,11 +274,9 @@ void LoopbackServer::reapFinished() {
 void LoopbackServer::acceptLoop() {
     for (;;) {
         WaitResult ready = waitReadable(fListener.fd(), fStop.fd(), -1);
-        if (ready == WaitResult::eStopped || ready == WaitResult::eError)
-            return;
+        if (ready == WaitResult::eStopped || ready == WaitResult::eError) return;
         int fd = accept4(fListener.fd(), nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd < 0)
-            continue;
+        if (fd < 0) continue;
         int on = 1;
         setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
         size_t index = fAccepted.fetch_add(1);

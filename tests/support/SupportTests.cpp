@@ -18,8 +18,9 @@ TEST(ScriptedHTTPServer, RoutesRecordsAndReplies) {
     });
     server.reply("GET", "*", ScriptedReply::with(503, "text/html", "<html>busy</html>"));
 
-    TestHTTPResponse posted = httpRequest(server.port(), "POST", "/RPC2?q=1",
-                                          {{"User-Agent", "probe/1"}, {"X-Twice", "a"}, {"x-twice", "b"}}, "abc");
+    TestHTTPResponse posted =
+        httpRequest(server.port(), "POST", "/RPC2?q=1",
+                    {{"User-Agent", "probe/1"}, {"X-Twice", "a"}, {"x-twice", "b"}}, "abc");
     ASSERT_TRUE(posted.ok) << posted.error;
     EXPECT_EQ(posted.statusLine, "HTTP/1.1 200 OK");
     EXPECT_EQ(posted.header("content-type"), "text/xml");
@@ -113,7 +114,8 @@ TEST(FaultServer, CannedFaultsOnTheWire) {
     EXPECT_EQ(exchange(FaultScript::resetMidHeaders()).rfind("HTTP/1.1 200 OK\r\n", 0), 0u);
     EXPECT_EQ(exchange(FaultScript::garbageStatusLine()).rfind("SPLORK", 0), 0u);
     EXPECT_NE(exchange(FaultScript::brokenChunked()).find("zz-not-hex"), std::string::npos);
-    EXPECT_EQ(exchange(FaultScript::raw("HTTP/1.1 200 Fine By Me\r\n\r\n")), "HTTP/1.1 200 Fine By Me\r\n\r\n");
+    EXPECT_EQ(exchange(FaultScript::raw("HTTP/1.1 200 Fine By Me\r\n\r\n")),
+              "HTTP/1.1 200 Fine By Me\r\n\r\n");
     EXPECT_NE(exchange(FaultScript::slowTrickle(1ms)).find("fault server says hello"), std::string::npos);
 
     // Declared lengths lie in both directions.
@@ -127,7 +129,8 @@ TEST(FaultServer, CannedFaultsOnTheWire) {
 }
 
 TEST(FaultServer, RedirectsPerConnectionScriptsAndStalls) {
-    FaultServer server({FaultScript::redirectLoop("/again"), FaultScript::reply("404 Gone Fishing", "text/plain", "no")});
+    FaultServer server(
+        {FaultScript::redirectLoop("/again"), FaultScript::reply("404 Gone Fishing", "text/plain", "no")});
     TestHTTPResponse first = httpRequest(server.port(), "GET", "/again");
     ASSERT_TRUE(first.ok) << first.error;
     EXPECT_EQ(first.status, 302);

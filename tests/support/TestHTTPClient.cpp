@@ -24,8 +24,7 @@ bool TestHTTPConnection::sendRaw(std::string_view bytes) {
 
 bool TestHTTPConnection::fill() {
     long n = readSome(fSocket.fd(), fBuffer, -1, fTimeoutMs);
-    if (n < 0)
-        fError = "read failed or timed out";
+    if (n < 0) fError = "read failed or timed out";
     return n > 0;
 }
 
@@ -42,8 +41,7 @@ TestHTTPResponse TestHTTPConnection::request(const std::string &method, const st
                                              const std::string &version) {
     TestHTTPResponse response;
     std::string message = method + " " + target + " " + version + "\r\n";
-    if (!findHeader(headers, "Host"))
-        message += "Host: 127.0.0.1:" + std::to_string(fPort) + "\r\n";
+    if (!findHeader(headers, "Host")) message += "Host: 127.0.0.1:" + std::to_string(fPort) + "\r\n";
     if (!findHeader(headers, "Content-Length") && !findHeader(headers, "Transfer-Encoding") &&
         (!body.empty() || method == "POST" || method == "PUT"))
         message += "Content-Length: " + std::to_string(body.size()) + "\r\n";
@@ -62,8 +60,7 @@ bool TestHTTPConnection::readResponse(TestHTTPResponse &response, bool headReque
         size_t headEnd;
         while ((headEnd = fBuffer.find("\r\n\r\n")) == std::string::npos)
             if (!fill()) {
-                if (fError.empty())
-                    fError = "connection closed before the end of the reply head";
+                if (fError.empty()) fError = "connection closed before the end of the reply head";
                 return false;
             }
         response.headers.clear();
@@ -74,8 +71,7 @@ bool TestHTTPConnection::readResponse(TestHTTPResponse &response, bool headReque
         response.status = sp1 == std::string::npos ? 0 : std::atoi(response.statusLine.c_str() + sp1 + 1);
         size_t sp2 = sp1 == std::string::npos ? sp1 : response.statusLine.find(' ', sp1 + 1);
         response.reason = sp2 == std::string::npos ? "" : response.statusLine.substr(sp2 + 1);
-        if (response.status != 100)
-            break;
+        if (response.status != 100) break;
     }
     if (headRequest || response.status == 204 || response.status == 304) {
         response.ok = true;
@@ -87,8 +83,7 @@ bool TestHTTPConnection::readResponse(TestHTTPResponse &response, bool headReque
         for (;;) {
             size_t eol;
             while ((eol = fBuffer.find("\r\n")) == std::string::npos)
-                if (!fill())
-                    return false;
+                if (!fill()) return false;
             char *end = nullptr;
             size_t size = std::strtoul(fBuffer.c_str(), &end, 16);
             if (end == fBuffer.c_str()) {
@@ -97,19 +92,16 @@ bool TestHTTPConnection::readResponse(TestHTTPResponse &response, bool headReque
             }
             fBuffer.erase(0, eol + 2);
             while (fBuffer.size() < size + 2)
-                if (!fill())
-                    return false;
+                if (!fill()) return false;
             response.body.append(fBuffer, 0, size);
             fBuffer.erase(0, size + 2);
-            if (size == 0)
-                break;
+            if (size == 0) break;
         }
     } else if (length) {
         size_t size = std::strtoul(length->c_str(), nullptr, 10);
         while (fBuffer.size() < size)
             if (!fill()) {
-                if (fError.empty())
-                    fError = "connection closed before the end of the body";
+                if (fError.empty()) fError = "connection closed before the end of the body";
                 return false;
             }
         response.body = fBuffer.substr(0, size);

@@ -39,8 +39,9 @@ class TestHTTPConnection {
     bool connected() const { return fSocket.valid(); }
     const std::string &error() const { return fError; }
 
-    TestHTTPResponse request(const std::string &method, const std::string &target, const HTTPHeaders &headers = {},
-                             const std::string &body = {}, const std::string &version = "HTTP/1.1");
+    TestHTTPResponse request(const std::string &method, const std::string &target,
+                             const HTTPHeaders &headers = {}, const std::string &body = {},
+                             const std::string &version = "HTTP/1.1");
     // Sends bytes as they are.
     bool sendRaw(std::string_view bytes);
     // Everything the server sends until it closes (or the timeout passes).
