@@ -1,7 +1,5 @@
 #include "FaultServer.h"
 
-#include <sys/socket.h>
-
 namespace hvtest {
 
 const char *const kFaultReplyBody = "<?xml version=\"1.0\"?>\n"
@@ -177,10 +175,7 @@ void FaultServer::run(Socket &connection, size_t index) {
             if (!sleepUnlessStopped(stop, action.fInterval)) return;
             break;
         case FaultScript::Step::eClose:
-            shutdown(connection.fd(), SHUT_WR);
-            // Drain what the client still sends so the close stays orderly (unread data means a reset).
-            while (readSome(connection.fd(), pending, stop, 2000) > 0)
-                pending.clear();
+            closeGracefully(connection.fd(), stop);
             return;
         case FaultScript::Step::eReset:
             connection.reset();
@@ -193,9 +188,7 @@ void FaultServer::run(Socket &connection, size_t index) {
             return;
         }
     }
-    shutdown(connection.fd(), SHUT_WR);
-    while (readSome(connection.fd(), pending, stop, 2000) > 0)
-        pending.clear();
+    closeGracefully(connection.fd(), stop);
 }
 
 } // namespace hvtest

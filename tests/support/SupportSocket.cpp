@@ -182,11 +182,18 @@ long readSome(int fd, std::string &buffer, int stopFd, int timeoutMs) {
     for (;;) {
         if (waitReadable(fd, stopFd, timeoutMs) != WaitResult::eReady) return -1;
         char chunk[16384];
-        ssize_t n = recv(fd, chunk, sizeof chunk, MSG_DONTWAIT);
+        ssize_t n = read(fd, chunk, sizeof chunk); // read, not recv: PythonPeer reads a pipe
         if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
         if (n > 0) buffer.append(chunk, size_t(n));
         return long(n);
     }
+}
+
+void closeGracefully(int fd, int stopFd) {
+    shutdown(fd, SHUT_WR);
+    std::string discarded;
+    while (readSome(fd, discarded, stopFd, 2000) > 0)
+        discarded.clear();
 }
 
 static size_t contentLengthOf(std::string_view head) {

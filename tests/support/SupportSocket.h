@@ -74,6 +74,10 @@ bool sendAll(int fd, std::string_view data, int stopFd = -1, int timeoutMs = -1)
 // Appends what is available to buffer. Returns the byte count, 0 at end of stream, -1 otherwise.
 long readSome(int fd, std::string &buffer, int stopFd, int timeoutMs);
 
+// Ends the sending side with an orderly close (FIN) and reads what the peer still sends for up to
+// two seconds, so unread bytes do not turn the close into a reset.
+void closeGracefully(int fd, int stopFd);
+
 // Reads one HTTP message head and, when it declares a Content-Length, its body into buffer
 // (which may already hold bytes). messageLength receives the length of that message inside
 // buffer; bytes after it (a pipelined request) stay in buffer. False on end of stream, error,

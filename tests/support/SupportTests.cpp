@@ -1,5 +1,7 @@
 // The test servers' own tests: each server talked to with the plain-socket client.
 #include "FaultServer.h"
+#include "ForwardProxy.h"
+#include "PythonPeer.h"
 #include "ScriptedHTTPServer.h"
 #include "TestHTTPClient.h"
 
@@ -150,4 +152,106 @@ TEST(FaultServer, RedirectsPerConnectionScriptsAndStalls) {
     EXPECT_FALSE(stalled.request("GET", "/", {}, {}).ok); // times out: the server never answers
     stalling.reset();
     EXPECT_TRUE(silent.connected());
+}
+
+TEST(ForwardProxy, RelaysAbsoluteRequestsAndRecordsThem) {
+    ScriptedHTTPServer origin;
+    origin.route("POST", "/RPC2", [](const RecordedRequest &request) {
+        ScriptedReply reply = ScriptedReply::xml("<got>" + request.body + "</got>");
+        reply.headers.emplace_back("X-Origin-Saw-Connection", request.header("Connection"));
+        return reply;
+    });
+    ForwardProxy proxy;
+    TestHTTPResponse relayed =
+        httpRequest(proxy.port(), "POST", origin.url("/RPC2"),
+                    {{"Proxy-Connection", "Keep-Alive"}, {"X-Custom", "1"}}, "payload");
+    ASSERT_TRUE(relayed.ok) << relayed.error;
+    EXPECT_EQ(relayed.status, 200);
+    EXPECT_EQ(relayed.body, "<got>payload</got>");
+    EXPECT_EQ(relayed.header("X-Origin-Saw-Connection"), "close");
+
+    ASSERT_EQ(proxy.requestCount(), 1u);
+    RecordedRequest seen = proxy.requests()[0];
+    EXPECT_EQ(seen.method, "POST");
+    EXPECT_EQ(seen.path, origin.url("/RPC2"));
+    EXPECT_EQ(seen.header("proxy-connection"), "Keep-Alive");
+    EXPECT_EQ(seen.body, "payload");
+    RecordedRequest atOrigin = origin.lastRequest();
+    EXPECT_EQ(atOrigin.path, "/RPC2");
+    EXPECT_EQ(atOrigin.header("X-Custom"), "1");
+    EXPECT_FALSE(atOrigin.hasHeader("Proxy-Connection"));
+
+    // Refusals: origin form, a host beyond loopback, a dead origin, a tunnel.
+    EXPECT_EQ(httpRequest(proxy.port(), "GET", "/RPC2").status, 400);
+    EXPECT_EQ(httpRequest(proxy.port(), "GET", "http://192.0.2.1/").status, 502);
+    EXPECT_EQ(httpRequest(proxy.port(), "GET", "http://127.0.0.1:" + std::to_string(freeLoopbackPort()) + "/")
+                  .status,
+              502);
+    EXPECT_EQ(httpRequest(proxy.port(), "CONNECT", "127.0.0.1:443").status, 501);
+    EXPECT_EQ(proxy.requestCount(), 5u);
+}
+
+TEST(PythonPeer, XMLRPCServerAnswersRawPosts) {
+    PythonPeer peer("xmlrpc_server.py");
+    ASSERT_TRUE(peer.ready()) << peer.error();
+    auto call = [&](const std::string &method, const std::string &params) {
+        return httpRequest(peer.port(), "POST", "/RPC2", {{"Content-Type", "text/xml"}},
+                           "<?xml version=\"1.0\"?><methodCall><methodName>" + method +
+                               "</methodName><params>" + params + "</params></methodCall>");
+    };
+    TestHTTPResponse sum = call("add", "<param><value><int>2</int></value></param>"
+                                       "<param><value><int>40</int></value></param>");
+    ASSERT_TRUE(sum.ok) << sum.error;
+    EXPECT_EQ(sum.status, 200);
+    EXPECT_NE(sum.body.find("<int>42</int>"), std::string::npos) << sum.body;
+
+    std::string types = call("types", "").body;
+    for (const char *tag :
+         {"<i8>1099511627779</i8>", "<double>3.25</double>", "a&lt;b &amp; c&gt;d", "\xc3\xa9\xe2\x82\xac",
+          "<boolean>1</boolean>", "<dateTime.iso8601>20240229T13:45:07", "<base64>", "<array>", "<nil/>"})
+        EXPECT_NE(types.find(tag), std::string::npos) << tag;
+
+    std::string fault = call("fault", "<param><value><int>7</int></value></param>"
+                                      "<param><value><string>bad thing</string></value></param>")
+                            .body;
+    EXPECT_NE(fault.find("<fault>"), std::string::npos);
+    EXPECT_NE(fault.find("bad thing"), std::string::npos);
+
+    PythonPeer noNil("xmlrpc_server.py", {"--no-nil"});
+    ASSERT_TRUE(noNil.ready()) << noNil.error();
+    EXPECT_EQ(
+        httpRequest(noNil.port(), "POST", "/", {}, "<methodCall><methodName>types</methodName></methodCall>")
+            .body.find("<nil/>"),
+        std::string::npos);
+}
+
+TEST(PythonPeer, SpyneServerAnswersSOAP) {
+    if (!PythonPeer::hasModule("spyne"))
+        GTEST_SKIP() << "spyne is not installed for " << PythonPeer::interpreter();
+    PythonPeer peer("spyne_server.py");
+    ASSERT_TRUE(peer.ready()) << peer.error();
+    auto call = [&](const std::string &body) {
+        return httpRequest(
+            peer.port(), "POST", "/", {{"Content-Type", "text/xml; charset=utf-8"}, {"SOAPAction", "\"\""}},
+            "<?xml version=\"1.0\"?><s:Envelope xmlns:s=\"http://schemas.xmlsoap.org/soap/envelope/\">"
+            "<s:Body>" +
+                body + "</s:Body></s:Envelope>");
+    };
+    TestHTTPResponse sum = call("<m:add xmlns:m=\"urn:halvos:test\"><a>2</a><b>40</b></m:add>");
+    ASSERT_TRUE(sum.ok) << sum.error;
+    EXPECT_EQ(sum.status, 200);
+    EXPECT_NE(sum.body.find("<tns:addResult>42</tns:addResult>"), std::string::npos) << sum.body;
+    EXPECT_NE(call("<m:records xmlns:m=\"urn:halvos:test\"><count>3</count></m:records>")
+                  .body.find("record 2 &lt;&amp;&gt;"),
+              std::string::npos);
+    TestHTTPResponse fault =
+        call("<m:fail xmlns:m=\"urn:halvos:test\"><code>Client.Bad</code><message>no</message></m:fail>");
+    EXPECT_EQ(fault.status, 500);
+    EXPECT_NE(fault.body.find("<faultstring>no</faultstring>"), std::string::npos) << fault.body;
+}
+
+TEST(PythonPeer, ReportsAScriptThatNeverStarts) {
+    PythonPeer missing("no_such_script.py", {}, 5s);
+    EXPECT_FALSE(missing.ready());
+    EXPECT_NE(missing.error().find("exited before printing its port"), std::string::npos) << missing.error();
 }

@@ -1,0 +1,59 @@
+// PythonPeer: a Python 3 server script from tests/support run as a child process, for the
+// interoperability tests (xmlrpc_server.py, spyne_server.py).
+// Owns the child process and the read end of its standard output.
+//
+// Contract:
+// - The script binds 127.0.0.1 at a port of its own choosing and prints "PORT <n>" as the first
+//   line of its standard output once it accepts connections, and prints nothing else there.
+//   Its standard error is the test's.
+// - The constructor starts the script and waits up to startTimeout for that line. When it does
+//   not come (no interpreter, a missing module, a crash), ready() is false, error() says why
+//   and the child is already gone. The constructor never throws for these.
+// - The destructor sends SIGTERM, waits up to two seconds, then SIGKILL, and always reaps.
+// - The interpreter is $HV_PYTHON, else /usr/bin/python3 (the system's, where Debian's modules
+//   such as spyne live) when present, else python3 on PATH. A script name without '/' is looked
+//   up in $HV_SOURCE_DIR/tests/support (the build's source tree when unset).
+#ifndef HV_TESTS_SUPPORT_PYTHONPEER_H
+#define HV_TESTS_SUPPORT_PYTHONPEER_H
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace hvtest {
+
+class PythonPeer {
+  public:
+    explicit PythonPeer(const std::string &script, const std::vector<std::string> &arguments = {},
+                        std::chrono::milliseconds startTimeout = std::chrono::seconds(30));
+    ~PythonPeer();
+    PythonPeer(const PythonPeer &) = delete;
+    PythonPeer &operator=(const PythonPeer &) = delete;
+
+    bool ready() const { return fPort != 0; }
+    const std::string &error() const { return fError; }
+    uint16_t port() const { return fPort; }
+    pid_t pid() const { return fPid; }
+    // "http://127.0.0.1:<port>" followed by path.
+    std::string url(const std::string &path = "/") const;
+
+    static std::string interpreter();
+    // The full path of a script in tests/support.
+    static std::string scriptPath(const std::string &name);
+    // True when the interpreter can import module (for skipping a test whose peer is missing).
+    static bool hasModule(const std::string &module);
+
+  private:
+    void stop();
+
+    pid_t fPid = -1;
+    int fOutput = -1;
+    uint16_t fPort = 0;
+    std::string fError;
+};
+
+} // namespace hvtest
+
+#endif
