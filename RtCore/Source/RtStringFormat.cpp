@@ -374,7 +374,7 @@ void Formatter::convert(const Piece &parsed) {
     default:
         return;
     }
-    pad(mark, width, left);
+    if (width > 0) pad(mark, width, left);
 }
 
 void Formatter::signedInt(const Piece &piece, int width, int precision) {

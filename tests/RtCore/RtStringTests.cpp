@@ -295,3 +295,319 @@ TEST_F(RtStringTest, RejectsBadArgumentsWithoutCrashing) {
 }
 
 } // namespace
+
+namespace {
+
+// The bytes of s in encoding (whole string), or "<FAIL>" when not every character converted.
+std::string bytesOf(RtStringRef s, RtStringEncoding encoding, uint8_t lossByte, bool external = false) {
+    RtIndex needed = 0;
+    RtRange all = RtRangeMake(0, RtStringGetLength(s));
+    RtIndex measured = RtStringGetBytes(s, all, encoding, lossByte, external, nullptr, 0, &needed);
+    std::string out(size_t(needed), '\0');
+    RtIndex used = 0;
+    RtIndex converted = RtStringGetBytes(s, all, encoding, lossByte, external,
+                                         reinterpret_cast<uint8_t *>(&out[0]), needed, &used);
+    EXPECT_EQ(measured, converted);
+    EXPECT_EQ(used, needed);
+    if (converted != all.length) return "<FAIL>";
+    return out;
+}
+
+RtStringRef fromBytes(const std::string &bytes, RtStringEncoding encoding, bool external = false) {
+    return RtStringCreateWithBytes(nullptr, reinterpret_cast<const uint8_t *>(bytes.data()),
+                                   RtIndex(bytes.size()), encoding, external);
+}
+
+TEST_F(RtStringTest, ConvertsToBytesWithAndWithoutLossBytes) {
+    // "Grüße €1 😀": Latin-1 letters, a euro sign (in windows-1252 and Latin 9, not Latin 1)
+    // and a character outside the BMP.
+    RtStringRef s = make("Gr\xc3\xbc\xc3\x9f"
+                         "e \xe2\x82\xac"
+                         "1 \xf0\x9f\x98\x80");
+    EXPECT_EQ(bytesOf(s, kRtStringEncodingUTF8, 0), "Gr\xc3\xbc\xc3\x9f"
+                                                    "e \xe2\x82\xac"
+                                                    "1 \xf0\x9f\x98\x80");
+    EXPECT_EQ(bytesOf(s, kRtStringEncodingISOLatin1, 0), "<FAIL>");
+    EXPECT_EQ(bytesOf(s, kRtStringEncodingISOLatin1, '?'), "Gr\xfc\xdf"
+                                                           "e ?1 ?")
+        << "one loss byte per character";
+    EXPECT_EQ(bytesOf(s, kRtStringEncodingASCII, '.'), "Gr..e .1 .");
+    EXPECT_EQ(bytesOf(s, kRtStringEncodingDefault8Bit, '.'), "Gr\xfc\xdf"
+                                                             "e .1 .");
+    EXPECT_EQ(bytesOf(s, kRtStringEncodingWindowsLatin1, '?'), "Gr\xfc\xdf"
+                                                               "e \x80"
+                                                               "1 ?");
+    EXPECT_EQ(bytesOf(s, 0x020F /* ISO-8859-15 */, '?'), "Gr\xfc\xdf"
+                                                         "e \xa4"
+                                                         "1 ?");
+
+    // Without a loss byte the conversion stops before the first unrepresentable character.
+    uint8_t buf[64];
+    RtIndex used = 0;
+    EXPECT_EQ(RtStringGetBytes(s, RtRangeMake(0, RtStringGetLength(s)), kRtStringEncodingISOLatin1, 0, false,
+                               buf, sizeof buf, &used),
+              6);
+    EXPECT_EQ(used, 6);
+    // A buffer too small takes whole characters only.
+    EXPECT_EQ(RtStringGetBytes(s, RtRangeMake(0, 4), kRtStringEncodingUTF8, 0, false, buf, 3, &used), 2);
+    EXPECT_EQ(used, 2);
+
+    // UTF-16 and UTF-32: the unmarked forms carry a byte-order mark as external representation.
+    RtStringRef ab = make("A\xf0\x9f\x98\x80");
+    EXPECT_EQ(bytesOf(ab, kRtStringEncodingUTF16BE, 0), std::string("\x00"
+                                                                    "A\xd8\x3d\xde\x00",
+                                                                    6));
+    EXPECT_EQ(bytesOf(ab, kRtStringEncodingUTF16LE, 0), std::string("A\x00\x3d\xd8\x00\xde", 6));
+    std::string external16 = bytesOf(ab, kRtStringEncodingUTF16, 0, true);
+    EXPECT_EQ(external16, std::string("\xff\xfe"
+                                      "A\x00\x3d\xd8\x00\xde",
+                                      8));
+    EXPECT_EQ(bytesOf(ab, kRtStringEncodingUTF32BE, 0), std::string("\0\0\0A\0\x01\xf6\x00", 8));
+    EXPECT_EQ(bytesOf(ab, kRtStringEncodingUTF32, 0, true).substr(0, 4), std::string("\xff\xfe\0\0", 4));
+    EXPECT_EQ(RtStringGetMaximumSizeForEncoding(10, kRtStringEncodingUTF8), 30);
+
+    // A lone surrogate is not UTF-8.
+    const RtUniChar lone[] = {'x', 0xD800, 'y'};
+    RtStringRef broken = RtStringCreateWithCharacters(nullptr, lone, 3);
+    EXPECT_EQ(bytesOf(broken, kRtStringEncodingUTF8, 0), "<FAIL>");
+    EXPECT_EQ(bytesOf(broken, kRtStringEncodingUTF8, '?'), "x?y");
+    for (RtStringRef x : {s, ab, broken})
+        RtRelease(x);
+}
+
+TEST_F(RtStringTest, DecodesBytesInEveryEncoding) {
+    struct Case {
+        std::string bytes;
+        RtStringEncoding encoding;
+        bool external;
+        const char *utf8; // nullptr: the bytes are invalid
+    };
+    const Case cases[] = {
+        {"plain", kRtStringEncodingASCII, false, "plain"},
+        {"caf\xe9", kRtStringEncodingASCII, false, nullptr},
+        {"caf\xe9", kRtStringEncodingISOLatin1, false, "caf\xc3\xa9"},
+        {"caf\xe9", kRtStringEncodingDefault8Bit, false, "caf\xc3\xa9"},
+        {"\x80 \x9f", kRtStringEncodingWindowsLatin1, false, "\xe2\x82\xac \xc5\xb8"},
+        {"\xe0\xe1", kRtStringEncodingISOLatinCyrillic, false, "\xd1\x80\xd1\x81"},
+        {"\xa5", kRtStringEncodingISOLatin3, false, nullptr}, // a hole in the table
+        {"\xef\xbb\xbfhi", kRtStringEncodingUTF8, true, "hi"},
+        {"\xef\xbb\xbfhi", kRtStringEncodingUTF8, false, "\xef\xbb\xbfhi"},
+        {std::string("\xfe\xff\0h\0i", 6), kRtStringEncodingUTF16, true, "hi"},
+        {std::string("\xff\xfeh\0i\0", 6), kRtStringEncodingUTF16, false, "hi"},
+        {std::string("\0h\0i", 4), kRtStringEncodingUTF16, true, "hi"}, // no mark: big-endian
+        {std::string("h\0i\0", 4), kRtStringEncodingUTF16LE, false, "hi"},
+        {std::string("h\0i", 3), kRtStringEncodingUTF16LE, false, nullptr},
+        {std::string("\xd8\x3d\xde\x00", 4), kRtStringEncodingUTF16BE, false, "\xf0\x9f\x98\x80"},
+        {std::string("\0\x01\xf6\0", 4), kRtStringEncodingUTF32BE, false, "\xf0\x9f\x98\x80"},
+        {std::string("\0\0\xd8\0", 4), kRtStringEncodingUTF32BE, false, nullptr},
+        {std::string("\xff\xfe\0\0h\0\0\0", 8), kRtStringEncodingUTF32, true, "h"},
+        {"", kRtStringEncodingUTF8, false, ""},
+    };
+    for (const Case &c : cases) {
+        RtStringRef s = fromBytes(c.bytes, c.encoding, c.external);
+        if (!c.utf8) {
+            EXPECT_EQ(s, nullptr) << c.encoding;
+        } else {
+            EXPECT_EQ(text(s), c.utf8) << c.encoding;
+        }
+        RtRelease(s);
+    }
+
+    // Round trips through every external representation.
+    RtStringRef original = make("\xc3\xa9t\xc3\xa9 \xf0\x9f\x98\x80 \xe2\x82\xac");
+    for (RtStringEncoding e : {kRtStringEncodingUTF8, kRtStringEncodingUTF16, kRtStringEncodingUTF16BE,
+                               kRtStringEncodingUTF16LE, kRtStringEncodingUTF32, kRtStringEncodingUTF32LE}) {
+        RtStringRef back = fromBytes(bytesOf(original, e, 0, true), e, true);
+        EXPECT_TRUE(RtEqual(back, original)) << e;
+        RtRelease(back);
+    }
+    RtRelease(original);
+}
+
+TEST_F(RtStringTest, MapsIANANamesBothWays) {
+    EXPECT_EQ(text(RtStringConvertEncodingToIANACharSetName(kRtStringEncodingUTF8)), "UTF-8");
+    EXPECT_EQ(text(RtStringConvertEncodingToIANACharSetName(kRtStringEncodingISOLatin1)), "ISO-8859-1");
+    EXPECT_EQ(text(RtStringConvertEncodingToIANACharSetName(kRtStringEncodingASCII)), "US-ASCII");
+    EXPECT_EQ(text(RtStringConvertEncodingToIANACharSetName(kRtStringEncodingWindowsLatin1)), "windows-1252");
+    EXPECT_EQ(text(RtStringConvertEncodingToIANACharSetName(kRtStringEncodingUTF16)), "UTF-16");
+    EXPECT_EQ(RtStringConvertEncodingToIANACharSetName(kRtStringEncodingInvalidId), nullptr);
+    EXPECT_EQ(RtStringConvertEncodingToIANACharSetName(kRtStringEncodingUTF8),
+              RtStringConvertEncodingToIANACharSetName(kRtStringEncodingUTF8))
+        << "names are constants";
+
+    const struct {
+        const char *name;
+        RtStringEncoding encoding;
+    } names[] = {
+        {"UTF-8", kRtStringEncodingUTF8},
+        {"utf-8", kRtStringEncodingUTF8},
+        {"utf8", kRtStringEncodingUTF8},
+        {"iso-8859-1", kRtStringEncodingISOLatin1},
+        {"latin1", kRtStringEncodingISOLatin1},
+        {"ISO_8859-1:1987", kRtStringEncodingISOLatin1},
+        {"us-ascii", kRtStringEncodingASCII},
+        {"ANSI_X3.4-1968", kRtStringEncodingASCII},
+        {"cp1252", kRtStringEncodingWindowsLatin1},
+        {"ISO-8859-2", kRtStringEncodingISOLatin2},
+        {"utf-16le", kRtStringEncodingUTF16LE},
+        {"bogus", kRtStringEncodingInvalidId},
+        {"", kRtStringEncodingInvalidId},
+        {"Shift_JIS", kRtStringEncodingInvalidId},
+    };
+    for (const auto &n : names) {
+        RtStringRef name = make(n.name);
+        EXPECT_EQ(RtStringConvertIANACharSetNameToEncoding(name), n.encoding) << n.name;
+        RtRelease(name);
+    }
+    EXPECT_EQ(RtStringConvertIANACharSetNameToEncoding(nullptr), kRtStringEncodingInvalidId);
+    EXPECT_TRUE(RtStringIsEncodingAvailable(kRtStringEncodingISOLatinGreek));
+    EXPECT_FALSE(RtStringIsEncodingAvailable(0x7777));
+}
+
+TEST_F(RtStringTest, ComparesWithOptions) {
+    RtStringRef lower = make("content-type"), upper = make("Content-TYPE"), other = make("content-length");
+    EXPECT_EQ(RtStringCompare(lower, upper, 0), kRtCompareGreaterThan);
+    EXPECT_EQ(RtStringCompare(lower, upper, kRtCompareCaseInsensitive), kRtCompareEqualTo);
+    EXPECT_EQ(RtStringCompare(other, lower, kRtCompareCaseInsensitive), kRtCompareLessThan);
+    EXPECT_EQ(RtStringCompare(lower, lower, 0), kRtCompareEqualTo);
+    EXPECT_EQ(RtStringCompare(RTSTR("ab"), RTSTR("abc"), 0), kRtCompareLessThan);
+    EXPECT_EQ(RtStringCompare(nullptr, lower, 0), kRtCompareLessThan);
+
+    // Unicode case folding beyond ASCII, including a character outside the BMP.
+    RtStringRef greek = make("\xce\xa3\xce\x9f\xce\xa6\xce\x99\xce\x91 \xc3\x89t\xc3\xa9 \xf0\x90\x90\x80");
+    RtStringRef greekLower =
+        make("\xcf\x83\xce\xbf\xcf\x86\xce\xb9\xce\xb1 \xc3\xa9T\xc3\x89 \xf0\x90\x90\xa8");
+    EXPECT_EQ(RtStringCompare(greek, greekLower, kRtCompareCaseInsensitive), kRtCompareEqualTo);
+    EXPECT_NE(RtStringCompare(greek, greekLower, 0), kRtCompareEqualTo);
+
+    RtStringRef v9 = make("file9.txt"), v10 = make("file10.txt"), v010 = make("file010.txt");
+    EXPECT_EQ(RtStringCompare(v9, v10, 0), kRtCompareGreaterThan);
+    EXPECT_EQ(RtStringCompare(v9, v10, kRtCompareNumerically), kRtCompareLessThan);
+    EXPECT_EQ(RtStringCompare(v10, v010, kRtCompareNumerically), kRtCompareEqualTo);
+
+    // A range of the first string only.
+    EXPECT_EQ(RtStringCompareWithOptions(lower, RTSTR("TYPE"), RtRangeMake(8, 4), kRtCompareCaseInsensitive),
+              kRtCompareEqualTo);
+    for (RtStringRef x : {lower, upper, other, greek, greekLower, v9, v10, v010})
+        RtRelease(x);
+}
+
+TEST_F(RtStringTest, FindsWithOptionsAndTestsAffixes) {
+    RtStringRef s = make("text/XML; charset=\"utf-8\"; CHARSET=x");
+    RtRange r = RtStringFind(s, RTSTR("charset="), 0);
+    EXPECT_EQ(r.location, 10);
+    EXPECT_EQ(r.length, 8);
+    r = RtStringFind(s, RTSTR("charset="), kRtCompareCaseInsensitive | kRtCompareBackwards);
+    EXPECT_EQ(r.location, 27);
+    r = RtStringFind(s, RTSTR("xml"), 0);
+    EXPECT_EQ(r.location, kRtNotFound);
+    EXPECT_EQ(r.length, 0);
+    EXPECT_EQ(RtStringFind(s, RTSTR("xml"), kRtCompareCaseInsensitive).location, 5);
+    EXPECT_EQ(RtStringFind(s, RTSTR("TEXT"), kRtCompareCaseInsensitive | kRtCompareAnchored).location, 0);
+    EXPECT_EQ(RtStringFind(s, RTSTR("XML"), kRtCompareAnchored).location, kRtNotFound);
+    EXPECT_EQ(
+        RtStringFind(s, RTSTR("=X"), kRtCompareAnchored | kRtCompareBackwards | kRtCompareCaseInsensitive)
+            .location,
+        34);
+    EXPECT_EQ(RtStringFind(s, RTSTR(""), 0).location, kRtNotFound);
+
+    RtRange found;
+    EXPECT_FALSE(RtStringFindWithOptions(s, RTSTR("text"), RtRangeMake(1, 20), 0, &found))
+        << "outside the range";
+    EXPECT_TRUE(RtStringFindWithOptions(s, RTSTR("utf"), RtRangeMake(1, 24), 0, &found));
+    EXPECT_EQ(found.location, 19);
+    EXPECT_FALSE(RtStringFindWithOptions(s, RTSTR("utf"), RtRangeMake(30, 50), 0, &found)) << "invalid range";
+
+    EXPECT_TRUE(RtStringHasPrefix(s, RTSTR("text/")));
+    EXPECT_FALSE(RtStringHasPrefix(s, RTSTR("TEXT/")));
+    EXPECT_TRUE(RtStringHasSuffix(s, RTSTR("=x")));
+    EXPECT_TRUE(RtStringHasPrefix(s, RTSTR("")));
+    EXPECT_FALSE(RtStringHasSuffix(RTSTR("x"), RTSTR("xx")));
+
+    // Searching 16-bit text for 8-bit patterns and back.
+    RtStringRef wide = make("\xe2\x82\xac price: 10 \xe2\x82\xac");
+    EXPECT_EQ(RtStringFind(wide, RTSTR("PRICE"), kRtCompareCaseInsensitive).location, 2);
+    EXPECT_EQ(RtStringFind(wide, RTSTR("\xe2\x82\xac"), kRtCompareBackwards).location, 12);
+    EXPECT_EQ(RtStringFind(s, RTSTR("\xe2\x82\xac"), 0).location, kRtNotFound);
+    RtRelease(wide);
+    RtRelease(s);
+}
+
+TEST_F(RtStringTest, FindsAndReplacesWithinARange) {
+    RtMutableStringRef m = RtStringCreateMutableCopy(nullptr, 0, RTSTR("a&b&c&&d"));
+    EXPECT_EQ(RtStringFindAndReplace(m, RTSTR("&"), RTSTR("&amp;"), RtRangeMake(0, 8), 0), 4);
+    EXPECT_EQ(text(m), "a&amp;b&amp;c&amp;&amp;d");
+    EXPECT_EQ(RtStringFindAndReplace(m, RTSTR("&AMP;"), RTSTR("+"), RtRangeMake(0, RtStringGetLength(m)),
+                                     kRtCompareCaseInsensitive),
+              4);
+    EXPECT_EQ(text(m), "a+b+c++d");
+    // Only inside the range, and with an empty replacement.
+    EXPECT_EQ(RtStringFindAndReplace(m, RTSTR("+"), RTSTR(""), RtRangeMake(2, 4), 0), 2);
+    EXPECT_EQ(text(m), "a+bc+d");
+    EXPECT_EQ(RtStringFindAndReplace(m, RTSTR("+"), RTSTR("-"), RtRangeMake(0, RtStringGetLength(m)),
+                                     kRtCompareAnchored),
+              0);
+    EXPECT_EQ(RtStringFindAndReplace(m, RTSTR("+d"), RTSTR("!"), RtRangeMake(0, RtStringGetLength(m)),
+                                     kRtCompareAnchored | kRtCompareBackwards),
+              1);
+    EXPECT_EQ(text(m), "a+bc!");
+    EXPECT_EQ(RtStringFindAndReplace(m, RTSTR("zz"), RTSTR("y"), RtRangeMake(0, 5), 0), 0);
+    EXPECT_EQ(RtStringFindAndReplace(m, RTSTR("a"), RTSTR("y"), RtRangeMake(3, 9), 0), 0) << "invalid range";
+    // Overlapping candidates are replaced left to right; a wider replacement widens the string.
+    RtStringReplaceAll(m, RTSTR("aaaa"));
+    EXPECT_EQ(RtStringFindAndReplace(m, RTSTR("aa"), RTSTR("\xe2\x82\xac"), RtRangeMake(0, 4), 0), 2);
+    EXPECT_EQ(text(m), "\xe2\x82\xac\xe2\x82\xac");
+    RtRelease(m);
+}
+
+TEST_F(RtStringTest, EditsMutableStrings) {
+    RtMutableStringRef m = RtStringCreateMutable(nullptr, 0);
+    RtStringAppendCString(m, "  hello", kRtStringEncodingUTF8);
+    RtStringAppend(m, RTSTR(" world \t\r\n"));
+    RtStringTrimWhitespace(m);
+    EXPECT_EQ(text(m), "hello world");
+    RtStringInsert(m, 5, RTSTR(","));
+    RtStringReplace(m, RtRangeMake(0, 1), RTSTR("J"));
+    RtStringDelete(m, RtRangeMake(6, 6));
+    EXPECT_EQ(text(m), "Jello,");
+    RtStringInsert(m, 99, RTSTR("ignored"));
+    RtStringAppendCString(m, " \xc3\xa0 la \xc3\x9f", kRtStringEncodingUTF8);
+    RtStringUppercase(m);
+    EXPECT_EQ(text(m), "JELLO, \xc3\x80 LA SS") << "full case mapping can lengthen the text";
+    RtStringLowercase(m);
+    EXPECT_EQ(text(m), "jello, \xc3\xa0 la ss");
+    RtStringAppendCString(m, "\xa0", kRtStringEncodingISOLatin1); // no-break space
+    RtStringTrimWhitespace(m);
+    EXPECT_EQ(text(m), "jello, \xc3\xa0 la ss");
+    RtStringReplaceAll(m, RTSTR(""));
+    RtStringTrimWhitespace(m);
+    EXPECT_EQ(RtStringGetLength(m), 0);
+    RtRelease(m);
+}
+
+TEST_F(RtStringTest, ReadsNumbers) {
+    const struct {
+        const char *in;
+        int32_t i;
+        double d;
+    } cases[] = {
+        {"42", 42, 42.0},
+        {"  -17xyz", -17, -17.0},
+        {"+3.75", 3, 3.75},
+        {"1e3", 1, 1000.0},
+        {"abc", 0, 0.0},
+        {"", 0, 0.0},
+        {"99999999999", INT32_MAX, 99999999999.0},
+        {"-99999999999", INT32_MIN, -99999999999.0},
+        {"\t.5", 0, 0.5},
+    };
+    for (const auto &c : cases) {
+        RtStringRef s = make(c.in);
+        EXPECT_EQ(RtStringGetIntValue(s), c.i) << c.in;
+        EXPECT_DOUBLE_EQ(RtStringGetDoubleValue(s), c.d) << c.in;
+        RtRelease(s);
+    }
+    EXPECT_EQ(RtStringGetIntValue(nullptr), 0);
+}
+
+} // namespace
