@@ -21,11 +21,21 @@ struct __RtArray {
 
 namespace rt {
 
-const void *typeRetain(RtAllocatorRef, const void *value) { return RtRetain(value); }
-void typeRelease(RtAllocatorRef, const void *value) { RtRelease(value); }
-RtStringRef typeCopyDescription(const void *value) { return RtCopyDescription(value); }
-bool typeEqual(const void *a, const void *b) { return RtEqual(a, b); }
-RtHashCode typeHash(const void *value) { return RtHash(value); }
+const void *typeRetain(RtAllocatorRef, const void *value) {
+    return RtRetain(value);
+}
+void typeRelease(RtAllocatorRef, const void *value) {
+    RtRelease(value);
+}
+RtStringRef typeCopyDescription(const void *value) {
+    return RtCopyDescription(value);
+}
+bool typeEqual(const void *a, const void *b) {
+    return RtEqual(a, b);
+}
+RtHashCode typeHash(const void *value) {
+    return RtHash(value);
+}
 
 void appendASCII(RtMutableStringRef out, const char *text) {
     RtStringAppendCString(out, text, kRtStringEncodingASCII);
@@ -33,7 +43,8 @@ void appendASCII(RtMutableStringRef out, const char *text) {
 
 void appendIndent(RtMutableStringRef out, int indent) {
     static const char kSpaces[] = "                                "; // 8 levels
-    for (; indent > 8; indent -= 8) appendASCII(out, kSpaces);
+    for (; indent > 8; indent -= 8)
+        appendASCII(out, kSpaces);
     if (indent > 0) appendASCII(out, kSpaces + (8 - indent) * 4);
 }
 
@@ -41,7 +52,8 @@ void appendValueDescription(RtMutableStringRef out, const void *value, RtStringR
                             int indent) {
     if (copyDesc == typeCopyDescription && value) {
         RtTypeID id = RtGetTypeID(value);
-        if (id == RtArrayGetTypeID()) return appendArrayDescription(out, static_cast<RtArrayRef>(value), indent);
+        if (id == RtArrayGetTypeID())
+            return appendArrayDescription(out, static_cast<RtArrayRef>(value), indent);
         if (id == RtDictionaryGetTypeID())
             return appendDictionaryDescription(out, static_cast<RtDictionaryRef>(value), indent);
     }
@@ -57,6 +69,12 @@ void appendValueDescription(RtMutableStringRef out, const void *value, RtStringR
     } else {
         appendASCII(out, "(null)");
     }
+}
+
+RtStringRef copyCollectionDescription(RtTypeRef collection) {
+    RtMutableStringRef s = RtStringCreateMutable(kRtAllocatorDefault, 0);
+    if (s) appendValueDescription(s, collection, typeCopyDescription, 0);
+    return s;
 }
 
 void appendArrayDescription(RtMutableStringRef out, RtArrayRef array, int indent) {
@@ -83,11 +101,11 @@ enum : uint32_t { eArrayMutable = 1 };
 
 using Arr = __RtArray;
 
-bool isArray(RtTypeRef obj) { return rt::isA(obj, RtArrayGetTypeID()); }
-bool isMutableArray(RtTypeRef obj) { return isArray(obj) && (static_cast<const Arr *>(obj)->fFlags & eArrayMutable); }
-
-bool rangeInside(RtRange r, RtIndex len) {
-    return r.location >= 0 && r.length >= 0 && r.location <= len && r.length <= len - r.location;
+bool isArray(RtTypeRef obj) {
+    return rt::isA(obj, RtArrayGetTypeID());
+}
+bool isMutableArray(RtTypeRef obj) {
+    return isArray(obj) && (static_cast<const Arr *>(obj)->fFlags & eArrayMutable);
 }
 
 const void *retainValue(const Arr *a, const void *v) {
@@ -104,7 +122,8 @@ bool valuesEqual(const Arr *a, const void *x, const void *y) {
 
 void _arrayFinalize(RtTypeRef obj) {
     auto *a = static_cast<Arr *>(const_cast<void *>(obj));
-    for (RtIndex i = 0; i < a->fCount; i++) releaseValue(a, a->fValues[i]);
+    for (RtIndex i = 0; i < a->fCount; i++)
+        releaseValue(a, a->fValues[i]);
     if (a->fFlags & eArrayMutable) std::free(a->fValues);
 }
 
@@ -117,16 +136,13 @@ bool _arrayEqual(RtTypeRef x, RtTypeRef y) {
     return true;
 }
 
-RtHashCode _arrayHash(RtTypeRef obj) { return static_cast<RtHashCode>(static_cast<const Arr *>(obj)->fCount); }
-
-RtStringRef _arrayDebugDesc(RtTypeRef obj) {
-    RtMutableStringRef s = RtStringCreateMutable(kRtAllocatorDefault, 0);
-    if (s) rt::appendArrayDescription(s, static_cast<RtArrayRef>(obj), 0);
-    return s;
+RtHashCode _arrayHash(RtTypeRef obj) {
+    return static_cast<RtHashCode>(static_cast<const Arr *>(obj)->fCount);
 }
 
-const RtRuntimeClass sArrayClass = {0,           "RtArray",  nullptr, nullptr,        _arrayFinalize,
-                                    _arrayEqual, _arrayHash, nullptr, _arrayDebugDesc};
+const RtRuntimeClass sArrayClass = {0,          "RtArray",      nullptr,
+                                    nullptr,    _arrayFinalize, _arrayEqual,
+                                    _arrayHash, nullptr,        rt::copyCollectionDescription};
 std::atomic<RtTypeID> sArrayTypeID{kRtNotATypeID};
 
 constexpr RtIndex kFieldBytes = sizeof(Arr) - sizeof(RtRuntimeBase);
@@ -147,7 +163,8 @@ bool reserve(Arr *a, RtIndex need) {
     if (need <= a->fCapacity) return true;
     if (need > kMaxCount) return false;
     RtIndex cap = a->fCapacity < 8 ? 8 : a->fCapacity;
-    while (cap < need) cap += cap / 2;
+    while (cap < need)
+        cap += cap / 2;
     auto *p = static_cast<const void **>(std::realloc(a->fValues, size_t(cap) * sizeof(void *)));
     if (!p) return false;
     a->fValues = p;
@@ -171,14 +188,17 @@ Arr *newMutableArray(RtAllocatorRef alloc, RtIndex capacity, const RtArrayCallBa
 
 } // namespace
 
-RtTypeID RtArrayGetTypeID(void) { return rt::registerOnce(sArrayTypeID, &sArrayClass); }
+RtTypeID RtArrayGetTypeID(void) {
+    return rt::registerOnce(sArrayTypeID, &sArrayClass);
+}
 
 RtArrayRef RtArrayCreate(RtAllocatorRef alloc, const void **values, RtIndex numValues,
                          const RtArrayCallBacks *callBacks) {
     if (numValues < 0 || (numValues > 0 && !values)) return nullptr;
     Arr *a = newArray(alloc, numValues, callBacks);
     if (!a) return nullptr;
-    for (RtIndex i = 0; i < numValues; i++) a->fValues[i] = retainValue(a, values[i]);
+    for (RtIndex i = 0; i < numValues; i++)
+        a->fValues[i] = retainValue(a, values[i]);
     a->fCount = numValues;
     return a;
 }
@@ -189,7 +209,8 @@ RtArrayRef RtArrayCreateCopy(RtAllocatorRef alloc, RtArrayRef array) {
     return RtArrayCreate(alloc, array->fValues, array->fCount, &array->fCallBacks);
 }
 
-RtMutableArrayRef RtArrayCreateMutable(RtAllocatorRef alloc, RtIndex capacity, const RtArrayCallBacks *callBacks) {
+RtMutableArrayRef RtArrayCreateMutable(RtAllocatorRef alloc, RtIndex capacity,
+                                       const RtArrayCallBacks *callBacks) {
     return newMutableArray(alloc, capacity, callBacks);
 }
 
@@ -197,12 +218,15 @@ RtMutableArrayRef RtArrayCreateMutableCopy(RtAllocatorRef alloc, RtIndex capacit
     if (!isArray(array)) return nullptr;
     Arr *a = newMutableArray(alloc, capacity > array->fCount ? capacity : array->fCount, &array->fCallBacks);
     if (!a) return nullptr;
-    for (RtIndex i = 0; i < array->fCount; i++) a->fValues[i] = retainValue(a, array->fValues[i]);
+    for (RtIndex i = 0; i < array->fCount; i++)
+        a->fValues[i] = retainValue(a, array->fValues[i]);
     a->fCount = array->fCount;
     return a;
 }
 
-RtIndex RtArrayGetCount(RtArrayRef array) { return isArray(array) ? array->fCount : 0; }
+RtIndex RtArrayGetCount(RtArrayRef array) {
+    return isArray(array) ? array->fCount : 0;
+}
 
 const void *RtArrayGetValueAtIndex(RtArrayRef array, RtIndex idx) {
     if (!isArray(array) || idx < 0 || idx >= array->fCount) return nullptr;
@@ -210,12 +234,12 @@ const void *RtArrayGetValueAtIndex(RtArrayRef array, RtIndex idx) {
 }
 
 void RtArrayGetValues(RtArrayRef array, RtRange range, const void **values) {
-    if (!isArray(array) || !values || !rangeInside(range, array->fCount) || range.length == 0) return;
+    if (!isArray(array) || !values || !rt::rangeInside(range, array->fCount) || range.length == 0) return;
     std::memcpy(values, array->fValues + range.location, size_t(range.length) * sizeof(void *));
 }
 
 RtIndex RtArrayGetFirstIndexOfValue(RtArrayRef array, RtRange range, const void *value) {
-    if (!isArray(array) || !rangeInside(range, array->fCount)) return kRtNotFound;
+    if (!isArray(array) || !rt::rangeInside(range, array->fCount)) return kRtNotFound;
     for (RtIndex i = range.location; i < range.location + range.length; i++)
         if (valuesEqual(array, array->fValues[i], value)) return i;
     return kRtNotFound;
@@ -226,7 +250,7 @@ bool RtArrayContainsValue(RtArrayRef array, RtRange range, const void *value) {
 }
 
 void RtArrayApplyFunction(RtArrayRef array, RtRange range, RtArrayApplierFunction applier, void *context) {
-    if (!isArray(array) || !applier || !rangeInside(range, array->fCount)) return;
+    if (!isArray(array) || !applier || !rt::rangeInside(range, array->fCount)) return;
     // Re-reads the count each step so an applier that shrinks the array cannot run off its end.
     for (RtIndex i = range.location; i < range.location + range.length && i < array->fCount; i++)
         applier(array->fValues[i], context);
@@ -237,7 +261,7 @@ void RtArrayAppendValue(RtMutableArrayRef array, const void *value) {
 }
 
 void RtArrayAppendArray(RtMutableArrayRef array, RtArrayRef other, RtRange otherRange) {
-    if (!isMutableArray(array) || !isArray(other) || !rangeInside(otherRange, other->fCount)) return;
+    if (!isMutableArray(array) || !isArray(other) || !rt::rangeInside(otherRange, other->fCount)) return;
     if (!reserve(array, array->fCount + otherRange.length)) return;
     // other may be array itself: read through other->fValues after the reserve.
     for (RtIndex i = 0; i < otherRange.length; i++)
@@ -248,7 +272,8 @@ void RtArrayAppendArray(RtMutableArrayRef array, RtArrayRef other, RtRange other
 void RtArrayInsertValueAtIndex(RtMutableArrayRef array, RtIndex idx, const void *value) {
     if (!isMutableArray(array) || idx < 0 || idx > array->fCount) return;
     if (!reserve(array, array->fCount + 1)) return;
-    std::memmove(array->fValues + idx + 1, array->fValues + idx, size_t(array->fCount - idx) * sizeof(void *));
+    std::memmove(array->fValues + idx + 1, array->fValues + idx,
+                 size_t(array->fCount - idx) * sizeof(void *));
     array->fValues[idx] = retainValue(array, value);
     array->fCount++;
 }
@@ -265,7 +290,8 @@ void RtArraySetValueAtIndex(RtMutableArrayRef array, RtIndex idx, const void *va
 void RtArrayRemoveValueAtIndex(RtMutableArrayRef array, RtIndex idx) {
     if (!isMutableArray(array) || idx < 0 || idx >= array->fCount) return;
     const void *old = array->fValues[idx];
-    std::memmove(array->fValues + idx, array->fValues + idx + 1, size_t(array->fCount - idx - 1) * sizeof(void *));
+    std::memmove(array->fValues + idx, array->fValues + idx + 1,
+                 size_t(array->fCount - idx - 1) * sizeof(void *));
     array->fCount--;
     releaseValue(array, old);
 }
@@ -278,12 +304,15 @@ void RtArrayRemoveAllValues(RtMutableArrayRef array) {
     array->fValues = nullptr;
     array->fCount = 0;
     array->fCapacity = 0;
-    for (RtIndex i = 0; i < n; i++) releaseValue(array, old[i]);
+    for (RtIndex i = 0; i < n; i++)
+        releaseValue(array, old[i]);
     std::free(old);
 }
 
-void RtArraySortValues(RtMutableArrayRef array, RtRange range, RtComparatorFunction comparator, void *context) {
-    if (!isMutableArray(array) || !comparator || !rangeInside(range, array->fCount)) return;
-    std::stable_sort(array->fValues + range.location, array->fValues + range.location + range.length,
-                     [&](const void *a, const void *b) { return comparator(a, b, context) == kRtCompareLessThan; });
+void RtArraySortValues(RtMutableArrayRef array, RtRange range, RtComparatorFunction comparator,
+                       void *context) {
+    if (!isMutableArray(array) || !comparator || !rt::rangeInside(range, array->fCount)) return;
+    std::stable_sort(
+        array->fValues + range.location, array->fValues + range.location + range.length,
+        [&](const void *a, const void *b) { return comparator(a, b, context) == kRtCompareLessThan; });
 }

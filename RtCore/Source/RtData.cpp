@@ -12,7 +12,7 @@ struct __RtData {
     uint32_t fFlags;
     uint8_t *fBytes;
     RtIndex fLength;
-    RtIndex fCapacity; // mutable data: bytes allocated
+    RtIndex fCapacity;           // mutable data: bytes allocated
     RtAllocatorRef fDeallocator; // no-copy data: how to free fBytes
 };
 
@@ -20,11 +20,11 @@ namespace {
 
 enum : uint32_t { eDataMutable = 1, eDataNoCopy = 2 };
 
-bool isData(RtTypeRef obj) { return rt::isA(obj, RtDataGetTypeID()); }
-bool isMutableData(RtTypeRef obj) { return isData(obj) && (static_cast<const __RtData *>(obj)->fFlags & eDataMutable); }
-
-bool rangeInside(RtRange r, RtIndex len) {
-    return r.location >= 0 && r.length >= 0 && r.location <= len && r.length <= len - r.location;
+bool isData(RtTypeRef obj) {
+    return rt::isA(obj, RtDataGetTypeID());
+}
+bool isMutableData(RtTypeRef obj) {
+    return isData(obj) && (static_cast<const __RtData *>(obj)->fFlags & eDataMutable);
 }
 
 void _dataFinalize(RtTypeRef obj) {
@@ -38,7 +38,8 @@ void _dataFinalize(RtTypeRef obj) {
 bool _dataEqual(RtTypeRef a, RtTypeRef b) {
     auto *x = static_cast<const __RtData *>(a);
     auto *y = static_cast<const __RtData *>(b);
-    return x->fLength == y->fLength && (x->fLength == 0 || std::memcmp(x->fBytes, y->fBytes, size_t(x->fLength)) == 0);
+    return x->fLength == y->fLength &&
+           (x->fLength == 0 || std::memcmp(x->fBytes, y->fBytes, size_t(x->fLength)) == 0);
 }
 
 // Hashes at most the first 80 bytes and the length: enough to spread keys, bounded in cost.
@@ -59,15 +60,19 @@ RtStringRef _dataDesc(RtTypeRef obj, RtDictionaryRef) {
     return RtStringCreateWithCString(kRtAllocatorDefault, buf, kRtStringEncodingASCII);
 }
 
-RtStringRef _dataDebugDesc(RtTypeRef obj) { return _dataDesc(obj, nullptr); }
+RtStringRef _dataDebugDesc(RtTypeRef obj) {
+    return _dataDesc(obj, nullptr);
+}
 
-const RtRuntimeClass sDataClass = {0, "RtData", nullptr, nullptr, _dataFinalize, _dataEqual, _dataHash,
-                                   _dataDesc, _dataDebugDesc};
+const RtRuntimeClass sDataClass = {0,          "RtData",  nullptr,   nullptr,       _dataFinalize,
+                                   _dataEqual, _dataHash, _dataDesc, _dataDebugDesc};
 std::atomic<RtTypeID> sDataTypeID{kRtNotATypeID};
 
 constexpr RtIndex kFieldBytes = sizeof(__RtData) - sizeof(RtRuntimeBase);
 // Immutable data keep their bytes right after the fields.
-uint8_t *inlineBytes(__RtData *d) { return reinterpret_cast<uint8_t *>(d + 1); }
+uint8_t *inlineBytes(__RtData *d) {
+    return reinterpret_cast<uint8_t *>(d + 1);
+}
 
 __RtData *newData(RtAllocatorRef alloc, RtIndex inlineBytes) {
     return static_cast<__RtData *>(
@@ -81,7 +86,8 @@ bool reserve(__RtData *d, RtIndex need) {
     if (need <= d->fCapacity) return true;
     if (need > kMaxLength) return false;
     RtIndex cap = d->fCapacity < 16 ? 16 : d->fCapacity;
-    while (cap < need) cap = cap + cap / 2 + 16;
+    while (cap < need)
+        cap = cap + cap / 2 + 16;
     auto *p = static_cast<uint8_t *>(std::realloc(d->fBytes, size_t(cap)));
     if (!p) return false;
     d->fBytes = p;
@@ -95,13 +101,16 @@ namespace rt {
 
 RtHashCode hashBytes(const uint8_t *bytes, size_t n) {
     uint64_t h = 14695981039346656037ull;
-    for (size_t i = 0; i < n; i++) h = (h ^ bytes[i]) * 1099511628211ull;
+    for (size_t i = 0; i < n; i++)
+        h = (h ^ bytes[i]) * 1099511628211ull;
     return static_cast<RtHashCode>(h);
 }
 
 } // namespace rt
 
-RtTypeID RtDataGetTypeID(void) { return rt::registerOnce(sDataTypeID, &sDataClass); }
+RtTypeID RtDataGetTypeID(void) {
+    return rt::registerOnce(sDataTypeID, &sDataClass);
+}
 
 RtDataRef RtDataCreate(RtAllocatorRef alloc, const uint8_t *bytes, RtIndex length) {
     if (length < 0 || (length > 0 && !bytes)) return nullptr;
@@ -152,14 +161,20 @@ RtMutableDataRef RtDataCreateMutableCopy(RtAllocatorRef alloc, RtIndex capacity,
     return d;
 }
 
-RtIndex RtDataGetLength(RtDataRef data) { return isData(data) ? data->fLength : 0; }
+RtIndex RtDataGetLength(RtDataRef data) {
+    return isData(data) ? data->fLength : 0;
+}
 
-const uint8_t *RtDataGetBytePtr(RtDataRef data) { return isData(data) ? data->fBytes : nullptr; }
+const uint8_t *RtDataGetBytePtr(RtDataRef data) {
+    return isData(data) ? data->fBytes : nullptr;
+}
 
-uint8_t *RtDataGetMutableBytePtr(RtMutableDataRef data) { return isMutableData(data) ? data->fBytes : nullptr; }
+uint8_t *RtDataGetMutableBytePtr(RtMutableDataRef data) {
+    return isMutableData(data) ? data->fBytes : nullptr;
+}
 
 void RtDataGetBytes(RtDataRef data, RtRange range, uint8_t *buffer) {
-    if (!isData(data) || !buffer || !rangeInside(range, data->fLength) || range.length == 0) return;
+    if (!isData(data) || !buffer || !rt::rangeInside(range, data->fLength) || range.length == 0) return;
     std::memcpy(buffer, data->fBytes + range.location, size_t(range.length));
 }
 
@@ -182,7 +197,8 @@ void RtDataAppendBytes(RtMutableDataRef data, const uint8_t *bytes, RtIndex leng
 }
 
 void RtDataReplaceBytes(RtMutableDataRef data, RtRange range, const uint8_t *newBytes, RtIndex newLength) {
-    if (!isMutableData(data) || !rangeInside(range, data->fLength) || newLength < 0 || (newLength && !newBytes))
+    if (!isMutableData(data) || !rt::rangeInside(range, data->fLength) || newLength < 0 ||
+        (newLength && !newBytes))
         return;
     // The new bytes may come from this very buffer, which growing can move: take a copy first.
     uint8_t *copy = nullptr;
@@ -196,12 +212,14 @@ void RtDataReplaceBytes(RtMutableDataRef data, RtRange range, const uint8_t *new
     RtIndex newTotal = data->fLength - range.length + newLength;
     if (reserve(data, newTotal)) {
         if (tail)
-            std::memmove(data->fBytes + range.location + newLength, data->fBytes + range.location + range.length,
-                         size_t(tail));
+            std::memmove(data->fBytes + range.location + newLength,
+                         data->fBytes + range.location + range.length, size_t(tail));
         if (newLength) std::memcpy(data->fBytes + range.location, newBytes, size_t(newLength));
         data->fLength = newTotal;
     }
     std::free(copy);
 }
 
-void RtDataDeleteBytes(RtMutableDataRef data, RtRange range) { RtDataReplaceBytes(data, range, nullptr, 0); }
+void RtDataDeleteBytes(RtMutableDataRef data, RtRange range) {
+    RtDataReplaceBytes(data, range, nullptr, 0);
+}

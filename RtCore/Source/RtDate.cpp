@@ -21,7 +21,9 @@ constexpr int64_t kDaysTo2001 = 11323;
 // Absolute times are clamped to about +-1.9 billion years so that day counts and years fit.
 constexpr double kMaxDays = 7.0e11;
 
-int64_t floorDiv(int64_t a, int64_t b) { return a / b - ((a % b != 0) && ((a < 0) != (b < 0))); }
+int64_t floorDiv(int64_t a, int64_t b) {
+    return a / b - ((a % b != 0) && ((a < 0) != (b < 0)));
+}
 
 // Days since 1970-01-01 of a civil date (month 1..12; day may be any value).
 int64_t daysFromCivil(int64_t y, int64_t m, int64_t d) {
@@ -45,7 +47,9 @@ void civilFromDays(int64_t z, int64_t *y, int32_t *m, int32_t *d) {
     *y = yoe + era * 400 + (*m <= 2);
 }
 
-bool isLeapYear(int64_t y) { return (y % 4 == 0 && y % 100 != 0) || y % 400 == 0; }
+bool isLeapYear(int64_t y) {
+    return (y % 4 == 0 && y % 100 != 0) || y % 400 == 0;
+}
 
 int daysInMonth(int64_t y, int m) {
     static const int kDays[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
@@ -89,10 +93,12 @@ RtStringRef _dateDesc(RtTypeRef obj, RtDictionaryRef) {
                                    static_cast<RtIndex>(n), kRtStringEncodingASCII, false);
 }
 
-RtStringRef _dateDebugDesc(RtTypeRef obj) { return _dateDesc(obj, nullptr); }
+RtStringRef _dateDebugDesc(RtTypeRef obj) {
+    return _dateDesc(obj, nullptr);
+}
 
-const RtRuntimeClass sDateClass = {0, "RtDate", nullptr, nullptr, nullptr, _dateEqual, _dateHash, _dateDesc,
-                                   _dateDebugDesc};
+const RtRuntimeClass sDateClass = {0,          "RtDate",  nullptr,   nullptr,       nullptr,
+                                   _dateEqual, _dateHash, _dateDesc, _dateDebugDesc};
 std::atomic<RtTypeID> sDateTypeID{kRtNotATypeID};
 
 } // namespace
@@ -102,8 +108,9 @@ namespace rt {
 size_t formatISO8601(RtAbsoluteTime at, char *buf, size_t size, bool compact) {
     RtGregorianDate g = RtAbsoluteTimeGetGregorianDate(at);
     int whole = static_cast<int>(g.second);
-    int n = std::snprintf(buf, size, compact ? "%04d-%02d-%02dT%02d:%02d:%02d" : "%04d-%02d-%02d %02d:%02d:%02d",
-                          g.year, g.month, g.day, g.hour, g.minute, whole);
+    int n =
+        std::snprintf(buf, size, compact ? "%04d-%02d-%02dT%02d:%02d:%02d" : "%04d-%02d-%02d %02d:%02d:%02d",
+                      g.year, g.month, g.day, g.hour, g.minute, whole);
     if (n < 0 || static_cast<size_t>(n) >= size) return 0;
     // Fractions of a second are kept to the microsecond, trailing zeros dropped.
     double frac = g.second - whole;
@@ -112,7 +119,8 @@ size_t formatISO8601(RtAbsoluteTime at, char *buf, size_t size, bool compact) {
         int m = std::snprintf(buf + n, size - static_cast<size_t>(n), ".%06ld", micros);
         if (m < 0 || static_cast<size_t>(n + m) >= size) return 0;
         n += m;
-        while (buf[n - 1] == '0') n--;
+        while (buf[n - 1] == '0')
+            n--;
     }
     int z = std::snprintf(buf + n, size - static_cast<size_t>(n), compact ? "Z" : " +0000");
     if (z < 0 || static_cast<size_t>(n + z) >= size) return 0;
@@ -127,7 +135,9 @@ RtAbsoluteTime RtAbsoluteTimeGetCurrent(void) {
     return (static_cast<double>(ts.tv_sec) - kRtAbsoluteTimeIntervalSince1970) + ts.tv_nsec * 1e-9;
 }
 
-RtTypeID RtDateGetTypeID(void) { return rt::registerOnce(sDateTypeID, &sDateClass); }
+RtTypeID RtDateGetTypeID(void) {
+    return rt::registerOnce(sDateTypeID, &sDateClass);
+}
 
 RtDateRef RtDateCreate(RtAllocatorRef alloc, RtAbsoluteTime at) {
     auto *d = static_cast<__RtDate *>(const_cast<void *>(

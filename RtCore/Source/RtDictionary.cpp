@@ -23,14 +23,14 @@ struct Entry {
 struct __RtDictionary {
     RtRuntimeBase fBase;
     uint32_t fFlags;
-    uint32_t fIndexBits;   // the table has 1 << fIndexBits slots; 0: no table
+    uint32_t fIndexBits; // the table has 1 << fIndexBits slots; 0: no table
     RtDictionaryKeyCallBacks fKeyCallBacks;
     RtDictionaryValueCallBacks fValueCallBacks;
-    Entry *fEntries;       // insertion order, holes marked by kHole
-    RtIndex fUsed;         // entries used, holes included
-    RtIndex fCapacity;     // entries allocated
-    RtIndex fCount;        // live entries
-    uint64_t *fIndex;      // slot: (hash << 32) | (position + 1); 0 is empty
+    Entry *fEntries;   // insertion order, holes marked by kHole
+    RtIndex fUsed;     // entries used, holes included
+    RtIndex fCapacity; // entries allocated
+    RtIndex fCount;    // live entries
+    uint64_t *fIndex;  // slot: (hash << 32) | (position + 1); 0 is empty
 };
 
 namespace {
@@ -45,10 +45,16 @@ constexpr RtIndex kMaxCount = RtIndex(1) << 30;
 const char kHoleMark = 0;
 const void *const kHole = &kHoleMark;
 
-bool isDict(RtTypeRef obj) { return rt::isA(obj, RtDictionaryGetTypeID()); }
-bool isMutableDict(RtTypeRef obj) { return isDict(obj) && (static_cast<const Dict *>(obj)->fFlags & eDictMutable); }
+bool isDict(RtTypeRef obj) {
+    return rt::isA(obj, RtDictionaryGetTypeID());
+}
+bool isMutableDict(RtTypeRef obj) {
+    return isDict(obj) && (static_cast<const Dict *>(obj)->fFlags & eDictMutable);
+}
 
-uint32_t fold(RtHashCode h) { return static_cast<uint32_t>(h ^ (static_cast<uint64_t>(h) >> 32)); }
+uint32_t fold(RtHashCode h) {
+    return static_cast<uint32_t>(h ^ (static_cast<uint64_t>(h) >> 32));
+}
 
 uint32_t hashKey(const Dict *d, const void *key) {
     auto fn = d->fKeyCallBacks.hash;
@@ -66,7 +72,9 @@ bool keysEqual(const Dict *d, const void *a, const void *b) {
 }
 
 // The preferred slot of a hash (Fibonacci hashing spreads hashes with poor low bits).
-uint64_t homeSlot(uint32_t hash, uint32_t bits) { return (hash * 2654435769u) >> (32 - bits); }
+uint64_t homeSlot(uint32_t hash, uint32_t bits) {
+    return (hash * 2654435769u) >> (32 - bits);
+}
 
 RtIndex findEntry(const Dict *d, const void *key, uint32_t hash) {
     if (!d->fIndex) {
@@ -90,7 +98,8 @@ RtIndex findEntry(const Dict *d, const void *key, uint32_t hash) {
 void indexInsert(Dict *d, uint32_t hash, RtIndex pos) {
     uint64_t mask = (uint64_t(1) << d->fIndexBits) - 1;
     uint64_t s = homeSlot(hash, d->fIndexBits);
-    while (d->fIndex[s]) s = (s + 1) & mask;
+    while (d->fIndex[s])
+        s = (s + 1) & mask;
     d->fIndex[s] = (uint64_t(hash) << 32) | uint64_t(pos + 1);
 }
 
@@ -99,7 +108,8 @@ void indexRemove(Dict *d, uint32_t hash, RtIndex pos) {
     uint64_t mask = (uint64_t(1) << d->fIndexBits) - 1;
     uint64_t want = (uint64_t(hash) << 32) | uint64_t(pos + 1);
     uint64_t s = homeSlot(hash, d->fIndexBits);
-    while (d->fIndex[s] != want) s = (s + 1) & mask;
+    while (d->fIndex[s] != want)
+        s = (s + 1) & mask;
     for (uint64_t next = (s + 1) & mask;; next = (next + 1) & mask) {
         uint64_t slot = d->fIndex[next];
         if (!slot) break;
@@ -120,7 +130,8 @@ bool rebuildIndex(Dict *d) {
     d->fIndexBits = 0;
     if (d->fCapacity <= kSmallCapacity) return true;
     uint32_t bits = 4;
-    while ((RtIndex(1) << bits) < 2 * d->fCapacity) bits++;
+    while ((RtIndex(1) << bits) < 2 * d->fCapacity)
+        bits++;
     d->fIndex = static_cast<uint64_t *>(std::calloc(size_t(1) << bits, sizeof(uint64_t)));
     if (!d->fIndex) return false;
     d->fIndexBits = bits;
@@ -215,7 +226,9 @@ void removeAll(Dict *d) {
     std::free(entries);
 }
 
-void _dictFinalize(RtTypeRef obj) { removeAll(static_cast<Dict *>(const_cast<void *>(obj))); }
+void _dictFinalize(RtTypeRef obj) {
+    removeAll(static_cast<Dict *>(const_cast<void *>(obj)));
+}
 
 bool _dictEqual(RtTypeRef x, RtTypeRef y) {
     auto *a = static_cast<const Dict *>(x);
@@ -233,22 +246,20 @@ bool _dictEqual(RtTypeRef x, RtTypeRef y) {
     return true;
 }
 
-RtHashCode _dictHash(RtTypeRef obj) { return static_cast<RtHashCode>(static_cast<const Dict *>(obj)->fCount); }
-
-RtStringRef _dictDebugDesc(RtTypeRef obj) {
-    RtMutableStringRef s = RtStringCreateMutable(kRtAllocatorDefault, 0);
-    if (s) rt::appendDictionaryDescription(s, static_cast<RtDictionaryRef>(obj), 0);
-    return s;
+RtHashCode _dictHash(RtTypeRef obj) {
+    return static_cast<RtHashCode>(static_cast<const Dict *>(obj)->fCount);
 }
 
-const RtRuntimeClass sDictClass = {0,          "RtDictionary", nullptr, nullptr,       _dictFinalize,
-                                   _dictEqual, _dictHash,      nullptr, _dictDebugDesc};
+const RtRuntimeClass sDictClass = {0,         "RtDictionary", nullptr,
+                                   nullptr,   _dictFinalize,  _dictEqual,
+                                   _dictHash, nullptr,        rt::copyCollectionDescription};
 std::atomic<RtTypeID> sDictTypeID{kRtNotATypeID};
 
 // kRtCopyStringDictionaryKeyCallBacks: a mutable string key is frozen into an immutable copy so
 // that changing the caller's string cannot move it within the table.
 const void *_copyStringKeyRetain(RtAllocatorRef alloc, const void *key) {
-    if (RtGetTypeID(key) == RtStringGetTypeID()) return RtStringCreateCopy(alloc, static_cast<RtStringRef>(key));
+    if (RtGetTypeID(key) == RtStringGetTypeID())
+        return RtStringCreateCopy(alloc, static_cast<RtStringRef>(key));
     return RtRetain(key);
 }
 
@@ -310,15 +321,18 @@ void appendDictionaryDescription(RtMutableStringRef out, RtDictionaryRef dict, i
 
 } // namespace rt
 
-RtTypeID RtDictionaryGetTypeID(void) { return rt::registerOnce(sDictTypeID, &sDictClass); }
+RtTypeID RtDictionaryGetTypeID(void) {
+    return rt::registerOnce(sDictTypeID, &sDictClass);
+}
 
-RtDictionaryRef RtDictionaryCreate(RtAllocatorRef alloc, const void **keys, const void **values, RtIndex numValues,
-                                   const RtDictionaryKeyCallBacks *keyCallBacks,
+RtDictionaryRef RtDictionaryCreate(RtAllocatorRef alloc, const void **keys, const void **values,
+                                   RtIndex numValues, const RtDictionaryKeyCallBacks *keyCallBacks,
                                    const RtDictionaryValueCallBacks *valueCallBacks) {
     if (numValues < 0 || (numValues > 0 && (!keys || !values))) return nullptr;
     Dict *d = newDict(alloc, numValues, keyCallBacks, valueCallBacks);
     if (!d) return nullptr;
-    for (RtIndex i = 0; i < numValues; i++) setValue(d, keys[i], values[i], true, true);
+    for (RtIndex i = 0; i < numValues; i++)
+        setValue(d, keys[i], values[i], true, true);
     d->fFlags &= ~uint32_t(eDictMutable);
     return d;
 }
@@ -337,11 +351,14 @@ RtMutableDictionaryRef RtDictionaryCreateMutable(RtAllocatorRef alloc, RtIndex c
     return newDict(alloc, capacity, keyCallBacks, valueCallBacks);
 }
 
-RtMutableDictionaryRef RtDictionaryCreateMutableCopy(RtAllocatorRef alloc, RtIndex capacity, RtDictionaryRef dict) {
+RtMutableDictionaryRef RtDictionaryCreateMutableCopy(RtAllocatorRef alloc, RtIndex capacity,
+                                                     RtDictionaryRef dict) {
     return isDict(dict) ? copyDict(alloc, capacity, dict) : nullptr;
 }
 
-RtIndex RtDictionaryGetCount(RtDictionaryRef dict) { return isDict(dict) ? dict->fCount : 0; }
+RtIndex RtDictionaryGetCount(RtDictionaryRef dict) {
+    return isDict(dict) ? dict->fCount : 0;
+}
 
 bool RtDictionaryGetValueIfPresent(RtDictionaryRef dict, const void *key, const void **value) {
     if (!isDict(dict) || dict->fCount == 0) return false;
@@ -414,7 +431,8 @@ void RtDictionaryRemoveValue(RtMutableDictionaryRef dict, const void *key) {
     dict->fEntries[pos].key = kHole;
     dict->fCount--;
     // Trailing holes are simply dropped; others wait for compaction when the entries fill up.
-    while (dict->fUsed > 0 && dict->fEntries[dict->fUsed - 1].key == kHole) dict->fUsed--;
+    while (dict->fUsed > 0 && dict->fEntries[dict->fUsed - 1].key == kHole)
+        dict->fUsed--;
     if (dict->fCount == 0) dict->fUsed = 0;
     releaseKey(dict, e.key);
     releaseValue(dict, e.value);

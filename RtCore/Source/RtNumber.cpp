@@ -39,24 +39,32 @@ bool isFloatKind(RtNumberType t) {
            t == kRtNumberDoubleType;
 }
 
-bool isFloat(Num *n) { return isFloatKind(n->fType); }
+bool isFloat(Num *n) {
+    return isFloatKind(n->fType);
+}
 
 RtIndex byteSizeOf(RtNumberType t) {
     switch (t) {
     case kRtNumberSInt8Type:
-    case kRtNumberCharType: return 1;
+    case kRtNumberCharType:
+        return 1;
     case kRtNumberSInt16Type:
-    case kRtNumberShortType: return 2;
+    case kRtNumberShortType:
+        return 2;
     case kRtNumberSInt32Type:
     case kRtNumberIntType:
     case kRtNumberFloat32Type:
-    case kRtNumberFloatType: return 4;
+    case kRtNumberFloatType:
+        return 4;
     case kRtNumberSInt64Type:
     case kRtNumberLongLongType:
     case kRtNumberFloat64Type:
-    case kRtNumberDoubleType: return 8;
-    case kRtNumberLongType: return sizeof(long);
-    case kRtNumberIndexType: return sizeof(RtIndex);
+    case kRtNumberDoubleType:
+        return 8;
+    case kRtNumberLongType:
+        return sizeof(long);
+    case kRtNumberIndexType:
+        return sizeof(RtIndex);
     }
     return 0;
 }
@@ -169,34 +177,45 @@ RtStringRef _numberDesc(RtTypeRef obj, RtDictionaryRef) {
                                    static_cast<RtIndex>(n), kRtStringEncodingASCII, false);
 }
 
-RtStringRef _numberDebugDesc(RtTypeRef obj) { return _numberDesc(obj, nullptr); }
+RtStringRef _numberDebugDesc(RtTypeRef obj) {
+    return _numberDesc(obj, nullptr);
+}
 
-const RtRuntimeClass sNumberClass = {0, "RtNumber", nullptr, nullptr, nullptr, _numberEqual, _numberHash,
-                                     _numberDesc, _numberDebugDesc};
+const RtRuntimeClass sNumberClass = {
+    0, "RtNumber", nullptr, nullptr, nullptr, _numberEqual, _numberHash, _numberDesc, _numberDebugDesc};
 std::atomic<RtTypeID> sNumberTypeID{kRtNotATypeID};
 
 // Booleans and null exist only as the static singletons: identity is equality.
-RtHashCode _booleanHash(RtTypeRef obj) { return static_cast<const __RtBoolean *>(obj)->fValue ? 1 : 2; }
+RtHashCode _booleanHash(RtTypeRef obj) {
+    return static_cast<const __RtBoolean *>(obj)->fValue ? 1 : 2;
+}
 
 RtStringRef _booleanDesc(RtTypeRef obj, RtDictionaryRef) {
-    return RtStringCreateWithCString(kRtAllocatorDefault, static_cast<const __RtBoolean *>(obj)->fValue ? "true" : "false",
+    return RtStringCreateWithCString(kRtAllocatorDefault,
+                                     static_cast<const __RtBoolean *>(obj)->fValue ? "true" : "false",
                                      kRtStringEncodingASCII);
 }
 
-RtStringRef _booleanDebugDesc(RtTypeRef obj) { return _booleanDesc(obj, nullptr); }
+RtStringRef _booleanDebugDesc(RtTypeRef obj) {
+    return _booleanDesc(obj, nullptr);
+}
 
-const RtRuntimeClass sBooleanClass = {0, "RtBoolean", nullptr, nullptr, nullptr, nullptr, _booleanHash,
-                                      _booleanDesc, _booleanDebugDesc};
+const RtRuntimeClass sBooleanClass = {0,       "RtBoolean",  nullptr,      nullptr,          nullptr,
+                                      nullptr, _booleanHash, _booleanDesc, _booleanDebugDesc};
 std::atomic<RtTypeID> sBooleanTypeID{kRtNotATypeID};
 
-RtHashCode _nullHash(RtTypeRef) { return 3; }
+RtHashCode _nullHash(RtTypeRef) {
+    return 3;
+}
 RtStringRef _nullDesc(RtTypeRef, RtDictionaryRef) {
     return RtStringCreateWithCString(kRtAllocatorDefault, "<null>", kRtStringEncodingASCII);
 }
-RtStringRef _nullDebugDesc(RtTypeRef obj) { return _nullDesc(obj, nullptr); }
+RtStringRef _nullDebugDesc(RtTypeRef obj) {
+    return _nullDesc(obj, nullptr);
+}
 
-const RtRuntimeClass sNullClass = {0, "RtNull", nullptr, nullptr, nullptr, nullptr, _nullHash, _nullDesc,
-                                   _nullDebugDesc};
+const RtRuntimeClass sNullClass = {0,       "RtNull",  nullptr,   nullptr,       nullptr,
+                                   nullptr, _nullHash, _nullDesc, _nullDebugDesc};
 std::atomic<RtTypeID> sNullTypeID{kRtNotATypeID};
 
 // Small integers of every integer kind are shared: the readers create them by the thousand.
@@ -245,19 +264,35 @@ __attribute__((init_priority(101))) StaticNumbers sStaticNumbers;
 bool loadValue(RtNumberType t, const void *p, int64_t *i, double *d) {
     switch (t) {
     case kRtNumberSInt8Type:
-    case kRtNumberCharType: *i = *static_cast<const int8_t *>(p); return true;
+    case kRtNumberCharType:
+        *i = *static_cast<const int8_t *>(p);
+        return true;
     case kRtNumberSInt16Type:
-    case kRtNumberShortType: *i = *static_cast<const int16_t *>(p); return true;
+    case kRtNumberShortType:
+        *i = *static_cast<const int16_t *>(p);
+        return true;
     case kRtNumberSInt32Type:
-    case kRtNumberIntType: *i = *static_cast<const int32_t *>(p); return true;
+    case kRtNumberIntType:
+        *i = *static_cast<const int32_t *>(p);
+        return true;
     case kRtNumberSInt64Type:
-    case kRtNumberLongLongType: *i = *static_cast<const int64_t *>(p); return true;
-    case kRtNumberLongType: *i = *static_cast<const long *>(p); return true;
-    case kRtNumberIndexType: *i = *static_cast<const RtIndex *>(p); return true;
+    case kRtNumberLongLongType:
+        *i = *static_cast<const int64_t *>(p);
+        return true;
+    case kRtNumberLongType:
+        *i = *static_cast<const long *>(p);
+        return true;
+    case kRtNumberIndexType:
+        *i = *static_cast<const RtIndex *>(p);
+        return true;
     case kRtNumberFloat32Type:
-    case kRtNumberFloatType: *d = *static_cast<const float *>(p); return true;
+    case kRtNumberFloatType:
+        *d = *static_cast<const float *>(p);
+        return true;
     case kRtNumberFloat64Type:
-    case kRtNumberDoubleType: *d = *static_cast<const double *>(p); return true;
+    case kRtNumberDoubleType:
+        *d = *static_cast<const double *>(p);
+        return true;
     }
     return false;
 }
@@ -280,7 +315,8 @@ size_t formatNumber(RtNumberRef number, char *buf, size_t size, bool asDouble) {
     } else {
         double d = number->fReal;
         if (std::isnan(d)) return static_cast<size_t>(std::snprintf(buf, size, "nan"));
-        if (std::isinf(d)) return static_cast<size_t>(std::snprintf(buf, size, d > 0 ? "+infinity" : "-infinity"));
+        if (std::isinf(d))
+            return static_cast<size_t>(std::snprintf(buf, size, d > 0 ? "+infinity" : "-infinity"));
         // Shortest text that reads back as the same value (of the kind's own precision).
         if (!asDouble && (number->fType == kRtNumberFloat32Type || number->fType == kRtNumberFloatType))
             r = std::to_chars(buf, buf + size, static_cast<float>(d));
@@ -293,9 +329,15 @@ size_t formatNumber(RtNumberRef number, char *buf, size_t size, bool asDouble) {
 
 } // namespace rt
 
-RtTypeID RtNumberGetTypeID(void) { return rt::registerOnce(sNumberTypeID, &sNumberClass); }
-RtTypeID RtBooleanGetTypeID(void) { return rt::registerOnce(sBooleanTypeID, &sBooleanClass); }
-RtTypeID RtNullGetTypeID(void) { return rt::registerOnce(sNullTypeID, &sNullClass); }
+RtTypeID RtNumberGetTypeID(void) {
+    return rt::registerOnce(sNumberTypeID, &sNumberClass);
+}
+RtTypeID RtBooleanGetTypeID(void) {
+    return rt::registerOnce(sBooleanTypeID, &sBooleanClass);
+}
+RtTypeID RtNullGetTypeID(void) {
+    return rt::registerOnce(sNullTypeID, &sNullClass);
+}
 
 RtNumberRef RtNumberCreate(RtAllocatorRef alloc, RtNumberType theType, const void *valuePtr) {
     if (!valuePtr) return nullptr;
@@ -304,8 +346,8 @@ RtNumberRef RtNumberCreate(RtAllocatorRef alloc, RtNumberType theType, const voi
     if (!loadValue(theType, valuePtr, &i, &d)) return nullptr;
     bool real = isFloatKind(theType);
     if (!real && i >= kSmallMin && i <= kSmallMax) return &sSmall[theType][i - kSmallMin];
-    auto *n = static_cast<__RtNumber *>(const_cast<void *>(RtRuntimeCreateInstance(
-        alloc, RtNumberGetTypeID(), sizeof(__RtNumber) - sizeof(RtRuntimeBase))));
+    auto *n = static_cast<__RtNumber *>(const_cast<void *>(
+        RtRuntimeCreateInstance(alloc, RtNumberGetTypeID(), sizeof(__RtNumber) - sizeof(RtRuntimeBase))));
     if (!n) return nullptr;
     n->fType = theType;
     if (real)
@@ -323,34 +365,47 @@ RtIndex RtNumberGetByteSize(RtNumberRef number) {
     return rt::isA(number, RtNumberGetTypeID()) ? byteSizeOf(number->fType) : 0;
 }
 
-bool RtNumberIsFloatType(RtNumberRef number) { return rt::isA(number, RtNumberGetTypeID()) && isFloat(number); }
+bool RtNumberIsFloatType(RtNumberRef number) {
+    return rt::isA(number, RtNumberGetTypeID()) && isFloat(number);
+}
 
 bool RtNumberGetValue(RtNumberRef number, RtNumberType theType, void *valuePtr) {
     if (!valuePtr || !rt::isA(number, RtNumberGetTypeID())) return false;
     switch (theType) {
     case kRtNumberSInt8Type:
-    case kRtNumberCharType: return storeInteger<int8_t>(number, valuePtr);
+    case kRtNumberCharType:
+        return storeInteger<int8_t>(number, valuePtr);
     case kRtNumberSInt16Type:
-    case kRtNumberShortType: return storeInteger<int16_t>(number, valuePtr);
+    case kRtNumberShortType:
+        return storeInteger<int16_t>(number, valuePtr);
     case kRtNumberSInt32Type:
-    case kRtNumberIntType: return storeInteger<int32_t>(number, valuePtr);
+    case kRtNumberIntType:
+        return storeInteger<int32_t>(number, valuePtr);
     case kRtNumberSInt64Type:
-    case kRtNumberLongLongType: return storeInteger<int64_t>(number, valuePtr);
-    case kRtNumberLongType: return storeInteger<long>(number, valuePtr);
-    case kRtNumberIndexType: return storeInteger<RtIndex>(number, valuePtr);
+    case kRtNumberLongLongType:
+        return storeInteger<int64_t>(number, valuePtr);
+    case kRtNumberLongType:
+        return storeInteger<long>(number, valuePtr);
+    case kRtNumberIndexType:
+        return storeInteger<RtIndex>(number, valuePtr);
     case kRtNumberFloat32Type:
-    case kRtNumberFloatType: return storeReal<float>(number, valuePtr);
+    case kRtNumberFloatType:
+        return storeReal<float>(number, valuePtr);
     case kRtNumberFloat64Type:
-    case kRtNumberDoubleType: return storeReal<double>(number, valuePtr);
+    case kRtNumberDoubleType:
+        return storeReal<double>(number, valuePtr);
     }
     return false;
 }
 
 RtComparisonResult RtNumberCompare(RtNumberRef a, RtNumberRef b, void *) {
     RtTypeID id = RtNumberGetTypeID();
-    if (!rt::isA(a, id) || !rt::isA(b, id)) return rt::isA(a, id) ? kRtCompareGreaterThan
-                                                  : (rt::isA(b, id) ? kRtCompareLessThan : kRtCompareEqualTo);
+    if (!rt::isA(a, id) || !rt::isA(b, id))
+        return rt::isA(a, id) ? kRtCompareGreaterThan
+                              : (rt::isA(b, id) ? kRtCompareLessThan : kRtCompareEqualTo);
     return compareNumbers(a, b);
 }
 
-bool RtBooleanGetValue(RtBooleanRef boolean) { return boolean == kRtBooleanTrue; }
+bool RtBooleanGetValue(RtBooleanRef boolean) {
+    return boolean == kRtBooleanTrue;
+}

@@ -34,13 +34,16 @@ int base64Value(unsigned char c) {
     return -1;
 }
 
-bool isXMLSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
+bool isXMLSpace(char c) {
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r';
+}
 
 } // namespace
 
 namespace rt {
 
-void appendBase64(std::string &out, const uint8_t *bytes, size_t n, size_t lineLength, const char *linePrefix) {
+void appendBase64(std::string &out, const uint8_t *bytes, size_t n, size_t lineLength,
+                  const char *linePrefix) {
     size_t column = 0;
     auto put = [&](char c) {
         if (lineLength && column == lineLength) {
@@ -105,7 +108,8 @@ bool appendEscaped(std::string &out, RtStringRef s) {
     const char *p = RtStringGetCStringPtr(s, kRtStringEncodingUTF8);
     if (!p) {
         RtIndex used = 0;
-        if (RtStringGetBytes(s, RtRangeMake(0, len), kRtStringEncodingUTF8, 0, false, nullptr, 0, &used) != len)
+        if (RtStringGetBytes(s, RtRangeMake(0, len), kRtStringEncodingUTF8, 0, false, nullptr, 0, &used) !=
+            len)
             return false;
         utf8.resize(size_t(used));
         RtStringGetBytes(s, RtRangeMake(0, len), kRtStringEncodingUTF8, 0, false,
@@ -116,12 +120,22 @@ bool appendEscaped(std::string &out, RtStringRef s) {
     for (RtIndex i = 0; i < len; i++) {
         char c = p[i];
         switch (c) {
-        case '&': out.append("&amp;"); break;
-        case '<': out.append("&lt;"); break;
-        case '>': out.append("&gt;"); break;
-        case '\r': out.append("&#13;"); break; // a raw CR would read back as LF
+        case '&':
+            out.append("&amp;");
+            break;
+        case '<':
+            out.append("&lt;");
+            break;
+        case '>':
+            out.append("&gt;");
+            break;
+        case '\r':
+            out.append("&#13;");
+            break; // a raw CR would read back as LF
         case '\t':
-        case '\n': out.push_back(c); break;
+        case '\n':
+            out.push_back(c);
+            break;
         default:
             if (static_cast<unsigned char>(c) < 0x20) return false;
             out.push_back(c);
@@ -228,12 +242,14 @@ const struct {
     const char *name;
     Kind kind;
 } kElements[] = {
-    {"plist", ePlist},     {"array", eArray}, {"dict", eDict}, {"key", eKey},   {"string", eString},
-    {"integer", eInteger}, {"real", eReal},   {"date", eDate}, {"data", eData}, {"true", eTrue},
-    {"false", eFalse},
+    {"plist", ePlist},   {"array", eArray},     {"dict", eDict},   {"key", eKey},
+    {"string", eString}, {"integer", eInteger}, {"real", eReal},   {"date", eDate},
+    {"data", eData},     {"true", eTrue},       {"false", eFalse},
 };
 
-bool isContainer(Kind k) { return k == ePlist || k == eArray || k == eDict; }
+bool isContainer(Kind k) {
+    return k == ePlist || k == eArray || k == eDict;
+}
 
 struct Frame {
     Kind kind;
@@ -242,8 +258,10 @@ struct Frame {
 
 // Trims XML white space from both ends.
 void trim(const char *&p, const char *&end) {
-    while (p < end && isXMLSpace(*p)) p++;
-    while (end > p && isXMLSpace(end[-1])) end--;
+    while (p < end && isXMLSpace(*p))
+        p++;
+    while (end > p && isXMLSpace(end[-1]))
+        end--;
 }
 
 bool equalsNoCase(const char *p, const char *end, const char *word) {
@@ -317,7 +335,8 @@ bool parseDate(const std::string &text, RtAbsoluteTime *out) {
     if (p < end && *p == '.') {
         const char *start = p;
         p++;
-        while (p < end && *p >= '0' && *p <= '9') p++;
+        while (p < end && *p >= '0' && *p <= '9')
+            p++;
         double frac;
         if (p == start + 1 || std::from_chars(start, p, frac).ec != std::errc()) return false;
         g.second += frac;
@@ -359,7 +378,8 @@ class Reader {
 
 Reader::~Reader() {
     for (Frame &f : fStack)
-        for (RtTypeRef v : f.items) RtRelease(v);
+        for (RtTypeRef v : f.items)
+            RtRelease(v);
     RtRelease(fResult);
     if (fParser) XML_ParserFree(fParser);
 }
@@ -367,7 +387,8 @@ Reader::~Reader() {
 void Reader::fail(const std::string &message) {
     if (!fError.empty()) return;
     char line[48];
-    std::snprintf(line, sizeof line, " on line %lu", static_cast<unsigned long>(XML_GetCurrentLineNumber(fParser)));
+    std::snprintf(line, sizeof line, " on line %lu",
+                  static_cast<unsigned long>(XML_GetCurrentLineNumber(fParser)));
     fError = message + line;
     XML_StopParser(fParser, XML_FALSE);
 }
@@ -376,7 +397,8 @@ void Reader::fail(const std::string &message) {
 std::string quoted(const std::string &text) {
     if (text.size() <= 40) return "\"" + text + "\"";
     size_t n = 40;
-    while (n > 0 && (static_cast<unsigned char>(text[n]) & 0xC0) == 0x80) n--;
+    while (n > 0 && (static_cast<unsigned char>(text[n]) & 0xC0) == 0x80)
+        n--;
     return "\"" + text.substr(0, n) + "...\"";
 }
 
@@ -400,11 +422,14 @@ void Reader::start(const char *name) {
         if (!isContainer(parent.kind))
             return fail(std::string("Encountered <") + name + "> inside <" + kindName(parent.kind) + ">");
         if (kind == ePlist) return fail("Encountered a nested <plist>");
-        if (parent.kind == ePlist && !parent.items.empty()) return fail("Encountered a second value in <plist>");
+        if (parent.kind == ePlist && !parent.items.empty())
+            return fail("Encountered a second value in <plist>");
         bool wantKey = parent.kind == eDict && parent.items.size() % 2 == 0;
-        if (wantKey && kind != eKey) return fail(std::string("Expected <key> in <dict>, found <") + name + ">");
+        if (wantKey && kind != eKey)
+            return fail(std::string("Expected <key> in <dict>, found <") + name + ">");
         if (!wantKey && kind == eKey)
-            return fail(parent.kind == eDict ? "Found <key> where a value was expected" : "Encountered <key> outside <dict>");
+            return fail(parent.kind == eDict ? "Found <key> where a value was expected"
+                                             : "Encountered <key> outside <dict>");
     } else if (kind == eKey) {
         return fail("Encountered <key> outside <dict>");
     }
@@ -417,7 +442,8 @@ void Reader::end() {
     fStack.pop_back();
     RtTypeRef value = isContainer(frame.kind) ? makeContainer(frame) : makeLeaf(frame.kind);
     if (!value) {
-        for (RtTypeRef v : frame.items) RtRelease(v);
+        for (RtTypeRef v : frame.items)
+            RtRelease(v);
         return;
     }
     if (fStack.empty())
@@ -473,7 +499,8 @@ RtTypeRef Reader::makeLeaf(Kind kind) {
     }
     case eData: {
         std::string bytes;
-        if (!rt::decodeBase64(fText.data(), fText.size(), bytes)) return fail("Malformed base64 in <data>"), nullptr;
+        if (!rt::decodeBase64(fText.data(), fText.size(), bytes))
+            return fail("Malformed base64 in <data>"), nullptr;
         auto p = reinterpret_cast<const uint8_t *>(bytes.data());
         if (fMutability == kRtPropertyListMutableContainersAndLeaves) {
             RtMutableDataRef m = RtDataCreateMutable(fAlloc, 0);
@@ -485,9 +512,12 @@ RtTypeRef Reader::makeLeaf(Kind kind) {
     case eTrue:
     case eFalse:
         for (char c : fText)
-            if (!isXMLSpace(c)) return fail(std::string("Encountered text inside <") + kindName(kind) + ">"), nullptr;
-        return kind == eTrue ? static_cast<RtTypeRef>(kRtBooleanTrue) : static_cast<RtTypeRef>(kRtBooleanFalse);
-    default: return nullptr;
+            if (!isXMLSpace(c))
+                return fail(std::string("Encountered text inside <") + kindName(kind) + ">"), nullptr;
+        return kind == eTrue ? static_cast<RtTypeRef>(kRtBooleanTrue)
+                             : static_cast<RtTypeRef>(kRtBooleanFalse);
+    default:
+        return nullptr;
     }
 }
 
@@ -505,23 +535,27 @@ RtTypeRef Reader::makeContainer(Frame &frame) {
     if (frame.kind == eArray) {
         if (mutableContainers) {
             RtMutableArrayRef a = RtArrayCreateMutable(fAlloc, n, &kRtTypeArrayCallBacks);
-            for (RtTypeRef v : items) RtArrayAppendValue(a, v);
+            for (RtTypeRef v : items)
+                RtArrayAppendValue(a, v);
             result = a;
         } else {
-            result = RtArrayCreate(fAlloc, const_cast<const void **>(items.data()), n, &kRtTypeArrayCallBacks);
+            result =
+                RtArrayCreate(fAlloc, const_cast<const void **>(items.data()), n, &kRtTypeArrayCallBacks);
         }
     } else {
         if (n % 2) return fail("Found a <key> without a value"), nullptr;
         RtMutableDictionaryRef d = RtDictionaryCreateMutable(fAlloc, n / 2, &kRtTypeDictionaryKeyCallBacks,
                                                              &kRtTypeDictionaryValueCallBacks);
-        for (RtIndex i = 0; i < n; i += 2) RtDictionarySetValue(d, items[size_t(i)], items[size_t(i + 1)]);
+        for (RtIndex i = 0; i < n; i += 2)
+            RtDictionarySetValue(d, items[size_t(i)], items[size_t(i + 1)]);
         result = d;
         if (!mutableContainers) {
             result = RtDictionaryCreateCopy(fAlloc, d);
             RtRelease(d);
         }
     }
-    for (RtTypeRef v : items) RtRelease(v);
+    for (RtTypeRef v : items)
+        RtRelease(v);
     items.clear();
     if (!result) fail("Out of memory");
     return result;
@@ -594,8 +628,8 @@ RtDataRef RtPropertyListCreateXMLData(RtAllocatorRef alloc, RtTypeRef plist) {
     return RtDataCreate(alloc, reinterpret_cast<const uint8_t *>(w.fOut.data()), RtIndex(w.fOut.size()));
 }
 
-RtTypeRef RtPropertyListCreateFromXMLData(RtAllocatorRef alloc, RtDataRef xmlData, RtOptionFlags mutabilityOption,
-                                          RtStringRef *errorString) {
+RtTypeRef RtPropertyListCreateFromXMLData(RtAllocatorRef alloc, RtDataRef xmlData,
+                                          RtOptionFlags mutabilityOption, RtStringRef *errorString) {
     if (errorString) *errorString = nullptr;
     std::string error;
     RtTypeRef result = nullptr;

@@ -42,11 +42,21 @@ struct Parts {
     int32_t port = -1;
 };
 
-bool isAlpha(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
-bool isHex(char c) { return isDigit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'); }
-bool isUnreserved(char c) { return isAlpha(c) || isDigit(c) || c == '-' || c == '.' || c == '_' || c == '~'; }
-bool isSubDelim(char c) { return c && std::strchr("!$&'()*+,;=", c); }
+bool isAlpha(char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+bool isHex(char c) {
+    return isDigit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+}
+bool isUnreserved(char c) {
+    return isAlpha(c) || isDigit(c) || c == '-' || c == '.' || c == '_' || c == '~';
+}
+bool isSubDelim(char c) {
+    return c && std::strchr("!$&'()*+,;=", c);
+}
 
 // True when every character of s is unreserved, a sub-delimiter, one of extra, or part of a
 // well-formed percent escape.
@@ -113,7 +123,8 @@ bool parse(string_view s, Parts &p) {
     size_t i = 0;
     if (!s.empty() && isAlpha(s[0])) {
         size_t j = 1;
-        while (j < s.size() && (isAlpha(s[j]) || isDigit(s[j]) || s[j] == '+' || s[j] == '-' || s[j] == '.')) j++;
+        while (j < s.size() && (isAlpha(s[j]) || isDigit(s[j]) || s[j] == '+' || s[j] == '-' || s[j] == '.'))
+            j++;
         if (j < s.size() && s[j] == ':') {
             p.hasScheme = true;
             p.scheme = s.substr(0, j);
@@ -140,7 +151,8 @@ bool parse(string_view s, Parts &p) {
         p.hasAuthority = true;
         p.authority = rest.substr(2, end == string_view::npos ? string_view::npos : end - 2);
         if (!parseAuthority(p.authority, p)) return false;
-        rest = end == string_view::npos ? string_view() : rest.substr(end);
+        // An empty path still has a place: right after the authority.
+        rest = rest.substr(end == string_view::npos ? rest.size() : end);
     }
     p.path = rest;
     if (!allowed(p.path, ":@/")) return false;
@@ -237,20 +249,26 @@ bool _urlEqual(RtTypeRef a, RtTypeRef b) {
     return RtEqual(x->fString, y->fString) && RtEqual(x->fBaseURL, y->fBaseURL);
 }
 
-RtHashCode _urlHash(RtTypeRef obj) { return RtHash(static_cast<const __RtURL *>(obj)->fString); }
+RtHashCode _urlHash(RtTypeRef obj) {
+    return RtHash(static_cast<const __RtURL *>(obj)->fString);
+}
 
 RtStringRef _urlDesc(RtTypeRef obj, RtDictionaryRef) {
     return RtStringCreateWithCString(kRtAllocatorDefault, static_cast<const __RtURL *>(obj)->fText,
                                      kRtStringEncodingASCII);
 }
 
-RtStringRef _urlDebugDesc(RtTypeRef obj) { return _urlDesc(obj, nullptr); }
+RtStringRef _urlDebugDesc(RtTypeRef obj) {
+    return _urlDesc(obj, nullptr);
+}
 
-const RtRuntimeClass sURLClass = {0, "RtURL", nullptr, nullptr, _urlFinalize, _urlEqual, _urlHash, _urlDesc,
-                                  _urlDebugDesc};
+const RtRuntimeClass sURLClass = {0,         "RtURL",  nullptr,  nullptr,      _urlFinalize,
+                                  _urlEqual, _urlHash, _urlDesc, _urlDebugDesc};
 std::atomic<RtTypeID> sURLTypeID{kRtNotATypeID};
 
-bool isURL(RtTypeRef obj) { return rt::isA(obj, RtURLGetTypeID()); }
+bool isURL(RtTypeRef obj) {
+    return rt::isA(obj, RtURLGetTypeID());
+}
 
 // The ASCII text of str, or false when it is longer than any URL we accept or not ASCII.
 bool asciiText(RtStringRef str, std::string &out) {
@@ -264,13 +282,16 @@ bool asciiText(RtStringRef str, std::string &out) {
 
 RtStringRef copySpan(RtURLRef url, Span s) {
     if (!isURL(url) || s.start < 0) return nullptr;
-    return RtStringCreateWithBytes(kRtAllocatorDefault, reinterpret_cast<const uint8_t *>(url->fText + s.start),
-                                   s.length, kRtStringEncodingASCII, false);
+    return RtStringCreateWithBytes(kRtAllocatorDefault,
+                                   reinterpret_cast<const uint8_t *>(url->fText + s.start), s.length,
+                                   kRtStringEncodingASCII, false);
 }
 
 } // namespace
 
-RtTypeID RtURLGetTypeID(void) { return rt::registerOnce(sURLTypeID, &sURLClass); }
+RtTypeID RtURLGetTypeID(void) {
+    return rt::registerOnce(sURLTypeID, &sURLClass);
+}
 
 RtURLRef RtURLCreateWithString(RtAllocatorRef alloc, RtStringRef str, RtURLRef baseURL) {
     if (RtGetTypeID(str) != RtStringGetTypeID() || (baseURL && !isURL(baseURL))) return nullptr;
@@ -315,9 +336,13 @@ RtURLRef RtURLCreateWithString(RtAllocatorRef alloc, RtStringRef str, RtURLRef b
     return u;
 }
 
-RtStringRef RtURLGetString(RtURLRef url) { return isURL(url) ? url->fString : nullptr; }
+RtStringRef RtURLGetString(RtURLRef url) {
+    return isURL(url) ? url->fString : nullptr;
+}
 
-RtURLRef RtURLGetBaseURL(RtURLRef url) { return isURL(url) ? url->fBaseURL : nullptr; }
+RtURLRef RtURLGetBaseURL(RtURLRef url) {
+    return isURL(url) ? url->fBaseURL : nullptr;
+}
 
 RtURLRef RtURLCopyAbsoluteURL(RtURLRef url) {
     if (!isURL(url)) return nullptr;
@@ -328,10 +353,24 @@ RtURLRef RtURLCopyAbsoluteURL(RtURLRef url) {
     return abs;
 }
 
-RtStringRef RtURLCopyScheme(RtURLRef url) { return isURL(url) ? copySpan(url, url->fScheme) : nullptr; }
-RtStringRef RtURLCopyHostName(RtURLRef url) { return isURL(url) ? copySpan(url, url->fHost) : nullptr; }
-RtStringRef RtURLCopyPath(RtURLRef url) { return isURL(url) ? copySpan(url, url->fPath) : nullptr; }
-RtStringRef RtURLCopyQueryString(RtURLRef url) { return isURL(url) ? copySpan(url, url->fQuery) : nullptr; }
-RtStringRef RtURLCopyUserName(RtURLRef url) { return isURL(url) ? copySpan(url, url->fUser) : nullptr; }
-RtStringRef RtURLCopyPassword(RtURLRef url) { return isURL(url) ? copySpan(url, url->fPassword) : nullptr; }
-int32_t RtURLGetPortNumber(RtURLRef url) { return isURL(url) ? url->fPort : -1; }
+RtStringRef RtURLCopyScheme(RtURLRef url) {
+    return isURL(url) ? copySpan(url, url->fScheme) : nullptr;
+}
+RtStringRef RtURLCopyHostName(RtURLRef url) {
+    return isURL(url) ? copySpan(url, url->fHost) : nullptr;
+}
+RtStringRef RtURLCopyPath(RtURLRef url) {
+    return isURL(url) ? copySpan(url, url->fPath) : nullptr;
+}
+RtStringRef RtURLCopyQueryString(RtURLRef url) {
+    return isURL(url) ? copySpan(url, url->fQuery) : nullptr;
+}
+RtStringRef RtURLCopyUserName(RtURLRef url) {
+    return isURL(url) ? copySpan(url, url->fUser) : nullptr;
+}
+RtStringRef RtURLCopyPassword(RtURLRef url) {
+    return isURL(url) ? copySpan(url, url->fPassword) : nullptr;
+}
+int32_t RtURLGetPortNumber(RtURLRef url) {
+    return isURL(url) ? url->fPort : -1;
+}

@@ -23,6 +23,8 @@ RtHashCode typeHash(const void *value);
 // level; other values use copyDesc, or their address when copyDesc is NULL.
 void appendValueDescription(RtMutableStringRef out, const void *value, RtStringRef (*copyDesc)(const void *),
                             int indent);
+// A new string: the nested description of an array or dictionary (the class callbacks).
+RtStringRef copyCollectionDescription(RtTypeRef collection);
 void appendArrayDescription(RtMutableStringRef out, RtArrayRef array, int indent);
 void appendDictionaryDescription(RtMutableStringRef out, RtDictionaryRef dict, int indent);
 // Appends four spaces per level, and ASCII text.
@@ -40,12 +42,18 @@ size_t formatNumber(RtNumberRef number, char *buf, size_t size, bool asDouble);
 // GMT. Returns the length (no NUL), or 0 when buf is too small; 48 bytes suffice.
 size_t formatISO8601(RtAbsoluteTime at, char *buf, size_t size, bool compact);
 
+// True when range r lies within [0, len].
+inline bool rangeInside(RtRange r, RtIndex len) {
+    return r.location >= 0 && r.length >= 0 && r.location <= len && r.length <= len - r.location;
+}
+
 // FNV-1a over n bytes.
 RtHashCode hashBytes(const uint8_t *bytes, size_t n);
 
 // Base64 of n bytes appended to out, in lines of lineLength characters (0: one line), each
 // line after the first preceded by linePrefix.
-void appendBase64(std::string &out, const uint8_t *bytes, size_t n, size_t lineLength, const char *linePrefix);
+void appendBase64(std::string &out, const uint8_t *bytes, size_t n, size_t lineLength,
+                  const char *linePrefix);
 // Decodes base64 text, skipping whitespace; false on any other character or misplaced padding.
 bool decodeBase64(const char *text, size_t n, std::string &out);
 

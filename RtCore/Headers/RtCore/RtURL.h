@@ -16,7 +16,8 @@ RT_EXPORT RtURLRef RtURLCreateWithString(RtAllocatorRef alloc, RtStringRef str, 
 RT_EXPORT RtStringRef RtURLGetString(RtURLRef url);
 RT_EXPORT RtURLRef RtURLGetBaseURL(RtURLRef url);
 RT_EXPORT RtURLRef RtURLCopyAbsoluteURL(RtURLRef url);
-/* Components as new strings, or NULL when absent. */
+/* Components as new strings, or NULL when absent. They are returned as written (percent
+ * escapes kept); an IPv6 host comes without its brackets; the path of "http://h" is "". */
 RT_EXPORT RtStringRef RtURLCopyScheme(RtURLRef url);
 RT_EXPORT RtStringRef RtURLCopyHostName(RtURLRef url);
 RT_EXPORT RtStringRef RtURLCopyPath(RtURLRef url);
