@@ -492,7 +492,8 @@ RtTypeID RtStringGetTypeID(void) {
 RtStringRef __RtStringMakeConstantString(const char *cStr) {
     if (!cStr) return nullptr;
     std::string_view text(cStr);
-    if (RtStringRef found = lookupConstant(text)) return found;
+    RtStringRef found = lookupConstant(text);
+    if (found) return found;
 
     rt::StringBuilder b;
     if (!b.appendUTF8(cStr, text.size())) return nullptr;
@@ -507,22 +508,30 @@ RtStringRef __RtStringMakeConstantString(const char *cStr) {
         if (rt::bytesAreASCII(b.bytes(), n)) s->fFlags |= rt::eStringASCII;
     }
     s->fFlags |= rt::eStringConstant;
-    RtRuntimeSetImmortal(s);
 
     std::string_view key;
+    char *keyCopy = nullptr;
     if (rt::isASCII(s)) {
         key = std::string_view(reinterpret_cast<const char *>(s->fChars), n);
     } else {
-        char *copy = new char[text.size()]; // lives as long as the constant it names
-        std::memcpy(copy, text.data(), text.size());
-        key = std::string_view(copy, text.size());
+        keyCopy = new char[text.size()]; // lives as long as the constant it names
+        std::memcpy(keyCopy, text.data(), text.size());
+        key = std::string_view(keyCopy, text.size());
     }
     ConstantTable &t = constantTable();
-    std::unique_lock<std::shared_mutex> guard(t.fLock);
-    auto inserted = t.fByText.emplace(key, s);
-    // Another thread made the same constant first: ours stays unreachable (immortal, so leaked
-    // deliberately; a rare race costs one small allocation).
-    return inserted.first->second;
+    {
+        std::unique_lock<std::shared_mutex> guard(t.fLock);
+        auto inserted = t.fByText.emplace(key, s);
+        if (inserted.second) {
+            RtRuntimeSetImmortal(s); // before any other thread can find it
+            return s;
+        }
+        found = inserted.first->second;
+    }
+    // Another thread made the same constant first: ours was never seen, so it goes.
+    delete[] keyCopy;
+    RtRelease(s);
+    return found;
 }
 
 RtStringRef RtStringGetRegisteredConstant(RtStringRef str) {

@@ -94,6 +94,18 @@ RtComparisonResult compareRanges(Str *a, RtIndex ia, RtIndex na, Str *b, RtIndex
         }
         return sign(long(na) - long(nb));
     }
+    if (ci && !numeric && !rt::isWide(a) && !rt::isWide(b)) {
+        // Element and attribute names are matched this way on every document: stay on bytes.
+        const uint8_t *pa = rt::chars8(a) + ia, *pb = rt::chars8(b) + ib;
+        RtIndex n = na < nb ? na : nb;
+        for (RtIndex k = 0; k < n; k++) {
+            uint32_t ca = pa[k], cb = pb[k];
+            if (ca == cb) continue;
+            ca = fold(ca), cb = fold(cb);
+            if (ca != cb) return ca < cb ? kRtCompareLessThan : kRtCompareGreaterThan;
+        }
+        return sign(long(na) - long(nb));
+    }
     RtIndex ea = ia + na, eb = ib + nb;
     while (ia < ea && ib < eb) {
         if (numeric && isDigit(rt::unitAt(a, ia)) && isDigit(rt::unitAt(b, ib))) {
