@@ -611,3 +611,54 @@ TEST_F(RtStringTest, ReadsNumbers) {
 }
 
 } // namespace
+
+namespace {
+
+TEST_F(RtStringTest, SeparatesIntoArrays) {
+    const struct {
+        const char *in;
+        const char *separator;
+        std::vector<std::string> pieces;
+    } cases[] = {
+        {"a,b,,c", ",", {"a", "b", "", "c"}},
+        {"no separator", ",", {"no separator"}},
+        {",edge,", ",", {"", "edge", ""}},
+        {"", ",", {""}},
+        {"x::y::z", "::", {"x", "y", "z"}},
+        {"\xe2\x82\xac|\xf0\x9f\x98\x80", "|", {"\xe2\x82\xac", "\xf0\x9f\x98\x80"}},
+    };
+    for (const auto &c : cases) {
+        RtStringRef in = make(c.in), separator = make(c.separator);
+        RtArrayRef pieces = RtStringCreateArrayBySeparatingStrings(nullptr, in, separator);
+        ASSERT_NE(pieces, nullptr);
+        std::vector<std::string> got;
+        for (RtIndex i = 0; i < RtArrayGetCount(pieces); i++)
+            got.push_back(text(static_cast<RtStringRef>(RtArrayGetValueAtIndex(pieces, i))));
+        EXPECT_EQ(got, c.pieces) << c.in;
+        RtRelease(pieces);
+        RtRelease(in);
+        RtRelease(separator);
+    }
+    EXPECT_EQ(RtStringCreateArrayBySeparatingStrings(nullptr, nullptr, RTSTR(",")), nullptr);
+}
+
+TEST_F(RtStringTest, ExternalRepresentationsRoundTrip) {
+    RtStringRef s = make("\xc3\xa9t\xc3\xa9 \xf0\x9f\x98\x80");
+    RtDataRef utf16 = RtStringCreateExternalRepresentation(nullptr, s, kRtStringEncodingUTF16, 0);
+    ASSERT_NE(utf16, nullptr);
+    EXPECT_EQ(RtDataGetLength(utf16), 2 + 2 * RtStringGetLength(s)) << "a byte-order mark leads";
+    RtStringRef back = RtStringCreateFromExternalRepresentation(nullptr, utf16, kRtStringEncodingUTF16);
+    EXPECT_TRUE(RtEqual(back, s));
+
+    EXPECT_EQ(RtStringCreateExternalRepresentation(nullptr, s, kRtStringEncodingISOLatin1, 0), nullptr);
+    RtDataRef lossy = RtStringCreateExternalRepresentation(nullptr, s, kRtStringEncodingISOLatin1, '?');
+    ASSERT_NE(lossy, nullptr);
+    EXPECT_EQ(
+        std::string(reinterpret_cast<const char *>(RtDataGetBytePtr(lossy)), size_t(RtDataGetLength(lossy))),
+        "\xe9t\xe9 ?");
+    EXPECT_EQ(RtStringCreateFromExternalRepresentation(nullptr, nullptr, kRtStringEncodingUTF8), nullptr);
+    for (RtTypeRef x : {RtTypeRef(s), RtTypeRef(utf16), RtTypeRef(back), RtTypeRef(lossy)})
+        RtRelease(x);
+}
+
+} // namespace
