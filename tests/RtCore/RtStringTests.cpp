@@ -106,6 +106,18 @@ TEST_F(RtStringTest, FormatsStringsAndObjects) {
     RtStringAppendCString(m, "!", kRtStringEncodingASCII);
     EXPECT_EQ(fmtBoth("%@", m), "name!");
 
+    // Other values print their formatting description.
+    int seven = 7;
+    RtNumberRef number = RtNumberCreate(nullptr, kRtNumberIntType, &seven);
+    const void *items[] = {name};
+    RtArrayRef array = RtArrayCreate(nullptr, items, 1, &kRtTypeArrayCallBacks);
+    EXPECT_EQ(fmtBoth("<int>%@</int>", number), "<int>7</int>");
+    RtStringRef arrayText = RtCopyFormattingDescription(array);
+    EXPECT_EQ(fmtBoth("%@", array), text(arrayText));
+    RtRelease(arrayText);
+    RtRelease(array);
+    RtRelease(number);
+
     const RtUniChar units[] = {'h', 0xE9, 0x4E16, 0};
     EXPECT_EQ(fmtBoth("%S|%C|%C", units, RtUniChar(0x263A), RtUniChar('x')),
               "h\xc3\xa9\xe4\xb8\x96|\xe2\x98\xba|x");
