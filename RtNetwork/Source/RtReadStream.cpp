@@ -1,0 +1,603 @@
+// RtReadStream: one HTTP request sent through the thread's libcurl multi handle, its response
+// body buffered for RtReadStreamRead and its events delivered to the client.
+//
+// libcurl's callbacks only record (body bytes, response head, connection made) and mark events
+// pending; a run-loop source added to each (loop, mode) the stream is scheduled in delivers them
+// to the client. So the client is never called from inside libcurl, may close or release the
+// stream from its callback, and hears nothing in a mode it was not scheduled in.
+// End-encountered waits until the buffered body has been read, so a client that reads on a
+// later turn still sees every byte before the end. Used on the thread of the loop it runs on.
+#include "RtCurlDriver.h"
+#include "RtHTTPMessageInternal.h"
+
+#include <RtNetwork/RtReadStream.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cctype>
+#include <cerrno>
+#include <cstring>
+#include <new>
+#include <string>
+#include <string_view>
+#include <vector>
+
+const RtStringRef kRtStreamPropertyHTTPResponseHeader = __RtStringMakeConstantString("kRtStreamPropertyHTTPResponseHeader");
+const RtStringRef kRtStreamPropertyHTTPProxy = __RtStringMakeConstantString("kRtStreamPropertyHTTPProxy");
+const RtStringRef kRtStreamPropertyHTTPProxyHost = __RtStringMakeConstantString("kRtStreamPropertyHTTPProxyHost");
+const RtStringRef kRtStreamPropertyHTTPProxyPort = __RtStringMakeConstantString("kRtStreamPropertyHTTPProxyPort");
+const RtStringRef kRtStreamPropertyHTTPShouldAutoredirect =
+    __RtStringMakeConstantString("kRtStreamPropertyHTTPShouldAutoredirect");
+const RtStringRef kRtStreamPropertyHTTPFinalURL = __RtStringMakeConstantString("kRtStreamPropertyHTTPFinalURL");
+
+namespace {
+
+// Redirects followed before the transfer fails with CURLE_TOO_MANY_REDIRECTS.
+constexpr long kMaxRedirects = 20;
+
+struct Schedule {
+    RtRunLoopRef fLoop; // retained
+    RtStringRef fMode;  // immutable copy
+};
+
+struct StreamState final : rt::CurlTransfer {
+    RtHTTPMessageRef fRequest = nullptr;
+    RtStreamStatus fStatus = kRtStreamStatusNotOpen;
+    RtStreamError fError{0, 0};
+
+    RtOptionFlags fClientEvents = 0;
+    RtReadStreamClientCallBack fClientCB = nullptr;
+    RtStreamClientContext fClientContext{};
+
+    RtRunLoopSourceRef fSource = nullptr; // delivers pending events
+    std::vector<Schedule> fSchedules;
+    RtStreamEventType fPending = 0;
+
+    RtDictionaryRef fProxy = nullptr;
+    bool fAutoredirect = false;
+
+    rt::CurlDriver *fDriver = nullptr;
+    CURL *fEasy = nullptr;
+    bool fInMulti = false;
+    curl_slist *fHeaderList = nullptr;
+    std::vector<RtStringRef> fActiveModes; // modes this stream activated on the driver
+    std::string fURLText, fMethodText;
+
+    std::string fHead;    // the head being received
+    bool fInHead = false;
+    RtHTTPMessageRef fResponse = nullptr;
+    std::string fBuffer;  // body bytes; fBuffer[fReadPos...] not yet read
+    size_t fReadPos = 0;
+    bool fConnected = false;
+    bool fTransferDone = false;
+    bool fEndDelivered = false;
+    RtURLRef fFinalURL = nullptr;
+
+    size_t buffered() const { return fBuffer.size() - fReadPos; }
+    void transferDone(CURLcode result) override;
+};
+
+} // namespace
+
+struct __RtReadStream {
+    RtRuntimeBase fBase;
+    StreamState fState;
+};
+
+namespace {
+
+void stopTransfer(StreamState &st);
+void releaseClient(StreamState &st);
+
+void _finalizeStream(RtTypeRef obj) {
+    StreamState &st = static_cast<__RtReadStream *>(const_cast<void *>(obj))->fState;
+    stopTransfer(st);
+    for (Schedule &s : st.fSchedules) {
+        RtRunLoopRemoveSource(s.fLoop, st.fSource, s.fMode);
+        RtRelease(s.fMode);
+        RtRelease(s.fLoop);
+    }
+    RtRunLoopSourceInvalidate(st.fSource);
+    RtRelease(st.fSource);
+    releaseClient(st);
+    RtRelease(st.fRequest);
+    RtRelease(st.fResponse);
+    RtRelease(st.fProxy);
+    RtRelease(st.fFinalURL);
+    if (st.fDriver) st.fDriver->release();
+    st.~StreamState();
+}
+
+const RtRuntimeClass sStreamClass = {0, "RtReadStream", nullptr, nullptr, _finalizeStream, nullptr, nullptr, nullptr, nullptr};
+std::atomic<RtTypeID> gStreamTypeID{kRtNotATypeID};
+
+bool isStream(RtReadStreamRef s) { return s && RtGetTypeID(s) == RtReadStreamGetTypeID(); }
+
+bool sameMode(RtStringRef a, RtStringRef b) { return a == b || RtEqual(a, b); }
+
+// Marks events pending and signals the delivery source. The loop's own thread reaches the
+// source before it sleeps again; another thread's loop is woken.
+void post(StreamState &st, RtStreamEventType events) {
+    st.fPending |= events;
+    RtRunLoopSourceSignal(st.fSource);
+    RtRunLoopRef current = RtRunLoopGetCurrent();
+    for (Schedule &s : st.fSchedules)
+        if (s.fLoop != current) RtRunLoopWakeUp(s.fLoop);
+}
+
+void releaseClient(StreamState &st) {
+    if (st.fClientContext.release && st.fClientContext.info) st.fClientContext.release(st.fClientContext.info);
+    st.fClientContext = RtStreamClientContext{};
+    st.fClientCB = nullptr;
+    st.fClientEvents = 0;
+}
+
+void activateModes(StreamState &st) {
+    if (!st.fDriver) return;
+    for (Schedule &s : st.fSchedules) {
+        if (s.fLoop != st.fDriver->runLoop()) continue;
+        bool active = std::any_of(st.fActiveModes.begin(), st.fActiveModes.end(),
+                                  [&](RtStringRef m) { return sameMode(m, s.fMode); });
+        if (active) continue;
+        st.fDriver->activateMode(s.fMode);
+        st.fActiveModes.push_back(static_cast<RtStringRef>(RtRetain(s.fMode)));
+    }
+}
+
+void deactivateMode(StreamState &st, RtStringRef mode) {
+    for (auto it = st.fActiveModes.begin(); it != st.fActiveModes.end(); ++it) {
+        if (!sameMode(*it, mode)) continue;
+        st.fDriver->deactivateMode(*it);
+        RtRelease(*it);
+        st.fActiveModes.erase(it);
+        return;
+    }
+}
+
+void deactivateModes(StreamState &st) {
+    for (RtStringRef m : st.fActiveModes) {
+        st.fDriver->deactivateMode(m);
+        RtRelease(m);
+    }
+    st.fActiveModes.clear();
+}
+
+void stopTransfer(StreamState &st) {
+    if (st.fEasy) {
+        if (st.fInMulti) st.fDriver->remove(st.fEasy);
+        st.fInMulti = false;
+        curl_easy_cleanup(st.fEasy);
+        st.fEasy = nullptr;
+    }
+    if (st.fDriver) deactivateModes(st);
+    curl_slist_free_all(st.fHeaderList);
+    st.fHeaderList = nullptr;
+}
+
+void StreamState::transferDone(CURLcode result) {
+    fInMulti = false;
+    fTransferDone = true;
+    char *effective = nullptr;
+    if (curl_easy_getinfo(fEasy, CURLINFO_EFFECTIVE_URL, &effective) == CURLE_OK && effective) {
+        RtStringRef text = RtStringCreateWithCString(kRtAllocatorDefault, effective, kRtStringEncodingUTF8);
+        if (text) {
+            RtRelease(fFinalURL);
+            fFinalURL = RtURLCreateWithString(kRtAllocatorDefault, text, nullptr);
+        }
+        RtRelease(text);
+    }
+    stopTransfer(*this);
+    if (result == CURLE_OK) {
+        post(*this, kRtStreamEventEndEncountered);
+    } else {
+        fStatus = kRtStreamStatusError;
+        fError = {kRtStreamErrorDomainCurl, int32_t(result)};
+        post(*this, kRtStreamEventErrorOccurred);
+    }
+}
+
+// ---- libcurl callbacks (record only; never call the client) -----------------------------------
+
+size_t _headerCallback(char *buffer, size_t size, size_t count, void *userdata) {
+    auto &st = *static_cast<StreamState *>(userdata);
+    size_t n = size * count;
+    std::string_view line(buffer, n);
+    if (line.substr(0, 5) == "HTTP/") { // each response (redirect, interim, final) starts afresh
+        st.fHead.assign(line);
+        st.fInHead = true;
+        return n;
+    }
+    if (!st.fInHead) return n; // trailers after a chunked body
+    st.fHead.append(line);
+    if (line != "\r\n" && line != "\n") return n;
+    st.fInHead = false;
+    RtHTTPMessageRef response = rt::createResponseFromHead(st.fHead);
+    st.fHead.clear();
+    // Interim 1xx heads are not the response.
+    if (response && RtHTTPMessageGetResponseStatusCode(response) >= 200) {
+        RtRelease(st.fResponse);
+        st.fResponse = response;
+    } else {
+        RtRelease(response);
+    }
+    return n;
+}
+
+size_t _writeCallback(char *data, size_t size, size_t count, void *userdata) {
+    auto &st = *static_cast<StreamState *>(userdata);
+    size_t n = size * count;
+    if (st.fReadPos > 0 && st.fReadPos >= st.fBuffer.size() / 2) { // reclaim what was read
+        st.fBuffer.erase(0, st.fReadPos);
+        st.fReadPos = 0;
+    }
+    st.fBuffer.append(data, n);
+    if (n) post(st, kRtStreamEventHasBytesAvailable);
+    return n;
+}
+
+int _connectedCallback(void *clientp, char *, char *, int, int) {
+    auto &st = *static_cast<StreamState *>(clientp);
+    if (!st.fConnected) {
+        st.fConnected = true;
+        post(st, kRtStreamEventOpenCompleted);
+    }
+    return CURL_PREREQFUNC_OK;
+}
+
+// ---- Delivery ---------------------------------------------------------------------------------
+
+// Hands pending events to the client one at a time, re-checking the stream after each callback
+// (which may have read, closed, unscheduled or released it).
+void _deliver(void *info) {
+    auto *stream = static_cast<RtReadStreamRef>(info);
+    RtRetain(stream);
+    StreamState &st = stream->fState;
+    while (st.fStatus != kRtStreamStatusClosed && st.fPending) {
+        RtStreamEventType event = kRtStreamEventNone;
+        if (st.fPending & kRtStreamEventOpenCompleted) {
+            st.fPending &= ~RtStreamEventType(kRtStreamEventOpenCompleted);
+            if (st.fStatus == kRtStreamStatusOpening) st.fStatus = kRtStreamStatusOpen;
+            event = kRtStreamEventOpenCompleted;
+        } else if (st.fPending & kRtStreamEventHasBytesAvailable) {
+            st.fPending &= ~RtStreamEventType(kRtStreamEventHasBytesAvailable);
+            if (st.buffered() > 0 && st.fStatus != kRtStreamStatusError) event = kRtStreamEventHasBytesAvailable;
+        } else if (st.fPending & kRtStreamEventErrorOccurred) {
+            st.fPending &= ~RtStreamEventType(kRtStreamEventErrorOccurred);
+            event = kRtStreamEventErrorOccurred;
+        } else {
+            st.fPending &= ~RtStreamEventType(kRtStreamEventEndEncountered);
+            if (st.buffered() == 0 && !st.fEndDelivered && st.fStatus != kRtStreamStatusError) {
+                st.fEndDelivered = true;
+                st.fStatus = kRtStreamStatusAtEnd;
+                event = kRtStreamEventEndEncountered;
+            }
+        }
+        if (event && st.fClientCB && (st.fClientEvents & event)) st.fClientCB(stream, event, st.fClientContext.info);
+    }
+    RtRelease(stream);
+}
+
+// ---- Building the request ---------------------------------------------------------------------
+
+bool isTokenText(const std::string &s) {
+    if (s.empty()) return false;
+    for (unsigned char c : s)
+        if (c <= 0x20 || c >= 0x7F || std::strchr("()<>@,;:\\\"/[]?={}", c)) return false;
+    return true;
+}
+
+bool equalsIgnoringCase(const std::string &a, const char *b) {
+    size_t n = std::strlen(b);
+    if (a.size() != n) return false;
+    for (size_t i = 0; i < n; i++)
+        if (std::tolower(static_cast<unsigned char>(a[i])) != std::tolower(static_cast<unsigned char>(b[i]))) return false;
+    return true;
+}
+
+// Exactly the message's fields, plus what stops libcurl adding its own ("Accept", "Expect",
+// a form Content-Type). Content-Length is always libcurl's, from the body's real length.
+curl_slist *buildHeaderList(RtHTTPMessageRef request) {
+    curl_slist *list = nullptr;
+    bool hasAccept = false, hasExpect = false, hasContentType = false;
+    bool ok = true;
+    rt::forEachHeader(request, [&](RtStringRef nameStr, RtStringRef valueStr) {
+        std::string name, value;
+        rt::appendUTF8(name, nameStr);
+        rt::appendUTF8(value, valueStr);
+        // A field that could split the request (line ends, NUL) or is no token is not sent.
+        if (!isTokenText(name) || value.find_first_of(std::string("\r\n\0", 3)) != std::string::npos) return;
+        if (equalsIgnoringCase(name, "Content-Length")) return;
+        hasAccept |= equalsIgnoringCase(name, "Accept");
+        hasExpect |= equalsIgnoringCase(name, "Expect");
+        hasContentType |= equalsIgnoringCase(name, "Content-Type");
+        // "Name;" is libcurl's spelling of a field with an empty value.
+        std::string line = value.empty() ? name + ";" : name + ": " + value;
+        curl_slist *grown = curl_slist_append(list, line.c_str());
+        if (!grown) ok = false;
+        else list = grown;
+    });
+    //                       field libcurl would add   the message has its own
+    const struct { const char *fBlank; bool fPresent; } suppressed[] = {
+        {"Accept:", hasAccept}, {"Expect:", hasExpect}, {"Content-Type:", hasContentType}};
+    for (const auto &s : suppressed) {
+        if (s.fPresent) continue;
+        curl_slist *grown = curl_slist_append(list, s.fBlank);
+        if (!grown) ok = false;
+        else list = grown;
+    }
+    if (!ok) {
+        curl_slist_free_all(list);
+        return nullptr;
+    }
+    return list;
+}
+
+// Sets up st.fEasy for the request; errno-style code on failure (0 on success).
+int configureTransfer(StreamState &st) {
+    RtHTTPMessageRef request = st.fRequest;
+    RtURLRef url = RtHTTPMessageCopyRequestURL(request);
+    RtURLRef absolute = url ? RtURLCopyAbsoluteURL(url) : nullptr;
+    st.fURLText.clear();
+    if (absolute) rt::appendUTF8(st.fURLText, RtURLGetString(absolute));
+    RtRelease(absolute);
+    RtRelease(url);
+    RtStringRef method = RtHTTPMessageCopyRequestMethod(request);
+    st.fMethodText.clear();
+    rt::appendUTF8(st.fMethodText, method);
+    RtRelease(method);
+    RtStringRef version = RtHTTPMessageCopyVersion(request);
+    bool http10 = version && RtEqual(version, kRtHTTPVersion1_0);
+    RtRelease(version);
+    if (st.fURLText.empty() || !isTokenText(st.fMethodText)) return EINVAL;
+
+    CURL *e = curl_easy_init();
+    if (!e) return ENOMEM;
+    st.fEasy = e;
+    st.fHeaderList = buildHeaderList(request);
+    if (!st.fHeaderList) return ENOMEM;
+
+    bool ok = true;
+    auto set = [&](CURLoption option, auto value) { ok = ok && curl_easy_setopt(e, option, value) == CURLE_OK; };
+    set(CURLOPT_URL, st.fURLText.c_str());
+    set(CURLOPT_PRIVATE, static_cast<rt::CurlTransfer *>(&st));
+    set(CURLOPT_NOSIGNAL, 1L);
+    set(CURLOPT_PROTOCOLS_STR, "http,https");
+    set(CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    set(CURLOPT_HTTP_VERSION, long(http10 ? CURL_HTTP_VERSION_1_0 : CURL_HTTP_VERSION_1_1));
+    set(CURLOPT_SSL_VERIFYPEER, 1L);
+    set(CURLOPT_SSL_VERIFYHOST, 2L);
+    set(CURLOPT_FOLLOWLOCATION, st.fAutoredirect ? 1L : 0L);
+    set(CURLOPT_MAXREDIRS, kMaxRedirects);
+    set(CURLOPT_HEADERFUNCTION, _headerCallback);
+    set(CURLOPT_HEADERDATA, &st);
+    set(CURLOPT_WRITEFUNCTION, _writeCallback);
+    set(CURLOPT_WRITEDATA, &st);
+    set(CURLOPT_PREREQFUNCTION, _connectedCallback);
+    set(CURLOPT_PREREQDATA, &st);
+    set(CURLOPT_HTTPHEADER, st.fHeaderList);
+    set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+
+    // Only the proxy property proxies: the environment's proxy variables are ignored.
+    const void *host = st.fProxy ? RtDictionaryGetValue(st.fProxy, kRtStreamPropertyHTTPProxyHost) : nullptr;
+    if (host && RtGetTypeID(host) == RtStringGetTypeID()) {
+        std::string proxy;
+        rt::appendUTF8(proxy, static_cast<RtStringRef>(host));
+        long port = 0;
+        const void *portValue = RtDictionaryGetValue(st.fProxy, kRtStreamPropertyHTTPProxyPort);
+        if (portValue && RtGetTypeID(portValue) == RtNumberGetTypeID()) {
+            int32_t p = 0;
+            RtNumberGetValue(static_cast<RtNumberRef>(portValue), kRtNumberSInt32Type, &p);
+            port = p;
+        }
+        set(CURLOPT_PROXY, proxy.c_str()); // libcurl copies option strings
+        set(CURLOPT_PROXYTYPE, long(CURLPROXY_HTTP));
+        if (port > 0 && port < 65536) set(CURLOPT_PROXYPORT, port);
+    } else {
+        set(CURLOPT_PROXY, "");
+    }
+
+    rt::BodyView body = rt::httpBody(request);
+    const std::string &m = st.fMethodText;
+    if (m == "HEAD" && body.fLength == 0) {
+        set(CURLOPT_NOBODY, 1L);
+    } else if (m == "GET" && body.fLength == 0) {
+        set(CURLOPT_HTTPGET, 1L);
+    } else {
+        // The request (a copy the stream owns) keeps the bytes alive for the transfer.
+        set(CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t(body.fLength));
+        set(CURLOPT_POSTFIELDS, body.fLength ? reinterpret_cast<const char *>(body.fBytes) : "");
+        if (m != "POST") set(CURLOPT_CUSTOMREQUEST, m.c_str());
+    }
+    return ok ? 0 : EINVAL;
+}
+
+} // namespace
+
+// ---- Public interface -----------------------------------------------------------------------
+
+RtTypeID RtReadStreamGetTypeID(void) {
+    RtTypeID id = gStreamTypeID.load(std::memory_order_acquire);
+    if (id != kRtNotATypeID) return id;
+    RtTypeID fresh = RtRuntimeRegisterClass(&sStreamClass);
+    RtTypeID expected = kRtNotATypeID;
+    return gStreamTypeID.compare_exchange_strong(expected, fresh) ? fresh : expected;
+}
+
+RtReadStreamRef RtReadStreamCreateForHTTPRequest(RtAllocatorRef, RtHTTPMessageRef request) {
+    if (!request || RtGetTypeID(request) != RtHTTPMessageGetTypeID() || !RtHTTPMessageIsRequest(request)) return nullptr;
+    auto *stream = static_cast<__RtReadStream *>(const_cast<void *>(RtRuntimeCreateInstance(
+        nullptr, RtReadStreamGetTypeID(), RtIndex(sizeof(__RtReadStream) - sizeof(RtRuntimeBase)))));
+    if (!stream) return nullptr;
+    StreamState &st = *new (&stream->fState) StreamState();
+    st.fRequest = RtHTTPMessageCreateCopy(kRtAllocatorDefault, request);
+    // The source does not retain the stream: the stream owns the source.
+    RtRunLoopSourceContext ctx = {0, stream, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, _deliver};
+    st.fSource = RtRunLoopSourceCreate(kRtAllocatorDefault, 0, &ctx);
+    if (!st.fRequest || !st.fSource) {
+        RtRelease(stream);
+        return nullptr;
+    }
+    return stream;
+}
+
+bool RtReadStreamSetClient(RtReadStreamRef stream, RtOptionFlags streamEvents, RtReadStreamClientCallBack clientCB,
+                           RtStreamClientContext *clientContext) {
+    if (!isStream(stream)) return false;
+    StreamState &st = stream->fState;
+    RtStreamClientContext fresh{};
+    if (clientCB && clientContext) {
+        fresh = *clientContext;
+        if (fresh.retain && fresh.info) fresh.info = fresh.retain(fresh.info);
+    }
+    releaseClient(st);
+    if (!clientCB) return true;
+    st.fClientCB = clientCB;
+    st.fClientEvents = streamEvents;
+    st.fClientContext = fresh;
+    return true;
+}
+
+void RtReadStreamScheduleWithRunLoop(RtReadStreamRef stream, RtRunLoopRef runLoop, RtStringRef runLoopMode) {
+    if (!isStream(stream) || !runLoop || !runLoopMode) return;
+    StreamState &st = stream->fState;
+    for (Schedule &s : st.fSchedules)
+        if (s.fLoop == runLoop && sameMode(s.fMode, runLoopMode)) return;
+    RtStringRef mode = RtStringCreateCopy(kRtAllocatorDefault, runLoopMode);
+    if (!mode) return;
+    RtRetain(runLoop);
+    st.fSchedules.push_back({runLoop, mode});
+    RtRunLoopAddSource(runLoop, st.fSource, mode);
+    if (st.fInMulti) activateModes(st);
+}
+
+void RtReadStreamUnscheduleFromRunLoop(RtReadStreamRef stream, RtRunLoopRef runLoop, RtStringRef runLoopMode) {
+    if (!isStream(stream) || !runLoop || !runLoopMode) return;
+    StreamState &st = stream->fState;
+    for (auto it = st.fSchedules.begin(); it != st.fSchedules.end(); ++it) {
+        if (it->fLoop != runLoop || !sameMode(it->fMode, runLoopMode)) continue;
+        Schedule s = *it;
+        st.fSchedules.erase(it);
+        RtRunLoopRemoveSource(s.fLoop, st.fSource, s.fMode);
+        if (st.fDriver && s.fLoop == st.fDriver->runLoop()) deactivateMode(st, s.fMode);
+        RtRelease(s.fMode);
+        RtRelease(s.fLoop);
+        return;
+    }
+}
+
+bool RtReadStreamOpen(RtReadStreamRef stream) {
+    if (!isStream(stream)) return false;
+    StreamState &st = stream->fState;
+    if (st.fStatus != kRtStreamStatusNotOpen) return false;
+    // libcurl is driven by the thread's own loop: the stream must be scheduled on it.
+    RtRunLoopRef current = RtRunLoopGetCurrent();
+    bool onCurrent = std::any_of(st.fSchedules.begin(), st.fSchedules.end(),
+                                 [&](const Schedule &s) { return s.fLoop == current; });
+    if (!current || !onCurrent) return false;
+    st.fDriver = rt::CurlDriver::acquireCurrent();
+    int failure = st.fDriver ? configureTransfer(st) : ENOMEM;
+    if (!failure) {
+        st.fStatus = kRtStreamStatusOpening;
+        activateModes(st);
+        st.fInMulti = st.fDriver->add(st.fEasy);
+        if (!st.fInMulti) failure = ENOMEM;
+    }
+    if (failure) {
+        stopTransfer(st);
+        st.fStatus = kRtStreamStatusError;
+        st.fError = {kRtStreamErrorDomainPOSIX, int32_t(failure)};
+        return false;
+    }
+    return true;
+}
+
+RtIndex RtReadStreamRead(RtReadStreamRef stream, uint8_t *buffer, RtIndex bufferLength) {
+    if (!isStream(stream) || bufferLength < 0 || (bufferLength > 0 && !buffer)) return -1;
+    StreamState &st = stream->fState;
+    if (st.fStatus == kRtStreamStatusNotOpen || st.fStatus == kRtStreamStatusClosed ||
+        st.fStatus == kRtStreamStatusError)
+        return -1;
+    size_t available = st.buffered();
+    if (available > 0) {
+        size_t n = std::min(available, size_t(bufferLength));
+        std::memcpy(buffer, st.fBuffer.data() + st.fReadPos, n);
+        st.fReadPos += n;
+        if (st.buffered() > 0) {
+            post(st, kRtStreamEventHasBytesAvailable);
+        } else {
+            st.fBuffer.clear();
+            st.fReadPos = 0;
+            if (st.fTransferDone) post(st, kRtStreamEventEndEncountered);
+        }
+        return RtIndex(n);
+    }
+    if (st.fTransferDone) return 0;
+    return st.fSchedules.empty() ? -1 : 0;
+}
+
+bool RtReadStreamHasBytesAvailable(RtReadStreamRef stream) {
+    return isStream(stream) && stream->fState.fStatus != kRtStreamStatusClosed && stream->fState.buffered() > 0;
+}
+
+RtStreamStatus RtReadStreamGetStatus(RtReadStreamRef stream) {
+    if (!isStream(stream)) return kRtStreamStatusError;
+    const StreamState &st = stream->fState;
+    bool open = st.fStatus == kRtStreamStatusOpening || st.fStatus == kRtStreamStatusOpen;
+    if (open && st.fTransferDone && st.buffered() == 0) return kRtStreamStatusAtEnd;
+    return st.fStatus;
+}
+
+RtStreamError RtReadStreamGetError(RtReadStreamRef stream) {
+    return isStream(stream) ? stream->fState.fError : RtStreamError{0, 0};
+}
+
+void RtReadStreamClose(RtReadStreamRef stream) {
+    if (!isStream(stream)) return;
+    StreamState &st = stream->fState;
+    if (st.fStatus == kRtStreamStatusClosed) return;
+    stopTransfer(st);
+    st.fStatus = kRtStreamStatusClosed;
+    st.fPending = 0;
+    std::string().swap(st.fBuffer);
+    st.fReadPos = 0;
+}
+
+RtTypeRef RtReadStreamCopyProperty(RtReadStreamRef stream, RtStringRef propertyName) {
+    if (!isStream(stream) || !propertyName) return nullptr;
+    StreamState &st = stream->fState;
+    if (RtEqual(propertyName, kRtStreamPropertyHTTPResponseHeader))
+        return st.fResponse ? RtHTTPMessageCreateCopy(kRtAllocatorDefault, st.fResponse) : nullptr;
+    if (RtEqual(propertyName, kRtStreamPropertyHTTPProxy)) return RtRetain(st.fProxy);
+    if (RtEqual(propertyName, kRtStreamPropertyHTTPShouldAutoredirect))
+        return st.fAutoredirect ? kRtBooleanTrue : kRtBooleanFalse;
+    if (RtEqual(propertyName, kRtStreamPropertyHTTPFinalURL))
+        return st.fFinalURL ? RtRetain(st.fFinalURL) : RtHTTPMessageCopyRequestURL(st.fRequest);
+    return nullptr;
+}
+
+bool RtReadStreamSetProperty(RtReadStreamRef stream, RtStringRef propertyName, RtTypeRef propertyValue) {
+    if (!isStream(stream) || !propertyName) return false;
+    StreamState &st = stream->fState;
+    if (st.fStatus != kRtStreamStatusNotOpen) return false;
+    if (RtEqual(propertyName, kRtStreamPropertyHTTPProxy)) {
+        if (propertyValue && RtGetTypeID(propertyValue) != RtDictionaryGetTypeID()) return false;
+        RtRelease(st.fProxy);
+        st.fProxy = propertyValue ? RtDictionaryCreateCopy(kRtAllocatorDefault, static_cast<RtDictionaryRef>(propertyValue))
+                                  : nullptr;
+        return true;
+    }
+    if (RtEqual(propertyName, kRtStreamPropertyHTTPShouldAutoredirect)) {
+        if (propertyValue == kRtBooleanTrue || propertyValue == kRtBooleanFalse) {
+            st.fAutoredirect = propertyValue == kRtBooleanTrue;
+            return true;
+        }
+        if (propertyValue && RtGetTypeID(propertyValue) == RtNumberGetTypeID()) {
+            int64_t v = 0;
+            RtNumberGetValue(static_cast<RtNumberRef>(propertyValue), kRtNumberSInt64Type, &v);
+            st.fAutoredirect = v != 0;
+            return true;
+        }
+        return false;
+    }
+    return false;
+}
