@@ -1,0 +1,370 @@
+// Run loop: mode isolation, results of a run, timers, descriptor watchers, signalling and waking
+// across threads, and objects that remove or release themselves from their own callbacks.
+#include <RtCore/RtCore.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <fcntl.h>
+#include <functional>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+// A source whose callbacks record what happened and may run a test hook.
+struct Probe {
+    int performs = 0;
+    int schedules = 0;
+    int cancels = 0;
+    std::vector<std::string> modesSeen; // current mode during each perform
+    std::function<void()> onPerform;
+};
+
+std::string text(RtStringRef s) {
+    if (!s) return "(null)";
+    char buf[256];
+    return RtStringGetCString(s, buf, sizeof buf, kRtStringEncodingUTF8) ? buf : "?";
+}
+
+void _perform(void *info) {
+    auto *p = static_cast<Probe *>(info);
+    p->performs++;
+    RtStringRef mode = RtRunLoopCopyCurrentMode(RtRunLoopGetCurrent());
+    p->modesSeen.push_back(text(mode));
+    RtRelease(mode);
+    if (p->onPerform) p->onPerform();
+}
+void _schedule(void *info, RtRunLoopRef, RtStringRef) { static_cast<Probe *>(info)->schedules++; }
+void _cancel(void *info, RtRunLoopRef, RtStringRef) { static_cast<Probe *>(info)->cancels++; }
+
+RtRunLoopSourceRef makeSource(Probe &p, RtIndex order = 0) {
+    RtRunLoopSourceContext ctx = {0, &p, nullptr, nullptr, nullptr, nullptr, nullptr, _schedule, _cancel, _perform};
+    return RtRunLoopSourceCreate(kRtAllocatorDefault, order, &ctx);
+}
+
+struct TimerProbe {
+    int fires = 0;
+    std::function<void(RtRunLoopTimerRef)> onFire;
+};
+
+void _timerFired(RtRunLoopTimerRef timer, void *info) {
+    auto *p = static_cast<TimerProbe *>(info);
+    p->fires++;
+    if (p->onFire) p->onFire(timer);
+}
+
+RtRunLoopTimerRef makeTimer(TimerProbe &p, RtTimeInterval in, RtTimeInterval interval = 0) {
+    RtRunLoopTimerContext ctx = {0, &p, nullptr, nullptr, nullptr};
+    return RtRunLoopTimerCreate(kRtAllocatorDefault, RtAbsoluteTimeGetCurrent() + in, interval, 0, 0, _timerFired, &ctx);
+}
+
+class RtRunLoopTest : public ::testing::Test {
+  protected:
+    void SetUp() override { fLive = RtRuntimeGetLiveObjectCount(); }
+    void TearDown() override { EXPECT_EQ(fLive, RtRuntimeGetLiveObjectCount()) << "runtime objects leaked"; }
+
+    RtRunLoopRef fLoop = RtRunLoopGetCurrent();
+    RtStringRef fModeA = RTSTR("RtRunLoopTest.A");
+    RtStringRef fModeB = RTSTR("RtRunLoopTest.B");
+    long fLive = 0;
+};
+
+TEST_F(RtRunLoopTest, OnlyWhatIsInTheRunningModeFires) {
+    Probe a, b;
+    RtRunLoopSourceRef sa = makeSource(a), sb = makeSource(b);
+    RtRunLoopAddSource(fLoop, sa, fModeA);
+    RtRunLoopAddSource(fLoop, sa, fModeA); // a second add is a no-op
+    RtRunLoopAddSource(fLoop, sb, fModeB);
+    EXPECT_EQ(1, a.schedules);
+    EXPECT_TRUE(RtRunLoopContainsSource(fLoop, sa, fModeA));
+    EXPECT_FALSE(RtRunLoopContainsSource(fLoop, sa, fModeB));
+
+    RtRunLoopSourceSignal(sa);
+    RtRunLoopSourceSignal(sb);
+    EXPECT_EQ(kRtRunLoopRunHandledSource, RtRunLoopRunInMode(fModeB, 0, true));
+    EXPECT_EQ(0, a.performs);
+    EXPECT_EQ(1, b.performs);
+    EXPECT_EQ(std::vector<std::string>{"RtRunLoopTest.B"}, b.modesSeen);
+
+    // A's signal waited for a run of mode A.
+    EXPECT_EQ(kRtRunLoopRunHandledSource, RtRunLoopRunInMode(fModeA, 0, true));
+    EXPECT_EQ(1, a.performs);
+    EXPECT_EQ(nullptr, RtRunLoopCopyCurrentMode(fLoop));
+
+    // A mode string equal to another by text is the same mode.
+    RtStringRef sameText = RtStringCreateWithCString(kRtAllocatorDefault, "RtRunLoopTest.A", kRtStringEncodingUTF8);
+    EXPECT_TRUE(RtRunLoopContainsSource(fLoop, sa, sameText));
+    RtRelease(sameText);
+
+    RtRunLoopRemoveSource(fLoop, sa, fModeA);
+    RtRunLoopRemoveSource(fLoop, sb, fModeB);
+    EXPECT_EQ(1, a.cancels);
+    EXPECT_EQ(kRtRunLoopRunFinished, RtRunLoopRunInMode(fModeA, 1.0e30, false));
+    EXPECT_EQ(kRtRunLoopRunFinished, RtRunLoopRunInMode(RTSTR("RtRunLoopTest.never"), 1.0e30, false));
+    RtRelease(sa);
+    RtRelease(sb);
+}
+
+TEST_F(RtRunLoopTest, RunResults) {
+    Probe idle;
+    RtRunLoopSourceRef s = makeSource(idle);
+    RtRunLoopAddSource(fLoop, s, fModeA);
+    // Something to wait for but nothing happening: the limit passes.
+    EXPECT_EQ(kRtRunLoopRunTimedOut, RtRunLoopRunInMode(fModeA, 0.02, false));
+    EXPECT_EQ(kRtRunLoopRunTimedOut, RtRunLoopRunInMode(fModeA, -5, false));
+
+    // Without returnAfterSourceHandled the run goes on after a source until the limit.
+    RtRunLoopSourceSignal(s);
+    EXPECT_EQ(kRtRunLoopRunTimedOut, RtRunLoopRunInMode(fModeA, 0.02, false));
+    EXPECT_EQ(1, idle.performs);
+
+    // Stop from inside a callback ends the run that is going on.
+    TimerProbe tp;
+    tp.onFire = [&](RtRunLoopTimerRef) { RtRunLoopStop(fLoop); };
+    RtRunLoopTimerRef t = makeTimer(tp, 0);
+    RtRunLoopAddTimer(fLoop, t, fModeA);
+    EXPECT_EQ(kRtRunLoopRunStopped, RtRunLoopRunInMode(fModeA, 1.0e30, false));
+    EXPECT_EQ(1, tp.fires);
+    EXPECT_FALSE(RtRunLoopTimerIsValid(t)); // one-shot: invalid after firing
+    EXPECT_FALSE(RtRunLoopContainsTimer(fLoop, t, fModeA));
+
+    // A source that removes itself empties the mode: the run finishes.
+    idle.onPerform = [&] { RtRunLoopRemoveSource(fLoop, s, fModeA); };
+    RtRunLoopSourceSignal(s);
+    EXPECT_EQ(kRtRunLoopRunFinished, RtRunLoopRunInMode(fModeA, 1.0e30, false));
+    RtRelease(t);
+    RtRelease(s);
+}
+
+TEST_F(RtRunLoopTest, Timers) {
+    // Repeating: fires until it invalidates itself on the third firing.
+    TimerProbe rep;
+    RtRunLoopTimerRef repeating = makeTimer(rep, 0, 0.001);
+    rep.onFire = [&](RtRunLoopTimerRef timer) {
+        if (rep.fires == 3) RtRunLoopTimerInvalidate(timer);
+    };
+    EXPECT_EQ(0.001, RtRunLoopTimerGetInterval(repeating));
+    RtRunLoopAddTimer(fLoop, repeating, fModeA);
+    EXPECT_EQ(kRtRunLoopRunFinished, RtRunLoopRunInMode(fModeA, 1.0e30, false));
+    EXPECT_EQ(3, rep.fires);
+    RtRelease(repeating);
+
+    // Removed before it is due: never fires. A timer in another mode does not fire either.
+    TimerProbe removed, other, guard;
+    RtRunLoopTimerRef r = makeTimer(removed, 0);
+    RtRunLoopTimerRef o = makeTimer(other, 0);
+    RtRunLoopTimerRef g = makeTimer(guard, 0.01);
+    RtRunLoopAddTimer(fLoop, r, fModeA);
+    RtRunLoopAddTimer(fLoop, o, fModeB);
+    RtRunLoopAddTimer(fLoop, g, fModeA);
+    RtRunLoopRemoveTimer(fLoop, r, fModeA);
+    EXPECT_EQ(kRtRunLoopRunFinished, RtRunLoopRunInMode(fModeA, 1.0e30, false));
+    EXPECT_EQ(0, removed.fires);
+    EXPECT_EQ(0, other.fires);
+    EXPECT_EQ(1, guard.fires);
+    EXPECT_TRUE(RtRunLoopTimerIsValid(r));
+
+    // Moving a fire date: far away first (the run times out), then into the past.
+    RtRunLoopAddTimer(fLoop, r, fModeA);
+    RtRunLoopTimerSetNextFireDate(r, RtAbsoluteTimeGetCurrent() + 1000);
+    EXPECT_EQ(kRtRunLoopRunTimedOut, RtRunLoopRunInMode(fModeA, 0.01, false));
+    RtRunLoopTimerSetNextFireDate(r, RtAbsoluteTimeGetCurrent() - 1);
+    EXPECT_EQ(kRtRunLoopRunFinished, RtRunLoopRunInMode(fModeA, 1.0e30, false));
+    EXPECT_EQ(1, removed.fires);
+
+    // A timer that releases the last reference to itself from its callback (ASan watches).
+    TimerProbe self;
+    RtRunLoopTimerRef t = makeTimer(self, 0, 1000);
+    self.onFire = [&](RtRunLoopTimerRef timer) {
+        RtRunLoopTimerInvalidate(timer);
+        RtRelease(t);
+    };
+    RtRunLoopAddTimer(fLoop, t, fModeA);
+    EXPECT_EQ(kRtRunLoopRunFinished, RtRunLoopRunInMode(fModeA, 1.0e30, false));
+    EXPECT_EQ(1, self.fires);
+
+    RtRunLoopTimerInvalidate(o);
+    RtRelease(r);
+    RtRelease(o);
+    RtRelease(g);
+}
+
+TEST_F(RtRunLoopTest, SourcesRemovedOrReleasedFromCallbacks) {
+    // The first source (order 0) removes the second before its turn: the second never performs.
+    Probe first, second, third;
+    RtRunLoopSourceRef s1 = makeSource(first, 0), s2 = makeSource(second, 1), s3 = makeSource(third, 2);
+    first.onPerform = [&] { RtRunLoopSourceInvalidate(s2); };
+    // The third releases the last reference to itself while performing.
+    third.onPerform = [&] {
+        RtRunLoopRemoveSource(fLoop, s3, fModeA);
+        RtRelease(s3);
+    };
+    for (RtRunLoopSourceRef s : {s1, s2, s3}) {
+        RtRunLoopAddSource(fLoop, s, fModeA);
+        RtRunLoopSourceSignal(s);
+    }
+    EXPECT_EQ(kRtRunLoopRunTimedOut, RtRunLoopRunInMode(fModeA, 0, false));
+    EXPECT_EQ(1, first.performs);
+    EXPECT_EQ(0, second.performs);
+    EXPECT_EQ(1, third.performs);
+    EXPECT_FALSE(RtRunLoopSourceIsValid(s2));
+    EXPECT_EQ(1, second.cancels);
+    RtRunLoopAddSource(fLoop, s2, fModeA); // an invalid source cannot come back
+    EXPECT_FALSE(RtRunLoopContainsSource(fLoop, s2, fModeA));
+
+    // Order decides among signalled sources; returnAfterSourceHandled returns after one.
+    first.onPerform = nullptr;
+    Probe early;
+    RtRunLoopSourceRef s0 = makeSource(early, -5);
+    RtRunLoopAddSource(fLoop, s0, fModeA);
+    RtRunLoopSourceSignal(s1);
+    RtRunLoopSourceSignal(s0);
+    EXPECT_EQ(kRtRunLoopRunHandledSource, RtRunLoopRunInMode(fModeA, 0, true));
+    EXPECT_EQ(1, early.performs);
+    EXPECT_EQ(1, first.performs);
+    EXPECT_EQ(kRtRunLoopRunHandledSource, RtRunLoopRunInMode(fModeA, 0, true));
+    EXPECT_EQ(2, first.performs);
+
+    RtRunLoopSourceInvalidate(s0);
+    RtRunLoopSourceInvalidate(s1);
+    RtRelease(s0);
+    RtRelease(s1);
+    RtRelease(s2);
+}
+
+TEST_F(RtRunLoopTest, NestedRunsKeepTheirOwnMode) {
+    Probe outer;
+    TimerProbe inner;
+    RtRunLoopSourceRef s = makeSource(outer);
+    RtRunLoopTimerRef t = makeTimer(inner, 0);
+    std::vector<std::string> modes;
+    inner.onFire = [&](RtRunLoopTimerRef) {
+        RtStringRef m = RtRunLoopCopyCurrentMode(fLoop);
+        modes.push_back(text(m));
+        RtRelease(m);
+    };
+    outer.onPerform = [&] {
+        EXPECT_EQ(kRtRunLoopRunFinished, RtRunLoopRunInMode(fModeB, 1.0e30, false));
+        RtStringRef m = RtRunLoopCopyCurrentMode(fLoop);
+        modes.push_back(text(m));
+        RtRelease(m);
+    };
+    RtRunLoopAddSource(fLoop, s, fModeA);
+    RtRunLoopAddTimer(fLoop, t, fModeB);
+    RtRunLoopSourceSignal(s);
+    EXPECT_EQ(kRtRunLoopRunHandledSource, RtRunLoopRunInMode(fModeA, 1.0e30, true));
+    EXPECT_EQ((std::vector<std::string>{"RtRunLoopTest.B", "RtRunLoopTest.A"}), modes);
+    RtRunLoopRemoveSource(fLoop, s, fModeA);
+    RtRelease(s);
+    RtRelease(t);
+}
+
+struct PipeProbe {
+    int calls = 0;
+    RtOptionFlags lastTypes = 0;
+    std::function<void(RtFileDescriptorRef)> onReady;
+};
+
+void _ready(RtFileDescriptorRef w, RtOptionFlags types, void *info) {
+    auto *p = static_cast<PipeProbe *>(info);
+    p->calls++;
+    p->lastTypes = types;
+    if (p->onReady) p->onReady(w);
+}
+
+TEST_F(RtRunLoopTest, DescriptorWatchersAreLevelTriggered) {
+    int fds[2];
+    ASSERT_EQ(0, pipe(fds));
+    PipeProbe rp, wp;
+    RtFileDescriptorContext rctx = {0, &rp, nullptr, nullptr, nullptr}, wctx = {0, &wp, nullptr, nullptr, nullptr};
+    RtFileDescriptorRef reader = RtFileDescriptorCreate(kRtAllocatorDefault, fds[0], true, _ready, &rctx);
+    RtFileDescriptorRef writer = RtFileDescriptorCreate(kRtAllocatorDefault, fds[1], true, _ready, &wctx);
+    ASSERT_EQ(fds[0], RtFileDescriptorGetNativeDescriptor(reader));
+    RtRunLoopAddFileDescriptor(fLoop, reader, fModeA);
+    RtRunLoopAddFileDescriptor(fLoop, writer, fModeA);
+
+    // Nothing enabled yet: nothing fires.
+    EXPECT_EQ(kRtRunLoopRunTimedOut, RtRunLoopRunInMode(fModeA, 0, false));
+    EXPECT_EQ(0, rp.calls + wp.calls);
+
+    RtFileDescriptorEnableCallBacks(writer, kRtFileDescriptorWriteCallBack);
+    wp.onReady = [&](RtFileDescriptorRef w) {
+        ASSERT_EQ(1, write(RtFileDescriptorGetNativeDescriptor(w), "x", 1));
+        RtFileDescriptorDisableCallBacks(w, kRtFileDescriptorWriteCallBack);
+    };
+    RtFileDescriptorEnableCallBacks(reader, kRtFileDescriptorReadCallBack);
+    EXPECT_EQ(kRtRunLoopRunTimedOut, RtRunLoopRunInMode(fModeA, 0, false));
+    EXPECT_EQ(kRtRunLoopRunTimedOut, RtRunLoopRunInMode(fModeA, 0, false));
+    EXPECT_EQ(1, wp.calls);
+    EXPECT_EQ(kRtFileDescriptorWriteCallBack, wp.lastTypes);
+    ASSERT_GE(rp.calls, 1);
+    EXPECT_EQ(kRtFileDescriptorReadCallBack, rp.lastTypes);
+    // The byte is never read, so the reader is ready again on the next run.
+    int before = rp.calls;
+    RtRunLoopRunInMode(fModeA, 0, false);
+    EXPECT_EQ(before + 1, rp.calls);
+
+    // Invalidating from its own callback removes it everywhere and closes the descriptor.
+    rp.onReady = [&](RtFileDescriptorRef w) { RtFileDescriptorInvalidate(w); };
+    int calls = rp.calls;
+    RtRunLoopRunInMode(fModeA, 0, false);
+    EXPECT_EQ(calls + 1, rp.calls);
+    EXPECT_FALSE(RtFileDescriptorIsValid(reader));
+    EXPECT_EQ(-1, fcntl(fds[0], F_GETFD));
+    RtRunLoopRemoveFileDescriptor(fLoop, writer, fModeA);
+    EXPECT_EQ(kRtRunLoopRunFinished, RtRunLoopRunInMode(fModeA, 0, false));
+    RtFileDescriptorInvalidate(writer);
+    RtRelease(reader);
+    RtRelease(writer);
+}
+
+TEST_F(RtRunLoopTest, SignalDoesNotWakeButWakeUpDoes) {
+    Probe p;
+    RtRunLoopSourceRef s = makeSource(p);
+    RtRunLoopAddSource(fLoop, s, fModeA);
+    RtRunLoopRef loop = fLoop;
+    std::atomic<bool> stillWaitingAfterSignal{false};
+    std::thread other([&] {
+        while (!RtRunLoopIsWaiting(loop)) std::this_thread::yield();
+        RtRunLoopSourceSignal(s);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        stillWaitingAfterSignal = RtRunLoopIsWaiting(loop);
+        RtRunLoopWakeUp(loop);
+    });
+    EXPECT_EQ(kRtRunLoopRunHandledSource, RtRunLoopRunInMode(fModeA, 1.0e30, true));
+    other.join();
+    EXPECT_TRUE(stillWaitingAfterSignal);
+    EXPECT_EQ(1, p.performs);
+
+    // Stop from another thread ends a run with no time limit.
+    std::thread stopper([&] {
+        while (!RtRunLoopIsWaiting(loop)) std::this_thread::yield();
+        RtRunLoopStop(loop);
+    });
+    EXPECT_EQ(kRtRunLoopRunStopped, RtRunLoopRunInMode(fModeA, 1.0e30, false));
+    stopper.join();
+    RtRunLoopRemoveSource(fLoop, s, fModeA);
+    RtRelease(s);
+}
+
+TEST_F(RtRunLoopTest, EachThreadHasItsOwnLoopFreedAtExit) {
+    Probe left;
+    RtRunLoopSourceRef s = makeSource(left);
+    RtRunLoopRef theirs = nullptr;
+    std::thread worker([&] {
+        theirs = RtRunLoopGetCurrent();
+        EXPECT_EQ(theirs, RtRunLoopGetCurrent());
+        RtRunLoopAddSource(theirs, s, kRtRunLoopDefaultMode); // still there when the thread ends
+    });
+    worker.join();
+    EXPECT_NE(nullptr, theirs);
+    EXPECT_NE(fLoop, theirs);
+    EXPECT_EQ(1, left.cancels); // the exiting thread's loop cancelled what it still held
+    EXPECT_EQ(1, RtGetRetainCount(s));
+    RtRelease(s);
+}
+
+} // namespace
