@@ -296,7 +296,7 @@ bool equalsIgnoringCase(const std::string &a, const char *b) {
 
 // Exactly the message's fields, plus what stops libcurl adding its own ("Accept", "Expect",
 // a form Content-Type). Content-Length is always libcurl's, from the body's real length.
-curl_slist *buildHeaderList(RtHTTPMessageRef request) {
+bool buildHeaderList(RtHTTPMessageRef request, curl_slist **out) {
     curl_slist *list = nullptr;
     bool hasAccept = false, hasExpect = false, hasContentType = false;
     bool ok = true;
@@ -327,9 +327,10 @@ curl_slist *buildHeaderList(RtHTTPMessageRef request) {
     }
     if (!ok) {
         curl_slist_free_all(list);
-        return nullptr;
+        list = nullptr;
     }
-    return list;
+    *out = list;
+    return ok;
 }
 
 // Sets up st.fEasy for the request; errno-style code on failure (0 on success).
@@ -353,8 +354,7 @@ int configureTransfer(StreamState &st) {
     CURL *e = curl_easy_init();
     if (!e) return ENOMEM;
     st.fEasy = e;
-    st.fHeaderList = buildHeaderList(request);
-    if (!st.fHeaderList) return ENOMEM;
+    if (!buildHeaderList(request, &st.fHeaderList)) return ENOMEM;
 
     bool ok = true;
     auto set = [&](CURLoption option, auto value) { ok = ok && curl_easy_setopt(e, option, value) == CURLE_OK; };
