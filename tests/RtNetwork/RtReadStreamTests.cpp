@@ -302,6 +302,40 @@ TEST_F(RtReadStreamTest, SequentialRequestsReuseOneConnection) {
     EXPECT_EQ(1u, server.connectionCount());
 }
 
+TEST_F(RtReadStreamTest, AStreamHearsNothingOutsideItsMode) {
+    ScriptedHTTPServer server;
+    server.reply("GET", "/", ScriptedReply::with(200, "text/plain", std::string(30000, 'a')));
+    // Scheduled in another mode and opened first, as an asynchronous call would be.
+    Outcome outside;
+    Client client{&outside, false, false, {}};
+    RtHTTPMessageRef req = makeRequest(server.url("/"), "GET");
+    RtReadStreamRef other = RtReadStreamCreateForHTTPRequest(kRtAllocatorDefault, req);
+    RtStreamClientContext ctx = {0, &client, nullptr, nullptr, nullptr};
+    RtReadStreamSetClient(other, kAllEvents, _clientCallback, &ctx);
+    RtReadStreamScheduleWithRunLoop(other, RtRunLoopGetCurrent(), RTSTR("RtReadStreamTest.other"));
+    ASSERT_TRUE(RtReadStreamOpen(other));
+
+    // A whole exchange in the private mode: the other stream's transfer may progress, but its
+    // client hears nothing.
+    Outcome inside = exchange(req);
+    expectCleanEnd(inside);
+    EXPECT_TRUE(outside.events.empty());
+
+    // Its own mode delivers everything, in order, with every byte.
+    while (!client.fDone) {
+        ASSERT_EQ(kRtRunLoopRunHandledSource, RtRunLoopRunInMode(RTSTR("RtReadStreamTest.other"), kGuard, true));
+        if (client.fReadPending) {
+            client.fReadPending = false;
+            readAvailable(other, outside.body);
+        }
+    }
+    EXPECT_EQ(kRtStreamEventOpenCompleted, outside.events.front());
+    EXPECT_EQ(kRtStreamEventEndEncountered, outside.events.back());
+    EXPECT_EQ(std::string(30000, 'a'), outside.body);
+    RtRelease(other);
+    RtRelease(req);
+}
+
 TEST_F(RtReadStreamTest, ProxyProperty) {
     ScriptedHTTPServer server;
     server.reply("POST", "/RPC2", ScriptedReply::xml("<via-proxy/>"));
