@@ -28,6 +28,11 @@ write_basic_package_version_file(${CMAKE_BINARY_DIR}/HalvosCoreConfigVersion.cma
 install(FILES ${CMAKE_BINARY_DIR}/HalvosCoreConfig.cmake ${CMAKE_BINARY_DIR}/HalvosCoreConfigVersion.cmake
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/HalvosCore)
 
+# The .pc files find their prefix from where they are installed, so that an install moved
+# elsewhere (or made with cmake --install --prefix) still works.
+file(RELATIVE_PATH HV_PC_PREFIX_FROM_PCDIR ${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig
+     ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" HV_PC_PREFIX_FROM_PCDIR "${HV_PC_PREFIX_FROM_PCDIR}")
 foreach(pc RtCore RtNetwork HalvosCore)
   configure_file(cmake/${pc}.pc.in ${CMAKE_BINARY_DIR}/${pc}.pc @ONLY)
   install(FILES ${CMAKE_BINARY_DIR}/${pc}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

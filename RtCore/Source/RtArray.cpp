@@ -101,9 +101,7 @@ enum : uint32_t { eArrayMutable = 1 };
 
 using Arr = __RtArray;
 
-bool isArray(RtTypeRef obj) {
-    return rt::isA(obj, RtArrayGetTypeID());
-}
+bool isArray(RtTypeRef obj);
 bool isMutableArray(RtTypeRef obj) {
     return isArray(obj) && (static_cast<const Arr *>(obj)->fFlags & eArrayMutable);
 }
@@ -144,6 +142,10 @@ const RtRuntimeClass sArrayClass = {0,          "RtArray",      nullptr,
                                     nullptr,    _arrayFinalize, _arrayEqual,
                                     _arrayHash, nullptr,        rt::copyCollectionDescription};
 std::atomic<RtTypeID> sArrayTypeID{kRtNotATypeID};
+
+bool isArray(RtTypeRef obj) {
+    return rt::isA(obj, rt::typeIDOf(sArrayTypeID, &sArrayClass));
+}
 
 constexpr RtIndex kFieldBytes = sizeof(Arr) - sizeof(RtRuntimeBase);
 constexpr RtIndex kMaxCount = RtIndex(1) << 40;
@@ -189,7 +191,7 @@ Arr *newMutableArray(RtAllocatorRef alloc, RtIndex capacity, const RtArrayCallBa
 } // namespace
 
 RtTypeID RtArrayGetTypeID(void) {
-    return rt::registerOnce(sArrayTypeID, &sArrayClass);
+    return rt::typeIDOf(sArrayTypeID, &sArrayClass);
 }
 
 RtArrayRef RtArrayCreate(RtAllocatorRef alloc, const void **values, RtIndex numValues,

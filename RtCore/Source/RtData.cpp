@@ -109,7 +109,7 @@ RtHashCode hashBytes(const uint8_t *bytes, size_t n) {
 } // namespace rt
 
 RtTypeID RtDataGetTypeID(void) {
-    return rt::registerOnce(sDataTypeID, &sDataClass);
+    return rt::typeIDOf(sDataTypeID, &sDataClass);
 }
 
 RtDataRef RtDataCreate(RtAllocatorRef alloc, const uint8_t *bytes, RtIndex length) {

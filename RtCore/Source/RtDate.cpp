@@ -136,7 +136,7 @@ RtAbsoluteTime RtAbsoluteTimeGetCurrent(void) {
 }
 
 RtTypeID RtDateGetTypeID(void) {
-    return rt::registerOnce(sDateTypeID, &sDateClass);
+    return rt::typeIDOf(sDateTypeID, &sDateClass);
 }
 
 RtDateRef RtDateCreate(RtAllocatorRef alloc, RtAbsoluteTime at) {

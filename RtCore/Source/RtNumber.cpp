@@ -330,13 +330,13 @@ size_t formatNumber(RtNumberRef number, char *buf, size_t size, bool asDouble) {
 } // namespace rt
 
 RtTypeID RtNumberGetTypeID(void) {
-    return rt::registerOnce(sNumberTypeID, &sNumberClass);
+    return rt::typeIDOf(sNumberTypeID, &sNumberClass);
 }
 RtTypeID RtBooleanGetTypeID(void) {
-    return rt::registerOnce(sBooleanTypeID, &sBooleanClass);
+    return rt::typeIDOf(sBooleanTypeID, &sBooleanClass);
 }
 RtTypeID RtNullGetTypeID(void) {
-    return rt::registerOnce(sNullTypeID, &sNullClass);
+    return rt::typeIDOf(sNullTypeID, &sNullClass);
 }
 
 RtNumberRef RtNumberCreate(RtAllocatorRef alloc, RtNumberType theType, const void *valuePtr) {

@@ -290,7 +290,7 @@ RtStringRef copySpan(RtURLRef url, Span s) {
 } // namespace
 
 RtTypeID RtURLGetTypeID(void) {
-    return rt::registerOnce(sURLTypeID, &sURLClass);
+    return rt::typeIDOf(sURLTypeID, &sURLClass);
 }
 
 RtURLRef RtURLCreateWithString(RtAllocatorRef alloc, RtStringRef str, RtURLRef baseURL) {

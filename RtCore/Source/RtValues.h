@@ -5,10 +5,19 @@
 
 #include <RtCore/RtCore.h>
 
+#include "RtRuntime.h"
+
 #include <cstddef>
 #include <string>
 
 namespace rt {
+
+// The id of the class registered through slot: a single load once registered, so that the
+// type checks on every call of the hot paths cost nothing.
+inline RtTypeID typeIDOf(std::atomic<RtTypeID> &slot, const RtRuntimeClass *cls) {
+    RtTypeID id = slot.load(std::memory_order_acquire);
+    return id != kRtNotATypeID ? id : registerOnce(slot, cls);
+}
 
 // The callbacks of kRtTypeArrayCallBacks and the kRtType... dictionary records: the runtime's
 // own retain, release, description, equality and hash.
