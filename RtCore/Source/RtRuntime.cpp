@@ -46,6 +46,10 @@ RtTypeID registerOnce(std::atomic<RtTypeID> &slot, const RtRuntimeClass *cls) {
     return id;
 }
 
+const ClassEntry *classEntry(RtTypeID typeID) {
+    return RtRuntimeGetClassWithTypeID(typeID) ? &gClasses[typeID] : nullptr;
+}
+
 void initStaticObject(RtRuntimeBase *obj, RtTypeID typeID) {
     obj->_isa = &gClasses[typeID];
     refCount(obj).store(kImmortalBit | 1, std::memory_order_relaxed);
@@ -82,7 +86,7 @@ RtTypeRef RtRuntimeCreateInstance(RtAllocatorRef, RtTypeID typeID, RtIndex extra
 }
 
 void RtRuntimeSetImmortal(RtTypeRef obj) {
-    if (!obj) return;
+    if (!obj || (rt::refCount(obj).load(std::memory_order_relaxed) & rt::kInteriorBit)) return;
     uint64_t old = rt::refCount(obj).fetch_or(rt::kImmortalBit, std::memory_order_acq_rel);
     if (!(old & rt::kImmortalBit)) gLiveObjects.fetch_sub(1, std::memory_order_relaxed);
 }
@@ -90,7 +94,11 @@ void RtRuntimeSetImmortal(RtTypeRef obj) {
 RtTypeRef RtRetain(RtTypeRef obj) {
     if (!obj) return nullptr;
     auto &rc = rt::refCount(obj);
-    if (rc.load(std::memory_order_relaxed) & rt::kImmortalBit) return obj;
+    uint64_t word = rc.load(std::memory_order_relaxed);
+    if (word & (rt::kImmortalBit | rt::kInteriorBit)) {
+        if (!(word & rt::kImmortalBit)) RtRetain(rt::interiorOwner(word));
+        return obj;
+    }
     rc.fetch_add(1, std::memory_order_relaxed);
     return obj;
 }
@@ -98,7 +106,11 @@ RtTypeRef RtRetain(RtTypeRef obj) {
 void RtRelease(RtTypeRef obj) {
     if (!obj) return;
     auto &rc = rt::refCount(obj);
-    if (rc.load(std::memory_order_relaxed) & rt::kImmortalBit) return;
+    uint64_t word = rc.load(std::memory_order_relaxed);
+    if (word & (rt::kImmortalBit | rt::kInteriorBit)) {
+        if (!(word & rt::kImmortalBit)) RtRelease(rt::interiorOwner(word));
+        return;
+    }
     if (rc.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
     const RtRuntimeClass *cls = rt::classOf(obj)->cls;
     if (cls->finalize) cls->finalize(obj);
@@ -110,6 +122,7 @@ RtIndex RtGetRetainCount(RtTypeRef obj) {
     if (!obj) return 0;
     uint64_t rc = rt::refCount(obj).load(std::memory_order_relaxed);
     if (rc & rt::kImmortalBit) return static_cast<RtIndex>(0x7FFFFFFF);
+    if (rc & rt::kInteriorBit) return RtGetRetainCount(rt::interiorOwner(rc));
     return static_cast<RtIndex>(rc);
 }
 

@@ -53,18 +53,50 @@ enum {
     kRtXMLParserAllOptions = 0x00FFFFFF
 };
 
-/* Element nesting beyond this depth makes the parse fail. */
+/* Element nesting beyond this depth makes the parse fail (the document element is depth 1). */
 #define kRtXMLTreeMaxDepth 512
+/* A document type declaration may declare at most this many entities (general and parameter
+ * together); one more makes the parse fail. Bounds how deeply entity expansions can nest. */
+#define kRtXMLTreeMaxEntityDeclarations 128
 
 /* Keys of the error dictionary. */
-RT_EXPORT extern const RtStringRef kRtXMLTreeErrorDescription; /* string */
-RT_EXPORT extern const RtStringRef kRtXMLTreeErrorLineNumber;  /* number */
-RT_EXPORT extern const RtStringRef kRtXMLTreeErrorLocation;    /* number: byte offset */
-RT_EXPORT extern const RtStringRef kRtXMLTreeErrorStatusCode;  /* number */
+RT_EXPORT extern const RtStringRef kRtXMLTreeErrorDescription; /* string, readable English */
+RT_EXPORT extern const RtStringRef kRtXMLTreeErrorLineNumber;  /* number, 1-based */
+/* number: byte offset of the error from the start of the data (of the UTF-8 text when the
+ * document was transcoded from a charset expat does not read itself) */
+RT_EXPORT extern const RtStringRef kRtXMLTreeErrorLocation;
+RT_EXPORT extern const RtStringRef kRtXMLTreeErrorStatusCode;  /* number, see below */
+
+/* Status codes: expat's error numbers (1 out of memory, 2 syntax error, 3 no element found,
+ * 4 not well-formed, 7 mismatched tag, 18 unknown encoding, 21 external entity reference, ...)
+ * and these failures of the reader's own: */
+enum {
+    kRtXMLTreeStatusNestingTooDeep = 1001,        /* more than kRtXMLTreeMaxDepth levels */
+    kRtXMLTreeStatusTooManyEntities = 1002,       /* more than kRtXMLTreeMaxEntityDeclarations */
+    kRtXMLTreeStatusInvalidBytesForCharset = 1003 /* bytes not valid in the document's charset */
+};
 
 /* Builds the tree of an XML document. The document's declared encoding decides (UTF-8 when
- * none; UTF-16 with a byte-order mark). NULL on error; errorDict (may be NULL) then receives a
- * new dictionary the caller releases. sourceURL and versionOfNodes are informational. */
+ * none; UTF-16 and UTF-32 with a byte-order mark); UTF-8, UTF-16, ISO-8859-1 and US-ASCII are
+ * read by expat itself, any other charset ICU knows is transcoded to UTF-8 first.
+ * NULL on error; errorDict (may be NULL) then receives a new dictionary the caller releases
+ * (and NULL on success). NULL or empty data is an error ("no element found").
+ * sourceURL is ignored; versionOfNodes is what RtXMLNodeGetVersion reports.
+ *
+ * The tree holds: the document node at the root; elements (names with their prefixes as
+ * written: namespaces are not processed and xmlns attributes are ordinary attributes); text
+ * (adjacent character data and character references merged into one node; whitespace-only
+ * text is dropped under kRtXMLParserSkipWhitespace and kept as a text node otherwise); CDATA
+ * sections; comments; processing instructions; the five predefined entity references as
+ * entity-reference nodes named "amp", "lt", "gt", "quot" and "apos" (inside the replacement
+ * text of a declared entity they are text); a document-type node named after the root element
+ * unless kRtXMLParserSkipMetaData is set. Attributes defaulted by the internal DTD subset appear
+ * only under kRtXMLParserAddImpliedAttributes.
+ *
+ * Safety: no file, URL, external DTD or external entity is ever read; a reference to an
+ * external entity in content fails with status 21. Entity expansion is bounded by expat's
+ * amplification limits and kRtXMLTreeMaxEntityDeclarations; nesting by kRtXMLTreeMaxDepth.
+ * Building and freeing never recurse, and memory stays proportional to the input. */
 RT_EXPORT RtTreeRef RtXMLTreeCreateFromDataWithError(RtAllocatorRef alloc, RtDataRef xmlData, RtURLRef sourceURL,
                                                      RtOptionFlags parseOptions, RtIndex versionOfNodes,
                                                      RtDictionaryRef *errorDict);
@@ -76,7 +108,11 @@ RT_EXPORT RtTreeRef RtXMLTreeCreateFromData(RtAllocatorRef alloc, RtDataRef xmlD
                                             RtOptionFlags parseOptions, RtIndex versionOfNodes);
 
 /* Navigation. Trees are runtime objects; children are owned by their parent and the results
- * here are borrowed. Retaining a subtree keeps the whole document alive. */
+ * here are borrowed. Every position and node of one document shares the document's reference
+ * count: retaining a subtree or a node keeps the whole document alive (RtGetRetainCount reports
+ * the document's count). A finished tree is immutable and may be read from several threads.
+ * NULL arguments give NULL (or 0). Child counts are stored; RtTreeGetChildAtIndex walks the
+ * siblings (iterate with RtTreeGetFirstChild and RtTreeGetNextSibling). */
 RT_EXPORT RtTypeID RtTreeGetTypeID(void);
 RT_EXPORT RtTreeRef RtTreeGetParent(RtTreeRef tree);
 RT_EXPORT RtTreeRef RtTreeGetFirstChild(RtTreeRef tree);

@@ -1,0 +1,566 @@
+// RtXMLTreeBuilder: turns the expat events of one document into the nodes of its tree.
+// Owns the expat parser's handlers and the building state for the length of one parse; every
+// node, string, dictionary and array it makes goes to the document. One thread. Building is
+// iterative (the open elements are a stack of pointers), so no input can exhaust the C stack
+// here; expat's own recursion through nested entities is bounded by the entity limit.
+#include "RtStringInternal.h"
+#include "RtXMLTreeInternal.h"
+
+#include <expat.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <unistd.h>
+
+namespace rt::xml {
+namespace {
+
+// Bytes handed to expat per call: its input buffer stays small and warm in the cache.
+constexpr size_t kFeedChunk = size_t(64) << 10;
+// Attribute values up to this length are interned like names (SOAP repeats xsi:type values).
+constexpr size_t kInternValueLength = 64;
+
+uint64_t makeSeed() {
+    uint64_t seed = 0;
+    if (getentropy(&seed, sizeof seed) != 0) {
+        // No entropy source: the address layout and the clock still differ between processes.
+        seed = uint64_t(reinterpret_cast<uintptr_t>(&seed)) ^
+               uint64_t(std::chrono::steady_clock::now().time_since_epoch().count());
+    }
+    return seed;
+}
+
+// A seeded hash of short byte strings: a peer that picks names cannot aim collisions at a
+// seed it does not know, and the probe cap below bounds the damage if it tries anyway.
+uint32_t hashBytes(const char *p, size_t n) {
+    static const uint64_t sSeed = makeSeed();
+    uint64_t h = sSeed ^ (uint64_t(n) * 0x9E3779B97F4A7C15ull);
+    for (; n >= 8; p += 8, n -= 8) {
+        uint64_t w;
+        std::memcpy(&w, p, 8);
+        h = (h ^ w) * 0xBF58476D1CE4E5B9ull;
+        h ^= h >> 29;
+    }
+    uint64_t w = 0;
+    std::memcpy(&w, p, n);
+    h = (h ^ w) * 0x94D049BB133111EBull;
+    h ^= h >> 31;
+    return uint32_t(h);
+}
+
+// One string per distinct name (and short attribute value) in a document: an XML-RPC reply of
+// a hundred thousand elements uses a dozen names. Strings belong to the document.
+class NameTable {
+  public:
+    explicit NameTable(Document &document) : fDocument(document) {}
+    NameTable(const NameTable &) = delete;
+    NameTable &operator=(const NameTable &) = delete;
+    ~NameTable() { std::free(fSlots); }
+
+    // The document's string of the UTF-8 bytes p[0..n); NULL when memory runs out.
+    RtStringRef intern(const char *p, size_t n);
+
+  private:
+    struct Slot {
+        const char *fBytes;
+        RtStringRef fString;
+        uint32_t fHash;
+        uint32_t fLength;
+    };
+    static constexpr size_t kMaxLength = 256;
+    static constexpr size_t kMaxSlots = 8192;
+    static constexpr size_t kMaxProbe = 16;
+
+    RtStringRef createOwned(const char *p, size_t n);
+    bool grow();
+
+    Document &fDocument;
+    Slot *fSlots = nullptr;
+    size_t fMask = 0;
+    size_t fCount = 0;
+};
+
+RtStringRef createString(const char *p, size_t n) {
+    const auto *bytes = reinterpret_cast<const uint8_t *>(p);
+    if (bytesAreASCII(bytes, n)) return createString8(bytes, RtIndex(n));
+    return RtStringCreateWithBytes(kRtAllocatorDefault, bytes, RtIndex(n), kRtStringEncodingUTF8, false);
+}
+
+RtStringRef NameTable::createOwned(const char *p, size_t n) {
+    RtStringRef s = createString(p, n);
+    if (s) fDocument.fOwned.push_back(s);
+    return s;
+}
+
+bool NameTable::grow() {
+    size_t capacity = fSlots ? (fMask + 1) * 2 : 64;
+    if (capacity > kMaxSlots) return false;
+    auto *slots = static_cast<Slot *>(std::calloc(capacity, sizeof(Slot)));
+    if (!slots) return false;
+    size_t mask = capacity - 1;
+    for (size_t i = 0; fSlots && i <= fMask; i++) {
+        if (!fSlots[i].fString) continue;
+        size_t j = fSlots[i].fHash & mask;
+        while (slots[j].fString)
+            j = (j + 1) & mask;
+        slots[j] = fSlots[i];
+    }
+    std::free(fSlots);
+    fSlots = slots;
+    fMask = mask;
+    return true;
+}
+
+RtStringRef NameTable::intern(const char *p, size_t n) {
+    if (n > kMaxLength) return createOwned(p, n);
+    if ((fCount + 1) * 2 > fMask + 1) grow(); // at the cap the table just stops taking names
+    if (!fSlots) return createOwned(p, n);
+    uint32_t h = hashBytes(p, n);
+    size_t i = h & fMask;
+    for (size_t probe = 0; probe < kMaxProbe; probe++, i = (i + 1) & fMask) {
+        Slot &slot = fSlots[i];
+        if (!slot.fString) {
+            if ((fCount + 1) * 4 > (fMask + 1) * 3) break;
+            auto *copy = static_cast<char *>(fDocument.fArena.allocate(n ? n : 1));
+            RtStringRef s = copy ? createOwned(p, n) : nullptr;
+            if (!s) return nullptr;
+            std::memcpy(copy, p, n);
+            slot = Slot{copy, s, h, uint32_t(n)};
+            fCount++;
+            return s;
+        }
+        if (slot.fHash == h && slot.fLength == n && std::memcmp(slot.fBytes, p, n) == 0) return slot.fString;
+    }
+    return createOwned(p, n);
+}
+
+bool isXMLWhitespace(const char *p, size_t n) {
+    for (size_t i = 0; i < n; i++) {
+        char c = p[i];
+        if (c != ' ' && c != '\n' && c != '\t' && c != '\r') return false;
+    }
+    return true;
+}
+
+// True when raw (count bytes of the input, in an 8-bit or 16-bit encoding) spells "&name;".
+bool rawIsReference(const char *raw, int count, const char *name, size_t nameLength) {
+    size_t units = nameLength + 2;
+    size_t width = size_t(count) == units ? 1 : size_t(count) == units * 2 ? 2 : 0;
+    if (!width) return false;
+    for (size_t i = 0; i < units; i++) {
+        char expected = i == 0 ? '&' : i == units - 1 ? ';' : name[i - 1];
+        const char *unit = raw + i * width;
+        bool match = width == 1 ? unit[0] == expected
+                                : (unit[0] == expected && unit[1] == 0) || (unit[0] == 0 && unit[1] == expected);
+        if (!match) return false;
+    }
+    return true;
+}
+
+class TreeBuilder {
+  public:
+    TreeBuilder(RootNode *root, XML_Parser parser, RtOptionFlags options);
+    TreeBuilder(const TreeBuilder &) = delete;
+    TreeBuilder &operator=(const TreeBuilder &) = delete;
+
+    bool run(const uint8_t *bytes, size_t length, ParseError &error);
+
+    // expat's handlers; each catches what the standard library may throw (memory) so that
+    // nothing unwinds through expat.
+    static void XMLCALL _startElement(void *data, const XML_Char *name, const XML_Char **atts);
+    static void XMLCALL _endElement(void *data, const XML_Char *name);
+    static void XMLCALL _characterData(void *data, const XML_Char *s, int len);
+    static void XMLCALL _comment(void *data, const XML_Char *text);
+    static void XMLCALL _processingInstruction(void *data, const XML_Char *target, const XML_Char *text);
+    static void XMLCALL _startCDATA(void *data);
+    static void XMLCALL _endCDATA(void *data);
+    static void XMLCALL _startDoctype(void *data, const XML_Char *name, const XML_Char *sysid,
+                                      const XML_Char *pubid, int hasInternalSubset);
+    static void XMLCALL _entityDeclaration(void *data, const XML_Char *name, int isParameterEntity,
+                                           const XML_Char *value, int valueLength, const XML_Char *base,
+                                           const XML_Char *systemId, const XML_Char *publicId,
+                                           const XML_Char *notationName);
+    static int XMLCALL _externalEntityReference(XML_Parser parser, const XML_Char *context, const XML_Char *base,
+                                                const XML_Char *systemId, const XML_Char *publicId);
+
+  private:
+    void startElement(const char *name, const char **atts);
+    void endElement();
+    void characterData(const char *s, int len);
+    void comment(const char *text);
+    void processingInstruction(const char *target, const char *text);
+    void startCDATA();
+    void endCDATA();
+    void startDoctype(const char *name);
+    void entityDeclaration();
+
+    bool predefinedReference(char c);
+    bool setAttributes(TreeNode *element, const char **atts);
+    TreeNode *appendNode(uint8_t type, RtStringRef string);
+    RtStringRef createOwned(const char *p, size_t n);
+    void flushText(bool beforeReference = false) {
+        if (!fText.empty()) flushPendingText(beforeReference);
+    }
+    void flushPendingText(bool beforeReference);
+    void fail(int status, const std::string &description);
+    void outOfMemory() { fail(XML_ERROR_NO_MEMORY, "out of memory"); }
+
+    XML_Parser fParser;
+    RootNode *fRoot;
+    Document &fDocument;
+    RtOptionFlags fOptions;
+    const ClassEntry *fTreeClass;
+    const ClassEntry *fNodeClass;
+    const RtXMLElementInfo *fPlainInfo;
+    const RtXMLElementInfo *fEmptyInfo;
+    NameTable fNames;
+
+    TreeNode *fCurrent;                  // the open element, or the document node
+    std::vector<TreeNode *> fLastChild;  // last child of each open node, the document first
+    std::string fText;                   // character data not yet made into a node
+    bool fInCDATA = false;
+    int fEntityDeclarations = 0;
+    std::vector<const void *> fKeys;     // scratch for attributes
+    std::vector<const void *> fValues;
+
+    bool fFailed = false;
+    ParseError fError;
+};
+
+TreeBuilder::TreeBuilder(RootNode *root, XML_Parser parser, RtOptionFlags options)
+    : fParser(parser), fRoot(root), fDocument(root->fDocument), fOptions(options),
+      fTreeClass(classEntry(treeTypeID())), fNodeClass(classEntry(xmlNodeTypeID())),
+      fPlainInfo(noAttributesInfo(false)), fEmptyInfo(noAttributesInfo(true)), fNames(root->fDocument),
+      fCurrent(&root->fNode) {
+    fLastChild.reserve(64);
+    fLastChild.push_back(nullptr);
+    fText.reserve(256);
+
+    XML_SetUserData(parser, this);
+    // Parameter entities (and with them any external DTD subset) are never read.
+    XML_SetParamEntityParsing(parser, XML_PARAM_ENTITY_PARSING_NEVER);
+    XML_SetElementHandler(parser, _startElement, _endElement);
+    XML_SetCharacterDataHandler(parser, _characterData);
+    XML_SetCommentHandler(parser, _comment);
+    XML_SetProcessingInstructionHandler(parser, _processingInstruction);
+    XML_SetCdataSectionHandler(parser, _startCDATA, _endCDATA);
+    XML_SetStartDoctypeDeclHandler(parser, _startDoctype);
+    XML_SetEntityDeclHandler(parser, _entityDeclaration);
+    XML_SetExternalEntityRefHandler(parser, _externalEntityReference);
+}
+
+bool TreeBuilder::run(const uint8_t *bytes, size_t length, ParseError &error) {
+    const char *p = bytes ? reinterpret_cast<const char *>(bytes) : "";
+    size_t offset = 0;
+    bool parsed = true;
+    do {
+        size_t chunk = std::min(length - offset, kFeedChunk);
+        bool final = offset + chunk == length;
+        if (XML_Parse(fParser, p + offset, int(chunk), final) != XML_STATUS_OK) {
+            parsed = false;
+            break;
+        }
+        offset += chunk;
+    } while (offset < length);
+
+    if (fFailed) {
+        error = fError;
+        return false;
+    }
+    if (!parsed) {
+        XML_Error code = XML_GetErrorCode(fParser);
+        const XML_LChar *text = XML_ErrorString(code);
+        error.fStatus = int(code);
+        error.fDescription = text ? text : "unknown error";
+        error.fLine = long(XML_GetCurrentLineNumber(fParser));
+        error.fLocation = std::max(0L, long(XML_GetCurrentByteIndex(fParser))); // -1 before any byte
+        return false;
+    }
+    return true;
+}
+
+void TreeBuilder::fail(int status, const std::string &description) {
+    if (fFailed) return;
+    fFailed = true;
+    fError.fStatus = status;
+    fError.fDescription = description;
+    fError.fLine = long(XML_GetCurrentLineNumber(fParser));
+    fError.fLocation = long(XML_GetCurrentByteIndex(fParser));
+    XML_StopParser(fParser, XML_FALSE);
+}
+
+TreeNode *TreeBuilder::appendNode(uint8_t type, RtStringRef string) {
+    auto *n = static_cast<TreeNode *>(fDocument.fArena.allocate(sizeof(TreeNode)));
+    if (!n) {
+        outOfMemory();
+        return nullptr;
+    }
+    initInteriorObject(&n->fTreeHeader, fTreeClass, fRoot);
+    initInteriorObject(&n->fNodeHeader, fNodeClass, fRoot);
+    n->fParent = fCurrent;
+    n->fFirstChild = nullptr;
+    n->fNextSibling = nullptr;
+    n->fString = string;
+    n->fInfo = nullptr;
+    n->fChildCount = 0;
+    n->fType = type;
+    TreeNode *&last = fLastChild.back();
+    if (last)
+        last->fNextSibling = n;
+    else
+        fCurrent->fFirstChild = n;
+    last = n;
+    fCurrent->fChildCount++;
+    return n;
+}
+
+RtStringRef TreeBuilder::createOwned(const char *p, size_t n) {
+    RtStringRef s = createString(p, n);
+    if (!s) {
+        outOfMemory();
+        return nullptr;
+    }
+    fDocument.fOwned.push_back(s);
+    return s;
+}
+
+void TreeBuilder::flushPendingText(bool beforeReference) {
+    if (fInCDATA) return; // a CDATA section collects its text until it ends
+    // Whitespace between markup is dropped under the option; whitespace next to an entity
+    // reference is part of the text ("&lt; &gt;" keeps its space).
+    bool skip = (fOptions & kRtXMLParserSkipWhitespace) && !beforeReference &&
+                !(fLastChild.back() && fLastChild.back()->fType == kRtXMLNodeTypeEntityReference) &&
+                isXMLWhitespace(fText.data(), fText.size());
+    if (!skip) {
+        if (RtStringRef s = createOwned(fText.data(), fText.size())) appendNode(kRtXMLNodeTypeText, s);
+    }
+    fText.clear();
+}
+
+bool TreeBuilder::setAttributes(TreeNode *element, const char **atts) {
+    size_t count = 0;
+    if (fOptions & kRtXMLParserAddImpliedAttributes) {
+        while (atts[count])
+            count += 2;
+    } else {
+        count = size_t(XML_GetSpecifiedAttributeCount(fParser));
+    }
+    if (count == 0) {
+        element->fInfo = fPlainInfo;
+        return true;
+    }
+    fKeys.clear();
+    fValues.clear();
+    for (size_t i = 0; i < count; i += 2) {
+        size_t valueLength = std::strlen(atts[i + 1]);
+        RtStringRef key = fNames.intern(atts[i], std::strlen(atts[i]));
+        RtStringRef value = valueLength <= kInternValueLength ? fNames.intern(atts[i + 1], valueLength)
+                                                              : createOwned(atts[i + 1], valueLength);
+        if (!key || !value) {
+            outOfMemory();
+            return false;
+        }
+        fKeys.push_back(key);
+        fValues.push_back(value);
+    }
+    RtIndex n = RtIndex(fKeys.size());
+    RtDictionaryRef dict = RtDictionaryCreate(kRtAllocatorDefault, fKeys.data(), fValues.data(), n,
+                                              &kRtTypeDictionaryKeyCallBacks, &kRtTypeDictionaryValueCallBacks);
+    if (dict) fDocument.fOwned.push_back(dict);
+    RtArrayRef order = RtArrayCreate(kRtAllocatorDefault, fKeys.data(), n, &kRtTypeArrayCallBacks);
+    if (order) fDocument.fOwned.push_back(order);
+    auto *info = static_cast<RtXMLElementInfo *>(fDocument.fArena.allocate(sizeof(RtXMLElementInfo)));
+    if (!dict || !order || !info) {
+        outOfMemory();
+        return false;
+    }
+    *info = RtXMLElementInfo{dict, order, false, {}};
+    element->fInfo = info;
+    return true;
+}
+
+void TreeBuilder::startElement(const char *name, const char **atts) {
+    flushText();
+    if (fLastChild.size() > kRtXMLTreeMaxDepth) {
+        fail(kRtXMLTreeStatusNestingTooDeep,
+             "elements nested deeper than " + std::to_string(kRtXMLTreeMaxDepth) + " levels");
+        return;
+    }
+    RtStringRef s = fNames.intern(name, std::strlen(name));
+    if (!s) {
+        outOfMemory();
+        return;
+    }
+    TreeNode *n = appendNode(kRtXMLNodeTypeElement, s);
+    if (!n) return;
+    if (atts[0]) {
+        if (!setAttributes(n, atts)) return;
+    } else {
+        n->fInfo = fPlainInfo;
+    }
+    fCurrent = n;
+    fLastChild.push_back(nullptr);
+}
+
+void TreeBuilder::endElement() {
+    flushText();
+    TreeNode *n = fCurrent;
+    // The end of an element written <x/> is an event of no bytes of its own.
+    if (XML_GetCurrentByteCount(fParser) == 0) {
+        if (n->fInfo == fPlainInfo)
+            n->fInfo = fEmptyInfo;
+        else
+            const_cast<RtXMLElementInfo *>(static_cast<const RtXMLElementInfo *>(n->fInfo))->isEmpty = true;
+    }
+    fCurrent = n->fParent;
+    fLastChild.pop_back();
+}
+
+// A predefined entity reference reaches us as one character in a call of its own; its raw
+// bytes tell it from the same character written as is, as a character reference, or coming
+// out of a declared entity (whose raw bytes are the reference to that entity).
+bool TreeBuilder::predefinedReference(char c) {
+    struct Entry {
+        char fCharacter;
+        const char *fName;
+        RtStringRef fString;
+    };
+    static const Entry sEntries[] = {
+        {'&', "amp", RTSTR("amp")},    {'<', "lt", RTSTR("lt")},       {'>', "gt", RTSTR("gt")},
+        {'"', "quot", RTSTR("quot")}, {'\'', "apos", RTSTR("apos")},
+    };
+    for (const Entry &entry : sEntries) {
+        if (entry.fCharacter != c) continue;
+        int count = XML_GetCurrentByteCount(fParser);
+        int offset = 0, size = 0;
+        const char *context = count > 0 ? XML_GetInputContext(fParser, &offset, &size) : nullptr;
+        if (!context || offset < 0 || count > size - offset) return false;
+        if (!rawIsReference(context + offset, count, entry.fName, std::strlen(entry.fName))) return false;
+        flushText(true);
+        appendNode(kRtXMLNodeTypeEntityReference, entry.fString);
+        return true;
+    }
+    return false;
+}
+
+void TreeBuilder::characterData(const char *s, int len) {
+    if (len == 1 && !fInCDATA && predefinedReference(s[0])) return;
+    fText.append(s, size_t(len));
+}
+
+void TreeBuilder::comment(const char *text) {
+    flushText();
+    if (RtStringRef s = createOwned(text, std::strlen(text))) appendNode(kRtXMLNodeTypeComment, s);
+}
+
+void TreeBuilder::processingInstruction(const char *target, const char *text) {
+    flushText();
+    RtStringRef name = fNames.intern(target, std::strlen(target));
+    RtStringRef data = name ? createOwned(text, std::strlen(text)) : nullptr;
+    auto *slot = static_cast<RtStringRef *>(fDocument.fArena.allocate(sizeof(RtStringRef)));
+    if (!name || !data || !slot) {
+        outOfMemory();
+        return;
+    }
+    *slot = data;
+    if (TreeNode *n = appendNode(kRtXMLNodeTypeProcessingInstruction, name)) n->fInfo = slot;
+}
+
+void TreeBuilder::startCDATA() {
+    flushText();
+    fInCDATA = true;
+}
+
+void TreeBuilder::endCDATA() {
+    fInCDATA = false;
+    if (RtStringRef s = createOwned(fText.data(), fText.size())) appendNode(kRtXMLNodeTypeCDATASection, s);
+    fText.clear();
+}
+
+void TreeBuilder::startDoctype(const char *name) {
+    if (fOptions & kRtXMLParserSkipMetaData) return;
+    RtStringRef s = fNames.intern(name, std::strlen(name));
+    if (!s) {
+        outOfMemory();
+        return;
+    }
+    appendNode(kRtXMLNodeTypeDocumentType, s);
+}
+
+void TreeBuilder::entityDeclaration() {
+    // expat expands nested entities recursively; bounding the declarations bounds the depth.
+    if (++fEntityDeclarations > kRtXMLTreeMaxEntityDeclarations)
+        fail(kRtXMLTreeStatusTooManyEntities,
+             "more than " + std::to_string(kRtXMLTreeMaxEntityDeclarations) + " entity declarations");
+}
+
+#define HANDLER_BODY(call)                                                                                             \
+    auto *b = static_cast<TreeBuilder *>(data);                                                                        \
+    if (b->fFailed) return;                                                                                            \
+    try {                                                                                                              \
+        call;                                                                                                          \
+    } catch (...) {                                                                                                    \
+        b->outOfMemory();                                                                                              \
+    }
+
+void XMLCALL TreeBuilder::_startElement(void *data, const XML_Char *name, const XML_Char **atts) {
+    HANDLER_BODY(b->startElement(name, atts))
+}
+void XMLCALL TreeBuilder::_endElement(void *data, const XML_Char *) {
+    HANDLER_BODY(b->endElement())
+}
+void XMLCALL TreeBuilder::_characterData(void *data, const XML_Char *s, int len) {
+    HANDLER_BODY(b->characterData(s, len))
+}
+void XMLCALL TreeBuilder::_comment(void *data, const XML_Char *text) {
+    HANDLER_BODY(b->comment(text))
+}
+void XMLCALL TreeBuilder::_processingInstruction(void *data, const XML_Char *target, const XML_Char *text) {
+    HANDLER_BODY(b->processingInstruction(target, text))
+}
+void XMLCALL TreeBuilder::_startCDATA(void *data) {
+    HANDLER_BODY(b->startCDATA())
+}
+void XMLCALL TreeBuilder::_endCDATA(void *data) {
+    HANDLER_BODY(b->endCDATA())
+}
+void XMLCALL TreeBuilder::_startDoctype(void *data, const XML_Char *name, const XML_Char *, const XML_Char *, int) {
+    HANDLER_BODY(b->startDoctype(name))
+}
+void XMLCALL TreeBuilder::_entityDeclaration(void *data, const XML_Char *, int, const XML_Char *, int,
+                                             const XML_Char *, const XML_Char *, const XML_Char *,
+                                             const XML_Char *) {
+    HANDLER_BODY(b->entityDeclaration())
+}
+
+#undef HANDLER_BODY
+
+int XMLCALL TreeBuilder::_externalEntityReference(XML_Parser parser, const XML_Char *, const XML_Char *,
+                                                  const XML_Char *, const XML_Char *) {
+    // Nothing is ever loaded: the reference fails the parse instead of silently vanishing.
+    auto *b = static_cast<TreeBuilder *>(XML_GetUserData(parser));
+    b->fail(XML_ERROR_EXTERNAL_ENTITY_HANDLING, "reference to an external entity (external entities are never read)");
+    return XML_STATUS_ERROR;
+}
+
+} // namespace
+
+bool buildTree(RootNode *root, const InputPlan &plan, RtOptionFlags options, ParseError &error) {
+    XML_Parser parser = XML_ParserCreate(plan.fExpatEncoding);
+    if (!parser) {
+        error.fStatus = XML_ERROR_NO_MEMORY;
+        error.fDescription = "out of memory";
+        return false;
+    }
+    bool built;
+    {
+        TreeBuilder builder(root, parser, options);
+        built = builder.run(plan.fBytes, plan.fLength, error);
+    }
+    XML_ParserFree(parser);
+    return built;
+}
+
+} // namespace rt::xml

@@ -1,0 +1,369 @@
+// XML trees: the shapes documents take (entities, CDATA, comments, PIs, empty elements,
+// attribute order, whitespace), navigation and ownership, error dictionaries, charsets, and the
+// limits that keep hostile documents harmless (depth, entities, external files).
+#include "DocumentGenerator.h"
+#include "RtValueTestSupport.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <unistd.h>
+
+using namespace rttest;
+
+namespace {
+
+class XMLTreeTests : public LeakChecked {};
+
+RtDataRef dataOf(const std::string &bytes) {
+    return RtDataCreate(kRtAllocatorDefault, reinterpret_cast<const uint8_t *>(bytes.data()), RtIndex(bytes.size()));
+}
+
+RtTreeRef parse(const std::string &bytes, RtOptionFlags options = kRtXMLParserAllOptions) {
+    RtDataRef data = dataOf(bytes);
+    RtTreeRef tree = RtXMLTreeCreateFromData(kRtAllocatorDefault, data, nullptr, options, 1);
+    RtRelease(data);
+    return tree;
+}
+
+// The failure of a document that must not parse: "status|line|location|description".
+std::string failure(const std::string &bytes, RtStringEncoding encoding = kRtStringEncodingInvalidId) {
+    RtDataRef data = dataOf(bytes);
+    RtDictionaryRef error = reinterpret_cast<RtDictionaryRef>(uintptr_t(1)); // must be overwritten
+    RtTreeRef tree = encoding == kRtStringEncodingInvalidId
+                         ? RtXMLTreeCreateFromDataWithError(nullptr, data, nullptr, kRtXMLParserAllOptions, 1, &error)
+                         : RtXMLTreeCreateFromDataWithEncoding(nullptr, data, encoding, kRtXMLParserAllOptions, &error);
+    RtRelease(data);
+    if (tree) {
+        RtRelease(tree);
+        return "parsed";
+    }
+    if (!error) return "no error dictionary";
+    auto number = [&](RtStringRef key) {
+        long value = -99;
+        RtNumberGetValue(static_cast<RtNumberRef>(RtDictionaryGetValue(error, key)), kRtNumberLongType, &value);
+        return std::to_string(value);
+    };
+    std::string s = number(kRtXMLTreeErrorStatusCode) + "|" + number(kRtXMLTreeErrorLineNumber) + "|" +
+                    number(kRtXMLTreeErrorLocation) + "|" +
+                    text(static_cast<RtStringRef>(RtDictionaryGetValue(error, kRtXMLTreeErrorDescription)));
+    RtRelease(error);
+    return s;
+}
+
+std::string status(const std::string &result) {
+    return result.substr(0, result.find('|'));
+}
+
+const RtXMLElementInfo *infoOf(RtTreeRef t) {
+    return static_cast<const RtXMLElementInfo *>(RtXMLNodeGetInfoPtr(RtXMLTreeGetNode(t)));
+}
+
+// A compact picture of a subtree: element name{attributes in order}, "/" for <x/>, [children];
+// 'text', &ref;, CDATA'..', !'comment', ?target'data', DOCTYPE name.
+std::string shape(RtTreeRef t) {
+    RtXMLNodeRef node = RtXMLTreeGetNode(t);
+    std::string s;
+    switch (RtXMLNodeGetTypeCode(node)) {
+    case kRtXMLNodeTypeDocument: s = "#doc"; break;
+    case kRtXMLNodeTypeElement: {
+        s = text(RtXMLNodeGetString(node));
+        const RtXMLElementInfo *info = infoOf(t);
+        RtIndex n = RtArrayGetCount(info->attributeOrder);
+        EXPECT_EQ(n, RtDictionaryGetCount(info->attributes));
+        for (RtIndex i = 0; i < n; i++) {
+            auto key = static_cast<RtStringRef>(RtArrayGetValueAtIndex(info->attributeOrder, i));
+            s += (i ? "," : "{") + text(key) + "=" +
+                 text(static_cast<RtStringRef>(RtDictionaryGetValue(info->attributes, key)));
+        }
+        if (n) s += "}";
+        if (info->isEmpty) s += "/";
+        break;
+    }
+    case kRtXMLNodeTypeText: s = "'" + text(RtXMLNodeGetString(node)) + "'"; break;
+    case kRtXMLNodeTypeEntityReference: s = "&" + text(RtXMLNodeGetString(node)) + ";"; break;
+    case kRtXMLNodeTypeCDATASection: s = "CDATA'" + text(RtXMLNodeGetString(node)) + "'"; break;
+    case kRtXMLNodeTypeComment: s = "!'" + text(RtXMLNodeGetString(node)) + "'"; break;
+    case kRtXMLNodeTypeProcessingInstruction:
+        s = "?" + text(RtXMLNodeGetString(node)) + "'" +
+            text(*static_cast<const RtStringRef *>(RtXMLNodeGetInfoPtr(node))) + "'";
+        break;
+    case kRtXMLNodeTypeDocumentType: s = "DOCTYPE " + text(RtXMLNodeGetString(node)); break;
+    default: s = "?type" + std::to_string(RtXMLNodeGetTypeCode(node));
+    }
+    if (RtTreeRef child = RtTreeGetFirstChild(t)) {
+        s += "[";
+        for (; child; child = RtTreeGetNextSibling(child))
+            s += shape(child) + (RtTreeGetNextSibling(child) ? " " : "");
+        s += "]";
+    }
+    return s;
+}
+
+std::string shapeOf(const std::string &bytes, RtOptionFlags options = kRtXMLParserAllOptions) {
+    RtTreeRef tree = parse(bytes, options);
+    if (!tree) return "failed: " + failure(bytes);
+    std::string s = shape(tree);
+    RtRelease(tree);
+    return s;
+}
+
+// The document in UTF-16 with a byte-order mark (ASCII and two-byte UTF-8 letters only).
+std::string utf16(const std::string &utf8, bool bigEndian) {
+    std::string out = bigEndian ? "\xFE\xFF" : "\xFF\xFE";
+    for (size_t i = 0; i < utf8.size(); i++) {
+        unsigned c = uint8_t(utf8[i]);
+        if (c >= 0xC0) c = ((c & 0x1F) << 6) | (uint8_t(utf8[++i]) & 0x3F);
+        char hi = char(c >> 8), lo = char(c & 0xFF);
+        out += bigEndian ? std::string{hi, lo} : std::string{lo, hi};
+    }
+    return out;
+}
+
+TEST_F(XMLTreeTests, TrickyDocumentsTakeTheirShape) {
+    // Predefined entities stay references; character references merge into the text around them.
+    EXPECT_EQ(shapeOf("<a>x &amp; y&#65;&#x42;z&lt;&gt;&quot;&apos;</a>"),
+              "#doc[a['x ' &amp; ' yABz' &lt; &gt; &quot; &apos;]]");
+    // Whitespace beside a reference is text; between markup it is dropped under the option.
+    EXPECT_EQ(shapeOf("<a> <b/> &lt; &gt;<c/> </a>"), "#doc[a[b/ ' ' &lt; ' ' &gt; c/]]");
+    // CDATA keeps markup and entities literally, even whitespace-only; comments and PIs are nodes.
+    EXPECT_EQ(shapeOf("<?xml version='1.0'?><!--head--><?app do it?><a><![CDATA[<b>&amp;]]><![CDATA[ ]]>"
+                      "<!--in--><?t?></a>"),
+              "#doc[!'head' ?app'do it' a[CDATA'<b>&amp;' CDATA' ' !'in' ?t'']]");
+    // Only <x/> is empty; <x></x> is not, nor an element holding whitespace that was dropped.
+    EXPECT_EQ(shapeOf("<r><x/><x></x><x> </x><x a='1'/><x a='1'></x></r>"), "#doc[r[x/ x x x{a=1}/ x{a=1}]]");
+    // Names keep their prefixes and xmlns attributes stay attributes, in document order.
+    EXPECT_EQ(shapeOf("<SOAP-ENV:Envelope xmlns:SOAP-ENV='urn:e' z='1' a=\"2\" xmlns='urn:d' m:q='&amp;&#65;&lt;'>"
+                      "<SOAP-ENV:Body/></SOAP-ENV:Envelope>"),
+              "#doc[SOAP-ENV:Envelope{xmlns:SOAP-ENV=urn:e,z=1,a=2,xmlns=urn:d,m:q=&A<}[SOAP-ENV:Body/]]");
+    // Non-ASCII names and text, and a long text made of many pieces.
+    std::string longText(100000, 'w');
+    EXPECT_EQ(shapeOf("<pr\xC3\xA9nom v='\xE6\x97\xA5'>caf\xC3\xA9 \xE2\x82\xAC</pr\xC3\xA9nom>"),
+              "#doc[pr\xC3\xA9nom{v=\xE6\x97\xA5}['caf\xC3\xA9 \xE2\x82\xAC']]");
+    EXPECT_EQ(shapeOf("<a>\n" + longText + "\n" + longText + "</a>"), "#doc[a['\n" + longText + "\n" + longText + "']]");
+}
+
+TEST_F(XMLTreeTests, WhitespaceDeclaredEntitiesAndOptions) {
+    const std::string doc = "<!DOCTYPE r [<!ENTITY e 'q&amp;r<i/>'><!ATTLIST r d CDATA 'dflt'>]>\n"
+                            "<r>\n  <s> </s>\n  <t> x </t>&e;&#32;</r>";
+    // All options: whitespace-only text dropped, no doctype node, defaulted attributes added.
+    // Inside a declared entity a predefined reference is text, and <i/> is not marked empty
+    // (expat shows no bytes of its own for what an entity expands to).
+    EXPECT_EQ(shapeOf(doc), "#doc[r{d=dflt}[s t[' x '] 'q&r' i]]");
+    EXPECT_EQ(shapeOf(doc, kRtXMLParserNoOptions),
+              "#doc[DOCTYPE r r['\n  ' s[' '] '\n  ' t[' x '] 'q&r' i ' ']]");
+}
+
+TEST_F(XMLTreeTests, NavigationAndOwnership) {
+    RtTreeRef root = parse("<?xml version='1.0'?><r><a>1</a><b/><c>3</c></r>");
+    ASSERT_TRUE(root);
+    EXPECT_EQ(RtGetTypeID(root), RtTreeGetTypeID());
+    EXPECT_EQ(RtXMLNodeGetTypeCode(RtXMLTreeGetNode(root)), kRtXMLNodeTypeDocument);
+    EXPECT_EQ(RtXMLNodeGetString(RtXMLTreeGetNode(root)), nullptr);
+    EXPECT_EQ(RtTreeGetParent(root), nullptr);
+
+    RtTreeRef r = RtTreeGetFirstChild(root);
+    EXPECT_EQ(RtTreeGetChildCount(root), 1);
+    EXPECT_EQ(RtTreeGetParent(r), root);
+    EXPECT_EQ(RtTreeGetChildCount(r), 3);
+    RtTreeRef c = RtTreeGetChildAtIndex(r, 2);
+    EXPECT_EQ(text(RtXMLNodeGetString(RtXMLTreeGetNode(c))), "c");
+    EXPECT_EQ(RtTreeGetNextSibling(c), nullptr);
+    EXPECT_EQ(RtTreeGetChildAtIndex(r, 3), nullptr);
+    EXPECT_EQ(RtTreeGetChildAtIndex(r, -1), nullptr);
+    EXPECT_EQ(RtTreeGetChildAtIndex(r, 1), RtTreeGetNextSibling(RtTreeGetFirstChild(r)));
+    RtXMLNodeRef node = RtXMLTreeGetNode(c);
+    EXPECT_EQ(RtGetTypeID(node), RtXMLNodeGetTypeID());
+    EXPECT_EQ(RtXMLNodeGetVersion(node), 1);
+
+    // Any position or node keeps the whole document alive, and shares its count.
+    RtTreeRef text3 = RtTreeGetFirstChild(c);
+    RtRetain(text3);
+    RtRetain(node);
+    EXPECT_EQ(RtGetRetainCount(root), 3);
+    EXPECT_EQ(RtGetRetainCount(text3), 3);
+    RtRelease(root);
+    RtRelease(node);
+    EXPECT_EQ(text(RtXMLNodeGetString(RtXMLTreeGetNode(text3))), "3");
+    RtTreeRef up = RtTreeGetParent(RtTreeGetParent(RtTreeGetParent(text3)));
+    EXPECT_EQ(RtXMLNodeGetTypeCode(RtXMLTreeGetNode(up)), kRtXMLNodeTypeDocument);
+    EXPECT_EQ(shape(up), "#doc[r[a['1'] b/ c['3']]]");
+    // Strings handed out are the tree's own but outlive it when retained.
+    RtStringRef name = static_cast<RtStringRef>(RtRetain(RtXMLNodeGetString(RtXMLTreeGetNode(RtTreeGetParent(text3)))));
+    RtRelease(text3); // the document dies here
+    EXPECT_EQ(text(name), "c");
+    RtRelease(name);
+
+    // NULL and foreign objects are refused, not followed.
+    EXPECT_EQ(RtTreeGetFirstChild(nullptr), nullptr);
+    EXPECT_EQ(RtTreeGetChildCount(nullptr), 0);
+    EXPECT_EQ(RtXMLTreeGetNode(reinterpret_cast<RtTreeRef>(const_cast<void *>(static_cast<const void *>(RTSTR("x"))))),
+              nullptr);
+    EXPECT_EQ(RtXMLNodeGetTypeCode(nullptr), 0);
+    EXPECT_EQ(RtXMLNodeGetInfoPtr(nullptr), nullptr);
+}
+
+TEST_F(XMLTreeTests, GeneratedXMLRPCReplyReadsBack) {
+    const size_t records = 40;
+    RtTreeRef root = parse(hvtest::xmlrpcReply(records));
+    ASSERT_TRUE(root);
+    // methodResponse/params/param/value/array/data holds one value per record.
+    RtTreeRef data = RtTreeGetFirstChild(root);
+    for (int i = 0; i < 5; i++)
+        data = RtTreeGetFirstChild(data);
+    EXPECT_EQ(text(RtXMLNodeGetString(RtXMLTreeGetNode(data))), "data");
+    ASSERT_EQ(RtTreeGetChildCount(data), RtIndex(records));
+    size_t i = 0;
+    for (RtTreeRef value = RtTreeGetFirstChild(data); value; value = RtTreeGetNextSibling(value), i++) {
+        hvtest::XMLRPCRecord rec = hvtest::xmlrpcRecord(i);
+        RtTreeRef member = RtTreeGetChildAtIndex(RtTreeGetFirstChild(value), 1); // the name member
+        RtTreeRef string = RtTreeGetFirstChild(RtTreeGetFirstChild(RtTreeGetChildAtIndex(member, 1)));
+        std::string joined; // the library joins text and decoded entity references the same way
+        for (RtTreeRef piece = string; piece; piece = RtTreeGetNextSibling(piece)) {
+            RtXMLNodeRef n = RtXMLTreeGetNode(piece);
+            std::string s = text(RtXMLNodeGetString(n));
+            if (RtXMLNodeGetTypeCode(n) == kRtXMLNodeTypeEntityReference)
+                s = s == "amp" ? "&" : s == "lt" ? "<" : s == "gt" ? ">" : s == "quot" ? "\"" : "'";
+            joined += s;
+        }
+        EXPECT_EQ(joined, rec.name) << "record " << i;
+    }
+    RtRelease(root);
+}
+
+TEST_F(XMLTreeTests, ErrorDictionaries) {
+    EXPECT_EQ(failure("<a>\n<b>\n</a>"), "7|3|10|mismatched tag");
+    EXPECT_EQ(failure(""), "3|1|0|no element found");
+    EXPECT_EQ(failure("<a>&undefined;</a>"), "11|1|3|undefined entity");
+    EXPECT_EQ(failure("<a></a><b/>"), "9|1|7|junk after document element");
+    EXPECT_EQ(status(failure("<a x='1' x='2'/>")), "8");
+    EXPECT_EQ(status(failure("<?xml version='1.0' encoding='x-no-such-charset'?><a/>")), "18");
+
+    // NULL data is an error too; a NULL out-parameter is allowed; success clears it.
+    RtDictionaryRef error = nullptr;
+    EXPECT_EQ(RtXMLTreeCreateFromDataWithError(nullptr, nullptr, nullptr, 0, 1, &error), nullptr);
+    ASSERT_TRUE(error);
+    EXPECT_EQ(text(static_cast<RtStringRef>(RtDictionaryGetValue(error, kRtXMLTreeErrorDescription))),
+              "no element found");
+    RtRelease(error);
+    RtDataRef bad = dataOf("<a>");
+    EXPECT_EQ(RtXMLTreeCreateFromDataWithError(nullptr, bad, nullptr, 0, 1, nullptr), nullptr);
+    RtRelease(bad);
+    RtDataRef good = dataOf("<a/>");
+    RtTreeRef tree = RtXMLTreeCreateFromDataWithError(nullptr, good, nullptr, 0, 1, &error);
+    EXPECT_TRUE(tree);
+    EXPECT_EQ(error, nullptr);
+    RtRelease(tree);
+    RtRelease(good);
+}
+
+TEST_F(XMLTreeTests, Charsets) {
+    // Read by expat itself: ISO Latin 1 and UTF-16 with either byte-order mark.
+    EXPECT_EQ(shapeOf("<?xml version='1.0' encoding='ISO-8859-1'?><a v='\xE9'>caf\xE9</a>"),
+              "#doc[a{v=\xC3\xA9}['caf\xC3\xA9']]");
+    const std::string doc16 = "<?xml version='1.0' encoding='UTF-16'?><a>Gr\xC3\xBC\xC3\x9F" "e &amp; \xC3\xA9</a>";
+    EXPECT_EQ(shapeOf(utf16(doc16, false)), "#doc[a['Gr\xC3\xBC\xC3\x9F" "e ' &amp; ' \xC3\xA9']]");
+    EXPECT_EQ(shapeOf(utf16(doc16, true)), "#doc[a['Gr\xC3\xBC\xC3\x9F" "e ' &amp; ' \xC3\xA9']]");
+
+    // Through ICU: windows-1252 (euro sign, curly quotes), KOI8-R, an alias of ASCII.
+    EXPECT_EQ(shapeOf("<?xml version=\"1.0\" encoding=\"windows-1252\"?><a>\x80 \x93q\x94 &amp;</a>"),
+              "#doc[a['\xE2\x82\xAC \xE2\x80\x9Cq\xE2\x80\x9D ' &amp;]]");
+    EXPECT_EQ(shapeOf("<?xml version='1.0' encoding='KOI8-R'?>\n<a n='\xF0\xD2\xC9\xD7\xC5\xD4'/>"),
+              "#doc[a{n=\xD0\x9F\xD1\x80\xD0\xB8\xD0\xB2\xD0\xB5\xD1\x82}/]");
+    EXPECT_EQ(shapeOf("<?xml version='1.0' encoding='ascii'?><a>plain</a>"), "#doc[a['plain']]");
+    // UTF-32 with a byte-order mark.
+    std::string doc32 = std::string("\xFF\xFE\0\0", 4);
+    for (char c : std::string("<a>ok</a>"))
+        doc32 += std::string{c, 0, 0, 0};
+    EXPECT_EQ(shapeOf(doc32), "#doc[a['ok']]");
+
+    // A caller-given encoding overrides the declaration, natively or through ICU.
+    RtDataRef data = dataOf("<?xml version='1.0' encoding='UTF-8'?><a>\xE9\x80</a>");
+    RtTreeRef tree = RtXMLTreeCreateFromDataWithEncoding(nullptr, data, kRtStringEncodingWindowsLatin1, 0, nullptr);
+    ASSERT_TRUE(tree);
+    EXPECT_EQ(shape(tree), "#doc[a['\xC3\xA9\xE2\x82\xAC']]");
+    RtRelease(tree);
+    tree = RtXMLTreeCreateFromDataWithEncoding(nullptr, data, kRtStringEncodingISOLatin1, 0, nullptr);
+    ASSERT_TRUE(tree);
+    EXPECT_EQ(shape(tree), "#doc[a['\xC3\xA9\xC2\x80']]");
+    RtRelease(tree);
+    RtRelease(data);
+
+    // Bytes that the charset does not allow fail with where they are.
+    EXPECT_EQ(failure("<?xml version='1.0' encoding='ISO-8859-6'?>\n<a>\xA1</a>"),
+              "1003|2|47|bytes not valid in the document's charset \"ISO-8859-6\"");
+    EXPECT_EQ(status(failure("<?xml version='1.0' encoding='US-ASCII'?><a>\xE9</a>")), "4");
+    EXPECT_EQ(status(failure("<?xml version='1.0' encoding='UTF-8'?><a>\xE9</a>")), "4");
+    EXPECT_EQ(status(failure("<a/>", RtStringEncoding(0x7777))), "18");
+}
+
+TEST_F(XMLTreeTests, DepthLimit) {
+    auto nested = [](size_t depth) {
+        std::string s;
+        for (size_t i = 0; i < depth; i++)
+            s += "<e>";
+        for (size_t i = 0; i < depth; i++)
+            s += "</e>";
+        return s;
+    };
+    RtTreeRef tree = parse(nested(kRtXMLTreeMaxDepth));
+    ASSERT_TRUE(tree);
+    size_t depth = 0;
+    for (RtTreeRef t = RtTreeGetFirstChild(tree); t; t = RtTreeGetFirstChild(t))
+        depth++;
+    EXPECT_EQ(depth, size_t(kRtXMLTreeMaxDepth));
+    RtRelease(tree);
+    EXPECT_EQ(failure(nested(kRtXMLTreeMaxDepth + 1)), "1001|1|1536|elements nested deeper than 512 levels");
+    // Far deeper input fails the same way, at once, whatever the stack.
+    EXPECT_EQ(status(failure(nested(1000000))), "1001");
+}
+
+TEST_F(XMLTreeTests, ExternalEntitiesAreNeverRead) {
+    char path[] = "/tmp/rtxmltree-secret-XXXXXX";
+    int fd = mkstemp(path);
+    ASSERT_GE(fd, 0);
+    const std::string secret = "TOPSECRET";
+    ASSERT_EQ(write(fd, secret.data(), secret.size()), ssize_t(secret.size()));
+    close(fd);
+    const std::string url = std::string("file://") + path;
+
+    // A general external entity used in content fails the parse instead of loading the file.
+    EXPECT_EQ(status(failure("<!DOCTYPE r [<!ENTITY x SYSTEM '" + url + "'>]><r>&x;</r>")), "21");
+    EXPECT_EQ(status(failure("<!DOCTYPE r [<!ENTITY x SYSTEM 'file:///etc/passwd'>]><r>&x;</r>")), "21");
+    // External DTD subsets and parameter entities are not read either: nothing of the file shows.
+    for (const std::string &doc : {"<!DOCTYPE r SYSTEM '" + url + "'><r>&secret;</r>",
+                                   "<!DOCTYPE r [<!ENTITY % p SYSTEM '" + url + "'> %p;]><r>a</r>"}) {
+        RtTreeRef tree = parse(doc, kRtXMLParserAllOptions);
+        std::string s = tree ? shape(tree) : failure(doc);
+        EXPECT_EQ(s.find(secret), std::string::npos) << s;
+        RtRelease(tree);
+    }
+    unlink(path);
+}
+
+TEST_F(XMLTreeTests, EntityExpansionStaysBounded) {
+    // The classic "billion laughs": ten levels of tenfold references.
+    std::string laughs = "<!DOCTYPE lolz [<!ENTITY lol0 'lol'>";
+    for (int i = 1; i <= 10; i++) {
+        laughs += "<!ENTITY lol" + std::to_string(i) + " '";
+        for (int k = 0; k < 10; k++)
+            laughs += "&lol" + std::to_string(i - 1) + ";";
+        laughs += "'>";
+    }
+    laughs += "]><lolz>&lol10;</lolz>";
+    EXPECT_EQ(status(failure(laughs)), "43"); // expat's amplification limit
+
+    // A chain of entities as long as the limit allows expands (expat recurses once per level);
+    // one declaration more is refused before anything expands.
+    auto chain = [](int n) {
+        std::string s = "<!DOCTYPE r [<!ENTITY e0 'x'>";
+        for (int i = 1; i < n; i++)
+            s += "<!ENTITY e" + std::to_string(i) + " '&e" + std::to_string(i - 1) + ";'>";
+        return s + "]><r a='&e" + std::to_string(n - 1) + ";'>&e" + std::to_string(n - 1) + ";</r>";
+    };
+    EXPECT_EQ(shapeOf(chain(kRtXMLTreeMaxEntityDeclarations)), "#doc[r{a=x}['x']]");
+    EXPECT_EQ(status(failure(chain(kRtXMLTreeMaxEntityDeclarations + 1))), "1002");
+    EXPECT_EQ(status(failure(chain(100000))), "1002");
+}
+
+} // namespace
