@@ -33,7 +33,7 @@ RT_EXPORT RtArrayRef RtArrayCreate(RtAllocatorRef alloc, const void **values, Rt
                                    const RtArrayCallBacks *callBacks);
 /* An immutable copy with the same callbacks (values retained, not copied). */
 RT_EXPORT RtArrayRef RtArrayCreateCopy(RtAllocatorRef alloc, RtArrayRef array);
-/* capacity 0 means unlimited. */
+/* capacity is a size hint (0: none); the contents still grow past it. */
 RT_EXPORT RtMutableArrayRef RtArrayCreateMutable(RtAllocatorRef alloc, RtIndex capacity,
                                                  const RtArrayCallBacks *callBacks);
 RT_EXPORT RtMutableArrayRef RtArrayCreateMutableCopy(RtAllocatorRef alloc, RtIndex capacity, RtArrayRef array);

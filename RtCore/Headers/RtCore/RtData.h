@@ -18,7 +18,7 @@ RT_EXPORT RtDataRef RtDataCreate(RtAllocatorRef alloc, const uint8_t *bytes, RtI
 RT_EXPORT RtDataRef RtDataCreateWithBytesNoCopy(RtAllocatorRef alloc, const uint8_t *bytes, RtIndex length,
                                                 RtAllocatorRef bytesDeallocator);
 RT_EXPORT RtDataRef RtDataCreateCopy(RtAllocatorRef alloc, RtDataRef data);
-/* capacity 0 means unlimited. */
+/* capacity is a size hint (0: none); the contents still grow past it. */
 RT_EXPORT RtMutableDataRef RtDataCreateMutable(RtAllocatorRef alloc, RtIndex capacity);
 RT_EXPORT RtMutableDataRef RtDataCreateMutableCopy(RtAllocatorRef alloc, RtIndex capacity, RtDataRef data);
 

@@ -48,7 +48,7 @@ RT_EXPORT RtDictionaryRef RtDictionaryCreate(RtAllocatorRef alloc, const void **
                                              RtIndex numValues, const RtDictionaryKeyCallBacks *keyCallBacks,
                                              const RtDictionaryValueCallBacks *valueCallBacks);
 RT_EXPORT RtDictionaryRef RtDictionaryCreateCopy(RtAllocatorRef alloc, RtDictionaryRef dict);
-/* capacity 0 means unlimited. */
+/* capacity is a size hint (0: none); the contents still grow past it. */
 RT_EXPORT RtMutableDictionaryRef RtDictionaryCreateMutable(RtAllocatorRef alloc, RtIndex capacity,
                                                            const RtDictionaryKeyCallBacks *keyCallBacks,
                                                            const RtDictionaryValueCallBacks *valueCallBacks);
