@@ -119,7 +119,7 @@ RtMutableStringRef entityEncodeString(RtStringRef text);
 // ---- Reading XML ----------------------------------------------------------------------------
 
 // From the "Content-Type" header: possiblyContainsXML when it starts with "text/" (or is
-// absent), knownXML when it holds "/xml" in any case.
+// absent), knownXML when it holds "/xml" or "+xml" in any case.
 void checkForXMLContent(RtHTTPMessageRef message, bool *knownXML, bool *possiblyContainsXML);
 
 // The encoding named by the "charset=" parameter of "Content-Type"; UTF-8 when there is no

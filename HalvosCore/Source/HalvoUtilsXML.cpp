@@ -25,7 +25,9 @@ void checkForXMLContent(RtHTTPMessageRef message, bool *knownXML, bool *possibly
     }
     // The prefix test is case-sensitive, the "/xml" test is not; both deliberately so.
     *possiblyContainsXML = RtStringHasPrefix(type, RTSTR("text/"));
-    *knownXML = RtStringFind(type, RTSTR("/xml"), kRtCompareCaseInsensitive).location != kRtNotFound;
+    // Types with the "+xml" suffix (application/soap+xml) are XML as well as the "/xml" ones.
+    *knownXML = RtStringFind(type, RTSTR("/xml"), kRtCompareCaseInsensitive).location != kRtNotFound ||
+                RtStringFind(type, RTSTR("+xml"), kRtCompareCaseInsensitive).location != kRtNotFound;
     RtRelease(type);
 }
 
@@ -116,10 +118,20 @@ RtTreeRef parseXML(RtDataRef xmlData, bool forceXML, RtStringEncoding charset, R
         *errorString = RtStringCreateCopy(kRtAllocatorDefault, RTSTR("No valid XML data in response"));
         return nullptr;
     }
-    if (offset > 0) {
-        // Whatever came before the declaration is skipped through a view, without copying.
-        madeData = RtDataCreateWithBytesNoCopy(kRtAllocatorDefault, RtDataGetBytePtr(xmlData) + offset,
-                                               RtDataGetLength(xmlData) - offset, kRtAllocatorNull);
+    if (!madeData) {
+        const uint8_t *start = RtDataGetBytePtr(xmlData) + offset;
+        RtIndex length = RtDataGetLength(xmlData) - offset;
+        if (memcmp(start + 2, "xml", 3) != 0) {
+            // The declaration was found in any letter case, but the parser accepts it only in
+            // lower case: parse a copy with the three letters lowered.
+            RtMutableDataRef copy = RtDataCreateMutable(kRtAllocatorDefault, 0);
+            RtDataAppendBytes(copy, start, length);
+            memcpy(RtDataGetMutableBytePtr(copy) + 2, "xml", 3);
+            madeData = copy;
+        } else if (offset > 0) {
+            // Whatever came before the declaration is skipped through a view, without copying.
+            madeData = RtDataCreateWithBytesNoCopy(kRtAllocatorDefault, start, length, kRtAllocatorNull);
+        }
     }
 
     RtDictionaryRef errorDict = nullptr;
