@@ -34,32 +34,36 @@ static void _XMLPlistAppendDataUsingBase64(RtMutableDataRef buffer, RtDataRef da
     RtDataIncreaseLength(buffer, static_cast<RtIndex>(total));
     char *out = reinterpret_cast<char *>(RtDataGetMutableBytePtr(buffer)) + start;
 
-    size_t inLine = 0;
-    auto beginLineIfNeeded = [&]() {
-        if (inLine == 0) {
-            memset(out, '\t', tabs);
-            out += tabs;
-        }
-    };
+    // Line lengths are multiples of four, so a line only ever fills at a group's end: each
+    // line is its tabs, a run of whole groups, and "\n" when the run filled it.
+    const size_t groupsPerLine = lineLength / 4;
+    size_t groups = length / 3;
     size_t i = 0;
-    for (; i + 3 <= length; i += 3) {
-        beginLineIfNeeded();
-        uint32_t v = (uint32_t(in[i]) << 16) | (uint32_t(in[i + 1]) << 8) | in[i + 2];
-        out[0] = kBase64Alphabet[(v >> 18) & 63];
-        out[1] = kBase64Alphabet[(v >> 12) & 63];
-        out[2] = kBase64Alphabet[(v >> 6) & 63];
-        out[3] = kBase64Alphabet[v & 63];
-        out += 4;
-        inLine += 4;
-        // Line lengths are multiples of four, so a line only ever fills at a group's end.
-        if (inLine == lineLength) {
+    size_t lineGroups = 0; // groups already on the current line
+    while (groups > 0) {
+        size_t run = groupsPerLine < groups ? groupsPerLine : groups;
+        memset(out, '\t', tabs);
+        out += tabs;
+        for (size_t g = 0; g < run; g++, i += 3, out += 4) {
+            uint32_t v = (uint32_t(in[i]) << 16) | (uint32_t(in[i + 1]) << 8) | in[i + 2];
+            out[0] = kBase64Alphabet[(v >> 18) & 63];
+            out[1] = kBase64Alphabet[(v >> 12) & 63];
+            out[2] = kBase64Alphabet[(v >> 6) & 63];
+            out[3] = kBase64Alphabet[v & 63];
+        }
+        groups -= run;
+        lineGroups = run;
+        if (run == groupsPerLine) {
             *out++ = '\n';
-            inLine = 0;
+            lineGroups = 0;
         }
     }
     size_t rest = length - i;
     if (rest > 0) {
-        beginLineIfNeeded();
+        if (lineGroups == 0) {
+            memset(out, '\t', tabs);
+            out += tabs;
+        }
         uint32_t v = uint32_t(in[i]) << 16;
         if (rest == 2)
             v |= uint32_t(in[i + 1]) << 8;
