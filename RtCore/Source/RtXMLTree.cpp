@@ -35,9 +35,9 @@ void *Arena::refill(size_t n) {
         }
         return block + 1;
     }
-    // Blocks double up to 256 KiB, so a small reply costs one block and a large one few.
+    // Blocks double up to 64 KiB, so a small reply costs one block and a large one few.
     size_t size = fNextSize;
-    if (fNextSize < (size_t(256) << 10)) fNextSize *= 2;
+    if (fNextSize < (size_t(64) << 10)) fNextSize *= 2;
     auto *block = static_cast<Block *>(std::malloc(size));
     if (!block) return nullptr;
     block->fPrevious = fLast;

@@ -75,7 +75,7 @@ inline void appendEscaped(std::string &out, const std::string &text) {
 // entities and non-ASCII text, a double, a boolean, a dateTime.iso8601 and a base64 member.
 inline std::string xmlrpcReply(size_t records, uint64_t seed = 1) {
     std::string out;
-    out.reserve(records * 420 + 200);
+    out.reserve(records * 600 + 200);
     out += "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<methodResponse>\n<params>\n<param>\n"
            "<value><array><data>\n";
     char number[40];
