@@ -175,6 +175,8 @@ TEST_F(XMLTreeTests, NavigationAndOwnership) {
     RtXMLNodeRef node = RtXMLTreeGetNode(c);
     EXPECT_EQ(RtGetTypeID(node), RtXMLNodeGetTypeID());
     EXPECT_EQ(RtXMLNodeGetVersion(node), 1);
+    EXPECT_NE(description(r).find("children = 3"), std::string::npos) << description(r);
+    EXPECT_NE(description(node).find("type = 2, string = c"), std::string::npos) << description(node);
 
     // Any position or node keeps the whole document alive, and shares its count.
     RtTreeRef text3 = RtTreeGetFirstChild(c);
