@@ -130,6 +130,12 @@ protected:
     HVRunLoopSource *fSource;
 };
 
+// A new invocation object for protocol, recognised by identity with the three kHV...Protocol
+// constants (NULL for anything else): from the agreement when one is given, else from url and
+// methodName.
+HalvoMethodInvocation *createInvocationForProtocol(RtStringRef protocol, RtURLRef url, RtStringRef methodName,
+                                                   RtDictionaryRef agreement);
+
 class HVProtocolHandler : public HVSerializerBase {
 public:
     HVProtocolHandler() = default;
