@@ -22,7 +22,8 @@ public:
 
     // Retains url; state 0; every capture switch on.
     HTTPClosureSource(HalvoMethodInvocation *closure, RtURLRef url);
-    // Releases what the transaction made and unschedules the stream; see the .cpp for the timer.
+    // Releases what the transaction made and unschedules the stream. A call that never finished
+    // takes its timer and its result record with it.
     ~HTTPClosureSource() override;
 
     void perform() override;

@@ -109,12 +109,14 @@ HTTPClosureSource::~HTTPClosureSource() {
     safeRtRelease(fBuffer);
     releaseStream();
     safeRtRelease(fDebugMessage);
-    // Only finish() stops the timer; a source destroyed in mid-call (its invocation released
-    // before the result came) must not leave a timer that would call into a dead object.
+    // A call released before it finished (its invocation let go in mid-call) never delivers:
+    // its timer must not call into a dead object, and its result record goes with it.
     if (fTimer) {
         RtRunLoopTimerInvalidate(fTimer);
         RtRelease(fTimer);
     }
+    delete fResult;
+    fResult = nullptr;
 }
 
 void HTTPClosureSource::releaseStream() {
