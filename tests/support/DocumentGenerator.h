@@ -70,14 +70,9 @@ inline void appendEscaped(std::string &out, const std::string &text) {
     }
 }
 
-// An XML-RPC methodResponse (UTF-8, laid out one element per line as common servers write it)
-// whose single parameter is an array of `records` structs, each with an int, a string holding
-// entities and non-ASCII text, a double, a boolean, a dateTime.iso8601 and a base64 member.
-inline std::string xmlrpcReply(size_t records, uint64_t seed = 1) {
-    std::string out;
-    out.reserve(records * 600 + 200);
-    out += "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<methodResponse>\n<params>\n<param>\n"
-           "<value><array><data>\n";
+// The value of an XML-RPC reply or call: an array of `records` structs (one element per line).
+inline void appendXMLRPCRecordArray(std::string &out, size_t records, uint64_t seed) {
+    out += "<value><array><data>\n";
     char number[40];
     for (size_t i = 0; i < records; i++) {
         XMLRPCRecord rec = xmlrpcRecord(i, seed);
@@ -96,7 +91,29 @@ inline std::string xmlrpcReply(size_t records, uint64_t seed = 1) {
         out += rec.base64;
         out += "</base64></value>\n</member>\n</struct></value>\n";
     }
-    out += "</data></array></value>\n</param>\n</params>\n</methodResponse>\n";
+    out += "</data></array></value>\n";
+}
+
+// An XML-RPC methodResponse (UTF-8, laid out one element per line as common servers write it)
+// whose single parameter is an array of `records` structs, each with an int, a string holding
+// entities and non-ASCII text, a double, a boolean, a dateTime.iso8601 and a base64 member.
+inline std::string xmlrpcReply(size_t records, uint64_t seed = 1) {
+    std::string out;
+    out.reserve(records * 600 + 200);
+    out += "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<methodResponse>\n<params>\n<param>\n";
+    appendXMLRPCRecordArray(out, records, seed);
+    out += "</param>\n</params>\n</methodResponse>\n";
+    return out;
+}
+
+// The methodCall twin of xmlrpcReply: `method` with the same array as its single parameter.
+inline std::string xmlrpcCall(size_t records, const std::string &method, uint64_t seed = 1) {
+    std::string out;
+    out.reserve(records * 600 + 200);
+    out += "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<methodCall>\n<methodName>" + method +
+           "</methodName>\n<params>\n<param>\n";
+    appendXMLRPCRecordArray(out, records, seed);
+    out += "</param>\n</params>\n</methodCall>\n";
     return out;
 }
 
@@ -104,6 +121,63 @@ inline std::string xmlrpcReply(size_t records, uint64_t seed = 1) {
 inline std::string xmlrpcReplyOfSize(size_t bytes, uint64_t seed = 1) {
     size_t perRecord = xmlrpcReply(16, seed).size() / 16;
     return xmlrpcReply(bytes / perRecord > 0 ? bytes / perRecord : 1, seed);
+}
+
+// The same records as a SOAP 1.1 rpc/encoded reply to "getRecords" in the namespace "urn:records"
+// (2001 schema types, laid out one element per line): a return array of `records` items of type
+// ns:Record with the members id (xsd:int), name (xsd:string), score (xsd:double), active
+// (xsd:boolean), when (xsd:dateTime, "1990-01-31T12:30:00Z") and blob (xsd:base64Binary).
+// With `multiRef`, each item is an empty <item href="#rN"/> and the records follow the response
+// element as Body-level <multiRef id="rN"> elements, as rpc/encoded servers write shared values.
+inline std::string soapReply(size_t records, bool multiRef = false, uint64_t seed = 1) {
+    std::string out;
+    out.reserve(records * (multiRef ? 640 : 600) + 800);
+    out += "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+           "<SOAP-ENV:Envelope xmlns:SOAP-ENV=\"http://schemas.xmlsoap.org/soap/envelope/\""
+           " xmlns:SOAP-ENC=\"http://schemas.xmlsoap.org/soap/encoding/\""
+           " xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\""
+           " xmlns:xsd=\"http://www.w3.org/2001/XMLSchema\" xmlns:ns=\"urn:records\""
+           " SOAP-ENV:encodingStyle=\"http://schemas.xmlsoap.org/soap/encoding/\">\n"
+           "<SOAP-ENV:Body>\n<ns:getRecordsResponse>\n"
+           "<return xsi:type=\"SOAP-ENC:Array\" SOAP-ENC:arrayType=\"ns:Record[";
+    out += std::to_string(records);
+    out += "]\">\n";
+    char number[40];
+    auto appendMembers = [&](size_t i) {
+        XMLRPCRecord rec = xmlrpcRecord(i, seed);
+        out += "<id xsi:type=\"xsd:int\">";
+        out += std::to_string(rec.id);
+        out += "</id>\n<name xsi:type=\"xsd:string\">";
+        appendEscaped(out, rec.name);
+        out += "</name>\n<score xsi:type=\"xsd:double\">";
+        std::snprintf(number, sizeof number, "%.17g", rec.score);
+        out += number;
+        out += "</score>\n<active xsi:type=\"xsd:boolean\">";
+        out += rec.active ? "true" : "false";
+        out += "</active>\n<when xsi:type=\"xsd:dateTime\">";
+        // "19900131T12:30:00" becomes "1990-01-31T12:30:00Z"
+        out += rec.when.substr(0, 4) + "-" + rec.when.substr(4, 2) + "-" + rec.when.substr(6) + "Z";
+        out += "</when>\n<blob xsi:type=\"xsd:base64Binary\">";
+        out += rec.base64;
+        out += "</blob>\n";
+    };
+    for (size_t i = 0; i < records; i++) {
+        if (multiRef) {
+            out += "<item href=\"#r" + std::to_string(i) + "\"/>\n";
+        } else {
+            out += "<item xsi:type=\"ns:Record\">\n";
+            appendMembers(i);
+            out += "</item>\n";
+        }
+    }
+    out += "</return>\n</ns:getRecordsResponse>\n";
+    for (size_t i = 0; multiRef && i < records; i++) {
+        out += "<multiRef id=\"r" + std::to_string(i) + "\" SOAP-ENC:root=\"0\" xsi:type=\"ns:Record\">\n";
+        appendMembers(i);
+        out += "</multiRef>\n";
+    }
+    out += "</SOAP-ENV:Body>\n</SOAP-ENV:Envelope>\n";
+    return out;
 }
 
 } // namespace hvtest
