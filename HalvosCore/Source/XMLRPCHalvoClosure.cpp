@@ -2,6 +2,8 @@
 #include "XMLRPCHalvoClosure.h"
 
 #include "HTTPClosureSource.h"
+#include "HalvoResult.h"
+#include "HalvoUtils.h"
 
 // ---- XMLRPCHalvoMethodInvocation: construction and agreement ---------------------------------
 
@@ -31,32 +33,572 @@ RtDictionaryRef XMLRPCHalvoMethodInvocation::copyAgreement() {
     return dict;
 }
 
-// ---- Operations written with the XML-RPC writer, reader and the transport --------------------
+// ---- XMLRPCHalvoMethodInvocation: the protocol steps of a client call -------------------------
+// Each step runs through a temporary handler parented to the invocation, so the invocation's
+// properties and overrides reach the writer and the reader.
 
-// STUB until the XML-RPC request writer lands: no request can be built yet.
-RtDataRef XMLRPCHalvoMethodInvocation::constructMessage(AutoString &) { return nullptr; }
+RtDataRef XMLRPCHalvoMethodInvocation::constructMessage(AutoString &) {
+    // The content type is left alone: the transport then sends "text/xml".
+    XMLRPCProtocolHandler handler;
+    handler.setParent(this);
+    return handler.createRequest(fMethodName, fParameters, fParameterOrder, nullptr);
+}
 
-// STUB until the XML-RPC reply reader lands: the result is left as it is.
-void XMLRPCHalvoMethodInvocation::parseReply(HalvoResult *, RtTreeRef) {}
+void XMLRPCHalvoMethodInvocation::parseReply(HalvoResult *result, RtTreeRef tree) {
+    XMLRPCProtocolHandler handler;
+    handler.setParent(this);
+    handler.parseReply(result, tree);
+}
 
-// Every call travels over HTTP.
-HVRunLoopSource *XMLRPCHalvoMethodInvocation::createRunLoopSource() { return new HTTPClosureSource(this, getServiceURL()); }
+HVRunLoopSource *XMLRPCHalvoMethodInvocation::createRunLoopSource() {
+    return new HTTPClosureSource(this, getServiceURL());
+}
 
-// STUB until the XML-RPC request writer lands.
-RtDataRef XMLRPCProtocolHandler::createRequest(RtStringRef, RtDictionaryRef, RtArrayRef, RtDictionaryRef) {
+// ---- Writing documents --------------------------------------------------------------------------
+// Line formats are RTSTR constants: each call site keeps its string object, so writing a line
+// costs no format lookup.
+
+namespace {
+
+const RtStreamError kParseStreamError = {kRtStreamErrorDomainCustom, HalvoResult::kTransportError};
+
+// The member order a dictionary carries under kHVRecordParameterOrder, when it is an array.
+RtArrayRef recordOrder(RtDictionaryRef dict) {
+    RtTypeRef order = RtDictionaryGetValue(dict, kHVRecordParameterOrder);
+    return RtGetTypeID(order) == RtArrayGetTypeID() ? static_cast<RtArrayRef>(order) : nullptr;
+}
+
+// The names of a request's parameters in sending order (new array, caller releases): the
+// caller's order, else the dictionary's own record order, else its keys.
+RtArrayRef copyParameterNames(RtDictionaryRef parameters, RtArrayRef order) {
+    if (!order && !parameters)
+        order = AutoArray::getEmptyArray();
+    if (!order)
+        order = recordOrder(parameters);
+    return order ? static_cast<RtArrayRef>(RtRetain(order)) : copyDictionaryKeys(parameters);
+}
+
+// Record keys ("", "/HVRecordParamOrder", ...) are bookkeeping, never struct members.
+bool isReservedKey(RtTypeRef key) {
+    if (RtGetTypeID(key) != RtStringGetTypeID())
+        return false;
+    RtStringRef name = static_cast<RtStringRef>(key);
+    return RtStringGetLength(name) == 0 || RtStringGetCharacterAtIndex(name, 0) == '/';
+}
+
+// The encoding a reply or fault is written in: the one the request came in, else UTF-8.
+RtStringEncoding replyEncoding(RtDictionaryRef context) {
+    if (!context)
+        return kRtStringEncodingUTF8;
+    return static_cast<RtStringEncoding>(
+        getDictNumber(context, requestTextEncodingKey(), static_cast<int>(kRtStringEncodingUTF8)));
+}
+
+// The value under key, else under fallbackKey; NULL when dict is NULL or has neither.
+RtTypeRef firstPresent(RtDictionaryRef dict, RtStringRef key, RtStringRef fallbackKey) {
+    if (!dict)
+        return nullptr;
+    RtTypeRef value = RtDictionaryGetValue(dict, key);
+    return value ? value : RtDictionaryGetValue(dict, fallbackKey);
+}
+
+} // namespace
+
+RtDataRef XMLRPCProtocolHandler::createRequest(RtStringRef methodName, RtDictionaryRef parameters,
+                                               RtArrayRef order, RtDictionaryRef /*extras*/) {
+    XMLBuffer buffer(kRtStringEncodingUTF8);
+    buffer.addTo(1, RTSTR("<methodCall>"));
+    buffer.addTo(2, RTSTR("<methodName>%@</methodName>"), methodName);
+
+    // Parameters are positional: the names only give the order and never appear.
+    AutoArray names(copyParameterNames(parameters, order));
+    if (names.getCount() > 0) {
+        buffer.addTo(2, RTSTR("<params>"));
+        ArrayIterator name(names);
+        while (name.hasMoreElements()) {
+            RtTypeRef key = name.nextElement();
+            buffer.addTo(3, RTSTR("<param>"));
+            // The value stands two levels under its <param>: receivers expect that layout.
+            serialize(&buffer, 5, parameters ? RtDictionaryGetValue(parameters, key) : nullptr);
+            buffer.addTo(3, RTSTR("</param>"));
+        }
+        buffer.addTo(2, RTSTR("</params>"));
+    }
+    buffer.addTo(1, RTSTR("</methodCall>"));
+    return buffer.copyData();
+}
+
+void XMLRPCProtocolHandler::serialize(XMLBuffer *buffer, int level, const void *value) {
+    buffer->addTo(level, RTSTR("<value>"));
+    if (RtStringRef replacement = seriailizeOverride(value)) {
+        // An override supplies the whole content of <value>, written as it is.
+        buffer->addTo(level + 1, RTSTR("%@"), replacement);
+        RtRelease(replacement);
+    } else if (!value) {
+        // The nil line stands at level 3 however deep the value is; peers rely on the text.
+        buffer->addTo(3, RTSTR("<i4>0</i4> <!-- parameter has no (nil) value -->"));
+    } else {
+        switch (HVGetHVTypeIDFromRtType(value)) {
+        case eHVBooleanType:
+            buffer->addTo(level + 1, RTSTR("<boolean>%d</boolean>"), value == kRtBooleanTrue ? 1 : 0);
+            break;
+        case eHVIntegerType:
+            buffer->addTo(level + 1, RTSTR("<i4>%d</i4>"), getIntValue(static_cast<RtNumberRef>(value)));
+            break;
+        case eHVDoubleType:
+            buffer->addTo(level + 1, RTSTR("<double>%g</double>"), getDoubleValue(static_cast<RtNumberRef>(value)));
+            break;
+        case eHVStringType: {
+            AutoString text;
+            *text.getStringPtr() = entityEncodeString(static_cast<RtStringRef>(value));
+            buffer->addTo(level + 1, RTSTR("<string>%@</string>"), text.getString());
+            break;
+        }
+        case eHVDateType: {
+            AutoString text;
+            *text.getStringPtr() = isoEncodeDate(static_cast<RtDateRef>(value), true);
+            buffer->addTo(level + 1, RTSTR("<dateTime.iso8601>%@</dateTime.iso8601>"), text.getString());
+            break;
+        }
+        case eHVDataType: {
+            // The base64 lines carry their own breaks and tabs, hence level 0.
+            AutoString text;
+            *text.getStringPtr() = encodeBinaryData(static_cast<RtDataRef>(value), level + 3);
+            buffer->addTo(level + 1, RTSTR("<base64>"));
+            buffer->addTo(0, RTSTR("%@"), text.getString());
+            buffer->addTo(level + 1, RTSTR("</base64>"));
+            break;
+        }
+        case eHVArrayType: {
+            buffer->addTo(level + 1, RTSTR("<array>"));
+            buffer->addTo(level + 2, RTSTR("<data>"));
+            ArrayIterator element(static_cast<RtArrayRef>(value));
+            while (element.hasMoreElements())
+                serialize(buffer, level + 3, element.nextElement());
+            buffer->addTo(level + 2, RTSTR("</data>"));
+            buffer->addTo(level + 1, RTSTR("</array>"));
+            break;
+        }
+        case eHVDictionaryType: {
+            RtDictionaryRef dict = static_cast<RtDictionaryRef>(value);
+            RtArrayRef order = recordOrder(dict);
+            AutoArray keys(order ? static_cast<RtArrayRef>(RtRetain(order)) : copyDictionaryKeys(dict));
+            buffer->addTo(level + 1, RTSTR("<struct>"));
+            ArrayIterator key(keys);
+            while (key.hasMoreElements()) {
+                RtTypeRef name = key.nextElement();
+                if (isReservedKey(name))
+                    continue;
+                // Member names go out as they are, without entity encoding.
+                buffer->addTo(level + 2, RTSTR("<member>"));
+                buffer->addTo(level + 3, RTSTR("<name>%@</name>"), name);
+                serialize(buffer, level + 4, RtDictionaryGetValue(dict, name));
+                buffer->addTo(level + 2, RTSTR("</member>"));
+            }
+            buffer->addTo(level + 1, RTSTR("</struct>"));
+            break;
+        }
+        default:
+            // Null and kinds XML-RPC has no element for travel as their description.
+            buffer->addTo(level + 1, RTSTR("<!-- Unknown RtType (%d) for parameter - trying string coercion -->"),
+                          static_cast<int>(RtGetTypeID(value)));
+            buffer->addTo(level + 1, RTSTR("<string>%@</string>"), value);
+            break;
+        }
+    }
+    buffer->addTo(level, RTSTR("</value>"));
+}
+
+RtDataRef XMLRPCProtocolHandler::createReply(RtDictionaryRef context, RtTypeRef returnValue) {
+    XMLBuffer buffer(replyEncoding(context));
+    buffer.addTo(0, RTSTR("<methodResponse>"));
+    if (returnValue) {
+        buffer.addTo(1, RTSTR("<params>"));
+        buffer.addTo(2, RTSTR("<param>"));
+        serialize(&buffer, 3, returnValue);
+        buffer.addTo(2, RTSTR("</param>"));
+        buffer.addTo(1, RTSTR("</params>"));
+    }
+    buffer.addTo(0, RTSTR("</methodResponse>"));
+    return buffer.copyData();
+}
+
+RtDataRef XMLRPCProtocolHandler::createFault(RtDictionaryRef context, RtDictionaryRef faultDict) {
+    // The XML-RPC names win over the result-dictionary keys; code and string always go out.
+    AutoDict fault(newMutableDict());
+    RtTypeRef code = firstPresent(faultDict, RTSTR("faultCode"), kHVFaultCode);
+    RtTypeRef text = firstPresent(faultDict, RTSTR("faultString"), kHVFaultString);
+    fault.addValue(RTSTR("faultCode"), code ? code : internedInt(-1));
+    fault.addValue(RTSTR("faultString"), text ? text : RTSTR("Unknown Fault"));
+    if (faultDict && RtDictionaryGetValue(faultDict, kHVFaultExtra))
+        fault.addValue(RTSTR("faultExtra"), firstPresent(faultDict, RTSTR("faultExtra"), kHVFaultExtra));
+
+    XMLBuffer buffer(replyEncoding(context));
+    buffer.addTo(0, RTSTR("<methodResponse>"));
+    buffer.addTo(1, RTSTR("<fault>"));
+    serialize(&buffer, 2, fault.getImmutableDict());
+    buffer.addTo(1, RTSTR("</fault>"));
+    buffer.addTo(0, RTSTR("</methodResponse>"));
+    return buffer.copyData();
+}
+
+// ---- Reading values -----------------------------------------------------------------------------
+// One error slot travels down the whole recursion: the first message set stops every reader
+// above it, and each discards what it built. Nesting is bounded by the tree reader's depth limit
+// (kRtXMLTreeMaxDepth elements, three per level of array nesting), so the recursion is too.
+
+namespace {
+
+enum ValueElement { eStringElement, eArrayElement, eStructElement, eBooleanElement, eIntElement, eDoubleElement,
+                    eDateElement, eBase64Element, eUnknownElement };
+
+struct ValueElementRow {
+    RtStringRef name;
+    ValueElement kind;
+};
+
+// The kind of a type element inside <value>, by its name ignoring case.
+ValueElement valueElementKind(RtStringRef name) {
+    //                                      element name                kind
+    static const ValueElementRow rows[] = {{RTSTR("string"), eStringElement},
+                                           {RTSTR("array"), eArrayElement},
+                                           {RTSTR("struct"), eStructElement},
+                                           {RTSTR("boolean"), eBooleanElement},
+                                           {RTSTR("i4"), eIntElement},
+                                           {RTSTR("int"), eIntElement},
+                                           {RTSTR("double"), eDoubleElement},
+                                           {RTSTR("dateTime.iso8601"), eDateElement},
+                                           {RTSTR("base64"), eBase64Element}};
+    for (const ValueElementRow &row : rows)
+        if (rtstrEquivilent(name, row.name))
+            return row.kind;
+    return eUnknownElement;
+}
+
+bool isTrueText(RtStringRef text) {
+    static const RtStringRef truths[] = {RTSTR("1"), RTSTR("true"), RTSTR("yes"), RTSTR("y"), RTSTR("t")};
+    for (RtStringRef truth : truths)
+        if (rtstrEquivilent(text, truth))
+            return true;
+    return false;
+}
+
+// The text under an element (all text, CDATA and entity pieces), NULL when it is empty.
+RtStringRef copyElementText(RtTreeRef element) {
+    RtTreeRef first = RtTreeGetFirstChild(element);
+    return first ? copyXMLStringFromTree(first) : nullptr;
+}
+
+void setError(AutoString &error, RtStringRef message) { error.setString(message); }
+
+void setError(AutoString &error, const char *format, RtStringRef name) {
+    AutoString message(format, name);
+    error.setString(message.getString());
+}
+
+RtTypeRef parseType(RtTreeRef valueTree, AutoString &error);
+
+// The array read from <data> (the first child of <array>). Children of <array> after the first
+// are never looked at.
+RtTypeRef parseArrayData(RtTreeRef dataTree, AutoString &error) {
+    if (!rtstrEquivilent(getElementName(dataTree), RTSTR("data"))) {
+        setError(error, RTSTR("<array> should only containa single <data> element")); // the missing space belongs to the message
+        return nullptr;
+    }
+    AutoArray array;
+    for (RtTreeRef item = RtTreeGetFirstChild(dataTree); item && error.isNull(); item = RtTreeGetNextSibling(item)) {
+        if (!rtstrEquivilent(getElementName(item), RTSTR("value"))) {
+            setError(error, RTSTR("non-value element found in <data> part of <array>"));
+            break;
+        }
+        // An empty <value> still holds its place in the array, as "".
+        RtTypeRef value = parseType(item, error);
+        array.appendValue(value ? value : RTSTR(""));
+        safeRtRelease(value);
+    }
+    if (!error.isNull())
+        return nullptr;
+    return RtRetain(array.getMutableArray());
+}
+
+// One child of a <member>: its <name> or its <value>.
+void checkStructChild(RtTreeRef child, AutoString &name, RtTypeRef &value, AutoString &error) {
+    RtStringRef childName = getElementName(child);
+    if (rtstrEquivilent(childName, RTSTR("name"))) {
+        if (!name.isNull()) {
+            setError(error, RTSTR("too many <name> elements for a <member>"));
+            return;
+        }
+        *name.getStringPtr() = copyElementText(child);
+    } else if (rtstrEquivilent(childName, RTSTR("value"))) {
+        if (value) {
+            setError(error, RTSTR("too many <value> elements for a <member>"));
+            return;
+        }
+        value = parseType(child, error);
+    } else {
+        setError(error, RTSTR("unknown element in <member>"));
+    }
+}
+
+// The dictionary read from the <member> elements starting at member (the first child of
+// <struct>). Only the first two children of a member count; a later member with the same name
+// replaces an earlier one.
+RtTypeRef parseStructData(RtTreeRef member, AutoString &error) {
+    AutoDict dict(newMutableDict());
+    for (; member && error.isNull(); member = RtTreeGetNextSibling(member)) {
+        RtTreeRef first = RtTreeGetFirstChild(member);
+        if (!first) {
+            setError(error, RTSTR("empty <member> element"));
+            break;
+        }
+        AutoString name;
+        RtTypeRef value = nullptr;
+        checkStructChild(first, name, value, error);
+        RtTreeRef second = error.isNull() ? RtTreeGetNextSibling(first) : nullptr;
+        if (second)
+            checkStructChild(second, name, value, error);
+        // A member with a single child (a lone name or value) is dropped without complaint.
+        if (second && error.isNull()) {
+            if (name.isNull())
+                setError(error, RTSTR("missing <name> element for <member>"));
+            else
+                dict.addValue(name.getString(), value ? value : kRtNull);
+        }
+        safeRtRelease(value);
+    }
+    if (!error.isNull())
+        return nullptr;
+    return RtRetain(dict.getMutableDict());
+}
+
+// The value of a <value> element (new, caller releases), or NULL: for an empty <value> without
+// an error, else with error set.
+RtTypeRef parseType(RtTreeRef valueTree, AutoString &error) {
+    RtTreeRef child = RtTreeGetFirstChild(valueTree);
+    if (!child)
+        return nullptr;
+    RtXMLNodeRef node = RtXMLTreeGetNode(child);
+    if (RtXMLNodeGetTypeCode(node) != kRtXMLNodeTypeElement)
+        return copyXMLStringFromTree(child); // a <value> without a type element is a string
+    RtStringRef name = RtXMLNodeGetString(node);
+    if (!name) {
+        setError(error, RTSTR("Can't get name of element"));
+        return nullptr;
+    }
+    ValueElement kind = valueElementKind(name);
+    switch (kind) {
+    case eStringElement:
+        return copyElementText(child);
+    case eArrayElement:
+        return parseArrayData(RtTreeGetFirstChild(child), error);
+    case eStructElement:
+        return parseStructData(RtTreeGetFirstChild(child), error);
+    default:
+        break;
+    }
+
+    // Scalars read the first child node's string only: entity references in them stay undecoded.
+    RtTreeRef first = RtTreeGetFirstChild(child);
+    RtStringRef text = first ? RtXMLNodeGetString(RtXMLTreeGetNode(first)) : RTSTR("");
+    if (!text) {
+        setError(error, "No value for %@", name);
+        return nullptr;
+    }
+    switch (kind) {
+    case eBooleanElement:
+        return isTrueText(text) ? kRtBooleanTrue : kRtBooleanFalse; // immortal: no retain needed
+    case eIntElement:
+        return makeIntValueFromString(text);
+    case eDoubleElement: {
+        double number = RtStringGetDoubleValue(text);
+        return RtNumberCreate(kRtAllocatorDefault, kRtNumberDoubleType, &number);
+    }
+    case eDateElement:
+        return isoDecodeDate(text);
+    case eBase64Element:
+        return decodeBinaryData(text);
+    default:
+        setError(error, "Don't know how to deserialize %@", name);
+        return nullptr;
+    }
+}
+
+} // namespace
+
+void XMLRPCProtocolHandler::parseReply(HalvoResult *result, RtTreeRef tree) {
+    if (gHVDebugVerbose) {
+        hvPrintf(RTSTR("XMLRPCHalvoMethodInvocation::parseReply: reply tree\n"));
+        dumpXMLTree(tree, 0);
+    }
+    AutoString error;
+    RtTreeRef response = findNamedElement(tree, RTSTR("methodResponse"));
+    RtTreeRef child = response ? RtTreeGetFirstChild(response) : nullptr;
+    if (!response) {
+        setError(error, RTSTR("Can't find a 'methodResponse' element"));
+    } else if (!child) {
+        setError(error, RTSTR("Can't find any child of the 'methodResponse' element"));
+    } else if (rtstrEquivilent(getElementName(child), RTSTR("fault"))) {
+        RtTreeRef valueTree = RtTreeGetFirstChild(child);
+        if (!valueTree) {
+            setError(error, RTSTR("<fault> must contain a <value>"));
+        } else {
+            RtTypeRef value = parseType(valueTree, error);
+            if (RtGetTypeID(value) == RtDictionaryGetTypeID() &&
+                RtDictionaryGetCount(static_cast<RtDictionaryRef>(value)) > 0) {
+                RtDictionaryRef fault = static_cast<RtDictionaryRef>(value);
+                RtTypeRef code = RtDictionaryGetValue(fault, RTSTR("faultCode"));
+                RtTypeRef text = RtDictionaryGetValue(fault, RTSTR("faultString"));
+                result->becomeFault();
+                result->setFaultCode(RtGetTypeID(code) == RtNumberGetTypeID()
+                                         ? getIntValue(static_cast<RtNumberRef>(code))
+                                         : -1);
+                // A fault without "faultString" keeps no string: the result holds no NULL values.
+                if (text)
+                    result->setFaultString(static_cast<RtStringRef>(text));
+            } else if (error.isNull()) {
+                setError(error, RTSTR("Can't parse <fault>."));
+            }
+            safeRtRelease(value);
+        }
+    } else if (rtstrEquivilent(getElementName(child), RTSTR("params"))) {
+        // Only the first child counts at each level; names and counts are not checked.
+        RtTreeRef param = RtTreeGetFirstChild(child);
+        RtTreeRef valueTree = param ? RtTreeGetFirstChild(param) : nullptr;
+        if (!param) {
+            setError(error, RTSTR("<params> must contain a single <param> entry"));
+        } else if (!valueTree) {
+            setError(error, RTSTR("<param> must contain a single <value> entry"));
+        } else if (RtTypeRef value = parseType(valueTree, error)) {
+            result->addToResult(kHVMethodInvocationResult, value);
+            RtRelease(value);
+        }
+    } else {
+        setError(error, RTSTR("Child of the 'methodResponse' must be <fault> or <params>"));
+    }
+    if (!error.isNull())
+        result->becomeFault(error.getString(), kParseStreamError);
+}
+
+RtDictionaryRef XMLRPCProtocolHandler::parseReplyData(RtStringRef /*methodName*/, RtDataRef data,
+                                                      RtStringEncoding encoding, AutoString *errorString) {
+    HalvoResult result;
+    AutoString localError;
+    AutoString *error = errorString ? errorString : &localError;
+    error->setString(nullptr);
+    RtTreeRef tree = parseXML(data, true, encoding, error->getStringPtr());
+    if (tree) {
+        parseReply(&result, tree);
+        RtRelease(tree);
+    } else {
+        result.becomeFault(error->isNull() ? RTSTR("Could not parse XML.") : error->getString(), kParseStreamError);
+    }
+    return result.copyDictionary();
+}
+
+// ---- Reading requests -----------------------------------------------------------------------------
+// The request document is walked with dispatch tables, one per level: methodCall, then
+// methodName and params, then param, then value. Handlers return NULL to go on, or a new error
+// message that ends the walk and travels up unchanged.
+
+namespace {
+
+// The parameters of one <params> element, numbered "anon0", "anon1", ... in document order.
+struct ParamContext {
+    AutoDict *fParamDict;
+    int fParamCount;
+
+    void addParam(RtTypeRef value) {
+        AutoString name("anon%d", fParamCount);
+        fParamDict->addValue(name.getString(), value);
+        fParamCount++;
+    }
+};
+
+RtStringRef _parseOneValue(RtTreeRef tree, RtXMLNodeRef, const AutoDict &, void *refcon) {
+    AutoString error;
+    // An empty <value> gives nothing and uses up no number.
+    if (RtTypeRef value = parseType(tree, error)) {
+        static_cast<ParamContext *>(refcon)->addParam(value);
+        RtRelease(value);
+    }
+    return error.getRetainedString();
+}
+
+RtStringRef _parseOneParam(RtTreeRef tree, RtXMLNodeRef, const AutoDict &scope, void *refcon) {
+    //                                 namespace  local name      handler         context
+    const XMLElementInterrogator rows[] = {{nullptr, RTSTR("value"), _parseOneValue, refcon}};
+    return xmlInterrogateElements(tree, scope, rows, 1, nullptr);
+}
+
+RtStringRef _parseParams(RtTreeRef tree, RtXMLNodeRef, const AutoDict &scope, void *refcon) {
+    // Each <params> numbers from anon0 again, replacing earlier entries of the same names.
+    ParamContext context = {static_cast<AutoDict *>(refcon), 0};
+    //                                 namespace  local name      handler         context
+    const XMLElementInterrogator rows[] = {{nullptr, RTSTR("param"), _parseOneParam, &context}};
+    return xmlInterrogateElements(tree, scope, rows, 1, nullptr);
+}
+
+RtStringRef _parseString(RtTreeRef tree, RtXMLNodeRef, const AutoDict &, void *refcon) {
+    if (!RtTreeGetFirstChild(tree))
+        return RTSTR("Can't parse string");
+    AutoString text;
+    *text.getStringPtr() = copyElementText(tree);
+    static_cast<AutoString *>(refcon)->setString(text.getString());
     return nullptr;
 }
 
-// STUB until the XML-RPC server side lands.
-RtDictionaryRef XMLRPCProtocolHandler::parsePostData(RtDataRef, RtStringEncoding, AutoString *) { return nullptr; }
+RtStringRef _parseMethodCall(RtTreeRef tree, RtXMLNodeRef, const AutoDict &scope, void *refcon) {
+    AutoDict *request = static_cast<AutoDict *>(refcon);
+    AutoString methodName;
+    AutoDict parameters(newMutableDict());
+    //                                 namespace  local name           handler        context
+    const XMLElementInterrogator rows[] = {{nullptr, RTSTR("methodName"), _parseString, &methodName},
+                                           {nullptr, RTSTR("params"), _parseParams, &parameters}};
+    if (RtStringRef error = xmlInterrogateElements(tree, scope, rows, 2, nullptr))
+        return error;
+    if (methodName.isNull())
+        return RTSTR("<methodName> missing for request");
 
-// STUB until the XML-RPC reply reader lands.
-RtDictionaryRef XMLRPCProtocolHandler::parseReplyData(RtStringRef, RtDataRef, RtStringEncoding, AutoString *) {
+    AutoArray order;
+    for (RtIndex i = 0, count = parameters.getCount(); i < count; i++) {
+        AutoString name("anon%d", static_cast<int>(i));
+        order.appendValue(name);
+    }
+    request->addValue(requestMethodNameKey(), methodName.getString());
+    request->addValue(requestParametersKey(), parameters.getImmutableDict());
+    request->addValue(requestParameterOrderKey(), order.getImmutableArray());
     return nullptr;
 }
 
-// STUB until the XML-RPC server side lands.
-RtDataRef XMLRPCProtocolHandler::createReply(RtDictionaryRef, RtTypeRef) { return nullptr; }
+} // namespace
 
-// STUB until the XML-RPC server side lands.
-RtDataRef XMLRPCProtocolHandler::createFault(RtDictionaryRef, RtDictionaryRef) { return nullptr; }
+RtDictionaryRef XMLRPCProtocolHandler::parsePostData(RtDataRef data, RtStringEncoding encoding,
+                                                     AutoString *errorString) {
+    AutoDict request(newMutableDict());
+    int32_t hint = static_cast<int32_t>(encoding);
+    AutoScalar hintNumber(RtNumberCreate(kRtAllocatorDefault, kRtNumberSInt32Type, &hint));
+    request.addValue(requestTextEncodingKey(), hintNumber.getRef());
+
+    AutoString localError;
+    AutoString *error = errorString ? errorString : &localError;
+    error->setString(nullptr);
+    RtTreeRef tree = parseXML(data, true, encoding, error->getStringPtr());
+    if (!tree)
+        return nullptr;
+
+    // Top-level elements other than <methodCall> are handed back as extensions.
+    AutoArray extensions;
+    AutoDict rootScope;
+    //                                 namespace  local name           handler            context
+    const XMLElementInterrogator rows[] = {{nullptr, RTSTR("methodCall"), _parseMethodCall, &request}};
+    RtStringRef failure = xmlInterrogateElements(tree, rootScope, rows, 1, extensions.getMutableArray());
+    RtRelease(tree);
+    if (failure) {
+        *error->getStringPtr() = failure;
+        return nullptr;
+    }
+    if (extensions.getCount() > 0)
+        request.addValue(RTSTR("/HVXMLRPCTopLevelExtensions"), extensions.getImmutableArray());
+    return request.copyDict();
+}

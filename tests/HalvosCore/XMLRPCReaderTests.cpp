@@ -1,0 +1,215 @@
+// XML-RPC documents as we read them: reply values of every kind, server faults, malformed and
+// hostile replies, and requests on the server side.
+#include "XMLRPCTestSupport.h"
+
+#include "XMLRPCHalvoClosure.h"
+
+using namespace xmlrpctest;
+
+namespace {
+
+std::string replyHolding(const std::string &value) {
+    return "<?xml version=\"1.0\"?><methodResponse><params><param>" + value + "</param></params></methodResponse>";
+}
+
+// The result dictionary of a reply that failed to parse with message.
+Value parseFault(const char *message) {
+    return Dict({{"/kHVResultIsFault", B(true)},
+                 {"/FaultCode", I(-65794)},
+                 {"/FaultString", S("/RtStreamFault")},
+                 {"/FaultExtra", Dict({{"msg", S(message)}, {"domain", I(-1)}, {"error", I(-65795)}})}});
+}
+
+// n levels of <value><kind>...: an array of arrays, or a struct of structs under the member "m".
+std::string nested(int n, bool structs) {
+    std::string open, close;
+    for (int i = 0; i < n; i++) {
+        open += structs ? "<value><struct><member><name>m</name>" : "<value><array><data>";
+        close = (structs ? "</member></struct></value>" : "</data></array></value>") + close;
+    }
+    return open + "<value>leaf</value>" + close;
+}
+
+std::string parseRequestError(const std::string &document) {
+    XMLRPCProtocolHandler handler;
+    AutoString error;
+    Value data = Bytes(document);
+    Value request = Value::adopt(handler.parsePostData(data.data(), kRtStringEncodingUTF8, &error));
+    EXPECT_EQ(nullptr, request.get()) << document;
+    Value bytes = Value::adopt(
+        error.isNull() ? nullptr : RtStringCreateExternalRepresentation(nullptr, error.getString(), kRtStringEncodingUTF8, '?'));
+    return text(bytes);
+}
+
+} // namespace
+
+TEST(XMLRPCReplies, ValuesOfEveryKind) {
+    Handler handler;
+    const std::pair<const char *, Value> cases[] = {
+        {"<value>hello</value>", S("hello")},
+        {"<value><string>a&amp;b<![CDATA[<c>]]></string></value>", S("a&b<c>")},
+        {"<value><STRING>x</STRING></value>", S("x")},
+        {"<value><i4>42</i4></value>", I(42)},
+        {"<value><int> -0x1F</int></value>", I(-31)},
+        {"<value><I4>010</I4></value>", I(8)},
+        {"<value><i4>3000000000</i4></value>", I64(3000000000LL)},
+        {"<value><i4></i4></value>", I(0)},
+        {"<value><i4>4&amp;2</i4></value>", I(4)}, // scalars read the first text node only
+        {"<value><boolean>Yes</boolean></value>", B(true)},
+        {"<value><boolean>t</boolean></value>", B(true)},
+        {"<value><boolean>2</boolean></value>", B(false)},
+        {"<value><boolean>no</boolean></value>", B(false)},
+        {"<value><boolean/></value>", B(false)},
+        {"<value><double>-1.5e3</double></value>", D(-1500)},
+        {"<value><double>abc</double></value>", D(0)},
+        {"<value><dateTime.iso8601>19980717T14:08:55</dateTime.iso8601></value>", Date(-77622665.0)},
+        {"<value><dateTime.iso8601>1998-07-17T14:08:55Z</dateTime.iso8601></value>", Date(-77622665.0)},
+        {"<value><base64>\n TW Fu\n</base64></value>", Bytes("Man")},
+        {"<value><array><data><value><i4>1</i4></value><value/><value><string/></value><value>x</value></data>"
+         "<ignored/></array></value>",
+         A({I(1), S(""), S(""), S("x")})},
+        {"<value><array><data/></array></value>", A({})},
+        {"<value><struct><member><name>a</name><value><i4>1</i4></value></member>"
+         "<member><value>v</value><name>b</name></member>"
+         "<member><name>c</name><value/></member>"
+         "<member><name>lone</name></member>"
+         "<member><name>d</name><value>1</value><third/></member>"
+         "<member><name>a</name><value>2</value></member></struct></value>",
+         Dict({{"a", S("2")}, {"b", S("v")}, {"c", Value::retain(kRtNull)}, {"d", S("1")}})},
+        {"<value><struct/></value>", Dict({})},
+    };
+    for (const auto &c : cases) {
+        Value result = handler.readReply(replyHolding(c.first));
+        EXPECT_TRUE(sameValue(Dict({{"/Result", c.second}}), result.get())) << c.first;
+    }
+    for (const char *nothing : {"<value/>", "<value><string></string></value>"})
+        EXPECT_TRUE(sameValue(Dict({}), handler.readReply(replyHolding(nothing)).get())) << nothing;
+    EXPECT_TRUE(sameValue(Dict({{"/Result", S("p")}}),
+                          handler.readReply("<x:methodResponse xmlns:x='urn:x'><params><param><value>p"
+                                            "</value></param></params></x:methodResponse>")
+                              .get()));
+}
+
+TEST(XMLRPCReplies, ServerFaults) {
+    Handler handler;
+    auto fault = [&](const char *members) {
+        return handler.readReply(std::string("<methodResponse><fault><value><struct>") + members +
+                                 "</struct></value></fault></methodResponse>");
+    };
+    const char *code4 = "<member><name>faultCode</name><value><int>4</int></value></member>";
+    const char *text = "<member><name>faultString</name><value>Too many</value></member>";
+    EXPECT_TRUE(sameValue(Dict({{"/kHVResultIsFault", B(true)}, {"/FaultCode", I(4)}, {"/FaultString", S("Too many")}}),
+                          fault((std::string(code4) + text + "<member><name>x</name><value>y</value></member>").c_str()).get()));
+    EXPECT_TRUE(sameValue(I(-1), fault((std::string("<member><name>faultCode</name><value>4</value></member>") + text).c_str())["/FaultCode"]))
+        << "a code that is not a number counts as absent";
+    EXPECT_TRUE(sameValue(I(0), fault("<member><name>faultCode</name><value><double>2.5</double></value></member>")["/FaultCode"]));
+    EXPECT_EQ(nullptr, fault(code4)["/FaultString"]);
+}
+
+TEST(XMLRPCReplies, MalformedRepliesBecomeFaults) {
+    Handler handler;
+    const std::pair<std::string, const char *> cases[] = {
+        {"<notResponse/>", "Can't find a 'methodResponse' element"},
+        {"<methodResponse/>", "Can't find any child of the 'methodResponse' element"},
+        {"<methodResponse><other/></methodResponse>", "Child of the 'methodResponse' must be <fault> or <params>"},
+        {"<methodResponse><fault/></methodResponse>", "<fault> must contain a <value>"},
+        {"<methodResponse><fault><value><struct/></value></fault></methodResponse>", "Can't parse <fault>."},
+        {"<methodResponse><fault><value>oops</value></fault></methodResponse>", "Can't parse <fault>."},
+        {"<methodResponse><fault><value><nil/></value></fault></methodResponse>", "Don't know how to deserialize nil"},
+        {"<methodResponse><params/></methodResponse>", "<params> must contain a single <param> entry"},
+        {"<methodResponse><params><param/></params></methodResponse>", "<param> must contain a single <value> entry"},
+        {replyHolding("<value><nil/></value>"), "Don't know how to deserialize nil"},
+        {replyHolding("<value><i8>5</i8></value>"), "Don't know how to deserialize i8"},
+        {replyHolding("<value><array/></value>"), "<array> should only containa single <data> element"},
+        {replyHolding("<value><array><value/></array></value>"), "<array> should only containa single <data> element"},
+        {replyHolding("<value><array><data><i4>1</i4></data></array></value>"),
+         "non-value element found in <data> part of <array>"},
+        {replyHolding("<value><struct><member/></struct></value>"), "empty <member> element"},
+        {replyHolding("<value><struct><member><name>a</name><name>b</name></member></struct></value>"),
+         "too many <name> elements for a <member>"},
+        {replyHolding("<value><struct><member><value>1</value><value>2</value></member></struct></value>"),
+         "too many <value> elements for a <member>"},
+        {replyHolding("<value><struct><member><name>a</name><junk/></member></struct></value>"),
+         "unknown element in <member>"},
+        {replyHolding("<value><struct><member><name/><value>1</value></member></struct></value>"),
+         "missing <name> element for <member>"},
+        {replyHolding("<value><array><data><value><struct><member><name>a</name><value><array><data><value><nil/>"
+                      "</value></data></array></value></member></struct></value></data></array></value>"),
+         "Don't know how to deserialize nil"},
+    };
+    for (const auto &c : cases)
+        EXPECT_TRUE(sameValue(parseFault(c.second), handler.readReply(c.first).get())) << c.first;
+
+    // Text that does not parse carries the parser's message.
+    for (const char *broken : {"", "not xml at all", "<methodResponse><params>", "\xFF\xFE<\x00"}) {
+        Value result = handler.readReply(broken);
+        EXPECT_TRUE(HVMethodResultIsFault(result.dict())) << broken;
+        Value extra = Value::retain(result["/FaultExtra"]);
+        EXPECT_TRUE(sameValue(I(-65795), extra["error"]));
+        EXPECT_NE(nullptr, extra["msg"]);
+    }
+}
+
+TEST(XMLRPCReplies, DeepNestingEndsAtTheDepthLimit) {
+    Handler handler;
+    for (bool structs : {false, true}) {
+        // 150 levels (about 450 elements) stay under the reader's limit and are read whole.
+        Value result = handler.readReply(replyHolding(nested(150, structs)));
+        RtTypeRef value = result["/Result"];
+        int depth = 0;
+        while (RtGetTypeID(value) == (structs ? RtDictionaryGetTypeID() : RtArrayGetTypeID())) {
+            value = structs ? RtDictionaryGetValue(static_cast<RtDictionaryRef>(value), RTSTR("m"))
+                            : RtArrayGetValueAtIndex(static_cast<RtArrayRef>(value), 0);
+            depth++;
+        }
+        EXPECT_EQ(150, depth);
+        EXPECT_TRUE(sameValue(S("leaf"), value));
+        // Far deeper documents end as a parse fault, not on the stack.
+        EXPECT_TRUE(HVMethodResultIsFault(handler.readReply(replyHolding(nested(5000, structs))).dict()));
+        EXPECT_EQ(nullptr, handler.readRequest("<methodCall><methodName>m</methodName><params><param>" +
+                                               nested(5000, structs) + "</param></params></methodCall>").get());
+    }
+}
+
+TEST(XMLRPCRequests, ServerSideRequests) {
+    Handler handler;
+    Value request = handler.readRequest("<methodCall><methodName>add</methodName><params><param><value><i4>1</i4>"
+                                        "</value></param><param><value>two</value></param></params></methodCall>");
+    EXPECT_TRUE(sameValue(Dict({{"/HVTextEncoding", I(static_cast<int32_t>(kRtStringEncodingUTF8))},
+                                {"/HVMethodName", S("add")},
+                                {"/HVMethodParameters", Dict({{"anon0", I(1)}, {"anon1", S("two")}})},
+                                {"/HVMethodParameterOrder", A({S("anon0"), S("anon1")})}}),
+                          request.get()));
+
+    // Values are numbered in document order; an empty one uses up no number; a second <params>
+    // numbers from anon0 again.
+    request = handler.readRequest(
+        "junk<?xml version='1.0'?><p:methodCall xmlns:p='urn:p'><p:methodName>m</p:methodName><params>"
+        "<param><value>a</value><value>b</value></param><param><value/></param><param><value>c</value></param>"
+        "</params><params><param><value>z</value></param></params></p:methodCall>");
+    EXPECT_TRUE(sameValue(Dict({{"anon0", S("z")}, {"anon1", S("b")}, {"anon2", S("c")}}), request["/HVMethodParameters"]));
+    EXPECT_TRUE(sameValue(A({S("anon0"), S("anon1"), S("anon2")}), request["/HVMethodParameterOrder"]));
+
+    request = handler.readRequest("<methodCall><methodName>m</methodName></methodCall>");
+    EXPECT_TRUE(sameValue(Dict({}), request["/HVMethodParameters"]));
+    EXPECT_TRUE(sameValue(A({}), request["/HVMethodParameterOrder"]));
+
+    // A top-level element other than methodCall comes back as an extension.
+    request = handler.readRequest("<other><x/></other>");
+    RtArrayRef extensions = static_cast<RtArrayRef>(request["/HVXMLRPCTopLevelExtensions"]);
+    ASSERT_NE(nullptr, extensions);
+    ASSERT_EQ(1, RtArrayGetCount(extensions));
+    EXPECT_TRUE(sameValue(S("other"), RtXMLNodeGetString(RtXMLTreeGetNode(
+                                          static_cast<RtTreeRef>(const_cast<void *>(RtArrayGetValueAtIndex(extensions, 0)))))));
+    EXPECT_EQ(nullptr, request["/HVMethodName"]);
+}
+
+TEST(XMLRPCRequests, MalformedRequestsAreRefused) {
+    EXPECT_EQ("<methodName> missing for request", parseRequestError("<methodCall><params/></methodCall>"));
+    EXPECT_EQ("Can't parse string", parseRequestError("<methodCall><methodName/></methodCall>"));
+    EXPECT_EQ("Don't know how to deserialize nil",
+              parseRequestError("<methodCall><methodName>m</methodName><params><param><value><nil/></value>"
+                                "</param></params></methodCall>"));
+    EXPECT_NE(std::string::npos, parseRequestError("<methodCall>").find("(line ")) << "the parser's message";
+    EXPECT_EQ(nullptr, Handler().readRequest("").get());
+}
