@@ -202,7 +202,8 @@ RtTreeRef RtTreeGetParent(RtTreeRef tree) {
 
 RtTreeRef RtTreeGetFirstChild(RtTreeRef tree) {
     TreeNode *n = treeArg(tree);
-    return n && n->fFirstChild ? treeOfNode(n->fFirstChild) : nullptr;
+    TreeNode *child = n ? firstChild(n) : nullptr;
+    return child ? treeOfNode(child) : nullptr;
 }
 
 RtTreeRef RtTreeGetNextSibling(RtTreeRef tree) {
@@ -218,7 +219,7 @@ RtIndex RtTreeGetChildCount(RtTreeRef tree) {
 RtTreeRef RtTreeGetChildAtIndex(RtTreeRef tree, RtIndex idx) {
     TreeNode *n = treeArg(tree);
     if (!n || idx < 0 || idx >= RtIndex(n->fChildCount)) return nullptr;
-    TreeNode *child = n->fFirstChild;
+    TreeNode *child = firstChild(n);
     while (idx-- > 0)
         child = child->fNextSibling;
     return treeOfNode(child);
@@ -245,7 +246,7 @@ RtStringRef RtXMLNodeGetString(RtXMLNodeRef node) {
 
 const void *RtXMLNodeGetInfoPtr(RtXMLNodeRef node) {
     TreeNode *n = nodeArg(node);
-    return n ? n->fInfo : nullptr;
+    return n ? info(n) : nullptr;
 }
 
 RtIndex RtXMLNodeGetVersion(RtXMLNodeRef node) {

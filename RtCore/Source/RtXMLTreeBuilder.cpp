@@ -21,6 +21,10 @@ namespace {
 constexpr size_t kFeedChunk = size_t(64) << 10;
 // Attribute values up to this length are interned like names (SOAP repeats xsi:type values).
 constexpr size_t kInternValueLength = 64;
+// Texts up to this length are interned too, in a table of their own: XML-RPC repeats struct
+// member names and booleans in every record, and a shared string saves a string object (most
+// of a short text's memory) for every repeat.
+constexpr size_t kInternTextLength = 16;
 
 uint64_t makeSeed() {
     uint64_t seed = 0;
@@ -216,6 +220,7 @@ class TreeBuilder {
     const RtXMLElementInfo *fPlainInfo;
     const RtXMLElementInfo *fEmptyInfo;
     NameTable fNames;
+    NameTable fTexts;
 
     TreeNode *fCurrent;                  // the open element, or the document node
     std::vector<TreeNode *> fLastChild;  // last child of each open node, the document first
@@ -233,7 +238,7 @@ TreeBuilder::TreeBuilder(RootNode *root, XML_Parser parser, RtOptionFlags option
     : fParser(parser), fRoot(root), fDocument(root->fDocument), fOptions(options),
       fTreeClass(classEntry(treeTypeID())), fNodeClass(classEntry(xmlNodeTypeID())),
       fPlainInfo(noAttributesInfo(false)), fEmptyInfo(noAttributesInfo(true)), fNames(root->fDocument),
-      fCurrent(&root->fNode) {
+      fTexts(root->fDocument), fCurrent(&root->fNode) {
     fLastChild.reserve(64);
     fLastChild.push_back(nullptr);
     fText.reserve(256);
@@ -292,7 +297,8 @@ void TreeBuilder::fail(int status, const std::string &description) {
 }
 
 TreeNode *TreeBuilder::appendNode(uint8_t type, RtStringRef string) {
-    auto *n = static_cast<TreeNode *>(fDocument.fArena.allocate(sizeof(TreeNode)));
+    bool leaf = isLeafType(type);
+    auto *n = static_cast<TreeNode *>(fDocument.fArena.allocate(leaf ? kLeafNodeSize : sizeof(TreeNode)));
     if (!n) {
         outOfMemory();
         return nullptr;
@@ -300,12 +306,15 @@ TreeNode *TreeBuilder::appendNode(uint8_t type, RtStringRef string) {
     initInteriorObject(&n->fTreeHeader, fTreeClass, fRoot);
     initInteriorObject(&n->fNodeHeader, fNodeClass, fRoot);
     n->fParent = fCurrent;
-    n->fFirstChild = nullptr;
     n->fNextSibling = nullptr;
     n->fString = string;
-    n->fInfo = nullptr;
     n->fChildCount = 0;
     n->fType = type;
+    if (!leaf) {
+        n->fFirstChild = nullptr;
+        n->fInfo = nullptr;
+    }
+    // The open node is an element or the document, never a leaf.
     TreeNode *&last = fLastChild.back();
     if (last)
         last->fNextSibling = n;
@@ -334,7 +343,12 @@ void TreeBuilder::flushPendingText(bool beforeReference) {
                 !(fLastChild.back() && fLastChild.back()->fType == kRtXMLNodeTypeEntityReference) &&
                 isXMLWhitespace(fText.data(), fText.size());
     if (!skip) {
-        if (RtStringRef s = createOwned(fText.data(), fText.size())) appendNode(kRtXMLNodeTypeText, s);
+        RtStringRef s = fText.size() <= kInternTextLength ? fTexts.intern(fText.data(), fText.size())
+                                                          : createOwned(fText.data(), fText.size());
+        if (s)
+            appendNode(kRtXMLNodeTypeText, s);
+        else
+            outOfMemory();
     }
     fText.clear();
 }

@@ -47,18 +47,34 @@ class Arena {
 };
 
 // One position of the tree and its node, in one block: an RtTreeRef points at fTreeHeader, an
-// RtXMLNodeRef at fNodeHeader.
+// RtXMLNodeRef at fNodeHeader. Nodes that never have children or an info record (text, CDATA,
+// entity references, comments) are allocated without the last two fields: they are about a
+// third of a typical document's nodes. Read those fields through firstChild and info only.
 struct TreeNode {
     RtRuntimeBase fTreeHeader;
     RtRuntimeBase fNodeHeader;
     TreeNode *fParent;
-    TreeNode *fFirstChild;
     TreeNode *fNextSibling;
     RtStringRef fString; // owned by the document (or a constant)
-    const void *fInfo;   // element: const RtXMLElementInfo *; processing instruction: const RtStringRef *
     uint32_t fChildCount;
     uint8_t fType;
+    // Branch nodes only:
+    TreeNode *fFirstChild;
+    const void *fInfo; // element: const RtXMLElementInfo *; processing instruction: const RtStringRef *
 };
+
+constexpr size_t kLeafNodeSize = offsetof(TreeNode, fFirstChild);
+
+inline bool isLeafType(uint8_t type) {
+    return type == kRtXMLNodeTypeText || type == kRtXMLNodeTypeCDATASection ||
+           type == kRtXMLNodeTypeEntityReference || type == kRtXMLNodeTypeComment;
+}
+inline TreeNode *firstChild(const TreeNode *n) {
+    return isLeafType(n->fType) ? nullptr : n->fFirstChild;
+}
+inline const void *info(const TreeNode *n) {
+    return isLeafType(n->fType) ? nullptr : n->fInfo;
+}
 
 // What the root position owns besides its own node.
 struct Document {
