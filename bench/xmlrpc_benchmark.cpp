@@ -1,6 +1,13 @@
-// XML-RPC reading and writing throughput on a reply of about 3 MB: an array of structs with an
-// int, a string with entities, a double, a boolean, a date and base64 data. The floor is raw
-// expat on the same bytes (element and text callbacks that do nothing), in the same run.
+// XML-RPC reading and writing on the documents every side of the comparison uses
+// (bench/BenchSupport.h): the 3 MB reply of 5,000 records of an int, a string with entities and
+// non-ASCII text, a double, a boolean, a date and base64 data, and the same records as values.
+// The floor is raw expat on the same bytes (element and text callbacks that do nothing) in the
+// same run; the peers (xmlrpc-c, Python) run on the same bytes in bench/peers.
+//   BM_XMLRPCReplyToResult     the reply into a result dictionary
+//   BM_XMLRPCParamsToRequest   the records into a request document
+//   BM_XMLRPCReplyPeakRSS      peak memory of one read, as a multiple of the reply's size
+#include "BenchValues.h"
+
 #include <HalvosCore/HalvosCore.h>
 
 #include <benchmark/benchmark.h>
@@ -10,43 +17,19 @@
 
 namespace {
 
-// The parameters of the benchmark call: one array of `count` records.
-RtDictionaryRef createParameters(int count) {
-    RtMutableArrayRef records = RtArrayCreateMutable(nullptr, count, &kRtTypeArrayCallBacks);
-    uint8_t bytes[48];
-    for (size_t i = 0; i < sizeof bytes; i++)
-        bytes[i] = static_cast<uint8_t>(i * 37);
-    for (int i = 0; i < count; i++) {
-        double ratio = i * 0.25;
-        RtNumberRef number = RtNumberCreate(nullptr, kRtNumberSInt32Type, &i);
-        RtNumberRef real = RtNumberCreate(nullptr, kRtNumberDoubleType, &ratio);
-        RtStringRef name = RtStringCreateWithFormat(nullptr, nullptr, RTSTR("record %d: <Smith & Sons> \"quoted\""), i);
-        RtDateRef when = RtDateCreate(nullptr, 31535947.0 + i);
-        RtDataRef blob = RtDataCreate(nullptr, bytes, sizeof bytes);
-        const void *keys[] = {RTSTR("id"), RTSTR("name"), RTSTR("ratio"), RTSTR("active"), RTSTR("when"), RTSTR("blob")};
-        const void *values[] = {number, name, real, (i % 2) ? kRtBooleanTrue : kRtBooleanFalse, when, blob};
-        RtDictionaryRef record = RtDictionaryCreate(nullptr, keys, values, 6, &kRtCopyStringDictionaryKeyCallBacks,
-                                                    &kRtTypeDictionaryValueCallBacks);
-        RtArrayAppendValue(records, record);
-        for (RtTypeRef owned : {static_cast<RtTypeRef>(number), static_cast<RtTypeRef>(real),
-                                static_cast<RtTypeRef>(name), static_cast<RtTypeRef>(when),
-                                static_cast<RtTypeRef>(blob), static_cast<RtTypeRef>(record)})
-            RtRelease(owned);
-    }
-    const void *key = RTSTR("records");
-    const void *value = records;
-    RtDictionaryRef parameters =
-        RtDictionaryCreate(nullptr, &key, &value, 1, &kRtCopyStringDictionaryKeyCallBacks, &kRtTypeDictionaryValueCallBacks);
-    RtRelease(records);
-    return parameters;
-}
-
-// The same records as a reply document, written once for all the benchmarks.
+// The reply bytes and the call's parameters (one array of the records), made once.
 struct Fixture {
     HVProtocolHandlerRef handler = HVProtocolHandlerCreate(nullptr, kHVXMLRPCProtocol);
-    RtDictionaryRef parameters = createParameters(2200);
-    RtDataRef reply = HVProtocolHandlerCopyReplyDocument(
-        handler, nullptr, RtDictionaryGetValue(parameters, RTSTR("records")));
+    RtDataRef reply = hvbench::createDataNoCopy(hvbench::xmlrpcReplyDocument());
+    RtDictionaryRef parameters = [] {
+        RtArrayRef records = hvbench::createRecordArray();
+        const void *key = RTSTR("records");
+        const void *value = records;
+        RtDictionaryRef dictionary = RtDictionaryCreate(
+            nullptr, &key, &value, 1, &kRtCopyStringDictionaryKeyCallBacks, &kRtTypeDictionaryValueCallBacks);
+        RtRelease(records);
+        return dictionary;
+    }();
 };
 
 Fixture &fixture() {
@@ -79,7 +62,9 @@ static void BM_XMLRPCReplyToResult(benchmark::State &state) {
     Fixture &f = fixture();
     for (auto _ : state) {
         RtDictionaryRef result = HVProtocolHandlerCopyReplyDictionary(f.handler, RTSTR("m"), f.reply);
-        if (!RtDictionaryGetValue(result, kHVMethodInvocationResult))
+        auto records = static_cast<RtArrayRef>(RtDictionaryGetValue(result, kHVMethodInvocationResult));
+        if (!records || RtGetTypeID(records) != RtArrayGetTypeID() ||
+            RtArrayGetCount(records) != RtIndex(hvbench::kRecordCount))
             state.SkipWithError("the reply did not read back");
         RtRelease(result);
     }
@@ -91,13 +76,26 @@ static void BM_XMLRPCParamsToRequest(benchmark::State &state) {
     Fixture &f = fixture();
     RtIndex written = 0;
     for (auto _ : state) {
-        RtDataRef request = HVProtocolHandlerCopyRequestDocument(f.handler, RTSTR("records.put"), f.parameters,
-                                                                 nullptr, nullptr);
+        RtDataRef request = HVProtocolHandlerCopyRequestDocument(f.handler, RTSTR("records.put"),
+                                                                 f.parameters, nullptr, nullptr);
         written += RtDataGetLength(request);
         RtRelease(request);
     }
     state.SetBytesProcessed(written);
 }
 BENCHMARK(BM_XMLRPCParamsToRequest)->Unit(benchmark::kMillisecond);
+
+static void BM_XMLRPCReplyPeakRSS(benchmark::State &state) {
+    Fixture &f = fixture();
+    double ratio = 0;
+    for (auto _ : state) {
+        ratio = hvbench::peakRSSRatio(size_t(RtDataGetLength(f.reply)), [&] {
+            RtRelease(HVProtocolHandlerCopyReplyDictionary(f.handler, RTSTR("m"), f.reply));
+        });
+    }
+    if (ratio <= 0) state.SkipWithError("peak memory could not be measured");
+    state.counters["peak_rss_ratio"] = ratio;
+}
+BENCHMARK(BM_XMLRPCReplyPeakRSS)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 BENCHMARK_MAIN();
