@@ -18,6 +18,13 @@ install(TARGETS ${hv_installed_libs} EXPORT HalvosCoreTargets
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+# The static libraries, built from the same objects as the shared ones, installed beside them
+# under the same names (libHalvosCore.a next to libHalvosCore.so).
+foreach(lib ${hv_installed_libs})
+  if(TARGET ${lib}_static)
+    install(FILES $<TARGET_FILE:${lib}_static> DESTINATION ${CMAKE_INSTALL_LIBDIR} RENAME lib${lib}.a)
+  endif()
+endforeach()
 install(EXPORT HalvosCoreTargets NAMESPACE HalvosCore::
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/HalvosCore)
 configure_package_config_file(cmake/HalvosCoreConfig.cmake.in
