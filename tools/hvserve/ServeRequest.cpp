@@ -130,13 +130,17 @@ void warmUp() {
             RtDataCreate(kRtAllocatorDefault, reinterpret_cast<const uint8_t *>(served.fBody.data()),
                          RtIndex(served.fBody.size()));
         RtDictionaryRef result = HVProtocolHandlerCopyReplyDictionary(handler, name, replyData);
+        // Fault documents too, without a request, as for a body that does not parse (sending
+        // such a body here would print the library's parse-error report at every start).
+        RtDictionaryRef fault = createFault(eFaultParse, "warming up");
+        RtDataRef faultDocument = HVProtocolHandlerCopyFaultDocument(handler, nullptr, fault);
+        RtRelease(faultDocument);
+        RtRelease(fault);
         RtRelease(result);
         RtRelease(replyData);
         RtRelease(request);
         RtRelease(handler);
     }
-    serveRequest(Dialect::eXMLRPC, "not a document");
-    serveRequest(Dialect::eSOAP, "<not-an-envelope/>");
     RtRelease(order);
     RtRelease(params);
     RtRelease(everyKind);
