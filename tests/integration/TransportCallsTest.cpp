@@ -1,0 +1,403 @@
+// Calls over HTTP against real servers on loopback: Python's xmlrpc.server for the method
+// results, the scripted server for what goes on the wire, the forward proxy, redirects and
+// connection reuse. Every case runs on both roads.
+#include "ForwardProxy.h"
+#include "HalvoUtils.h"
+#include "PythonPeer.h"
+#include "ScriptedHTTPServer.h"
+#include "TestHTTPClient.h"
+#include "TransportHarness.h"
+
+#include <HalvosCore/HVVersion.h>
+
+#include <gmock/gmock.h>
+
+#include <memory>
+
+using namespace hvit;
+using testing::HasSubstr;
+
+namespace {
+
+const char *const kHelloReply = "<?xml version=\"1.0\"?>\n<methodResponse><params><param><value><string>hello"
+                                "</string></value></param></params></methodResponse>\n";
+
+class TransportCalls : public testing::TestWithParam<Road> {
+protected:
+    static void SetUpTestSuite() { sPeer = std::make_unique<hvtest::PythonPeer>("xmlrpc_server.py"); }
+    static void TearDownTestSuite() { sPeer.reset(); }
+    void SetUp() override { ASSERT_TRUE(sPeer->ready()) << sPeer->error(); }
+
+    static std::string peerURL() { return sPeer->url("/RPC2"); }
+
+    static std::unique_ptr<hvtest::PythonPeer> sPeer;
+};
+
+std::unique_ptr<hvtest::PythonPeer> TransportCalls::sPeer;
+
+} // namespace
+
+// The Python peer's methods: values come back, server faults carry their code and string.
+TEST_P(TransportCalls, PythonPeerMethods) {
+    Outcome echo = Invocation(peerURL(), "echo").param("x", newString("h\u00e9llo <&> w\u00f6rld")).run(GetParam());
+    ASSERT_EQ(echo.callbacks, 1);
+    EXPECT_FALSE(echo.isFault()) << echo.streamMessage();
+    EXPECT_EQ(echo.resultText(), "h\u00e9llo <&> w\u00f6rld");
+    expectDebugEntries(echo, true);
+
+    Outcome sum = Invocation(peerURL(), "add").param("a", newNumber(40)).param("b", newNumber(2)).run(GetParam());
+    ASSERT_EQ(sum.callbacks, 1);
+    EXPECT_EQ(integer(sum.value(kHVMethodInvocationResult)), 42);
+
+    Outcome fault =
+        Invocation(peerURL(), "fault").param("code", newNumber(17)).param("string", newString("no such thing")).run(GetParam());
+    ASSERT_EQ(fault.callbacks, 1);
+    EXPECT_TRUE(fault.isFault());
+    EXPECT_EQ(fault.faultCode(), 17);
+    EXPECT_EQ(fault.faultString(), "no such thing");
+    expectDebugEntries(fault, true);
+
+    // Python answers an unknown method with a fault of its own.
+    Outcome unknown = Invocation(peerURL(), "no.such.method").run(GetParam());
+    ASSERT_EQ(unknown.callbacks, 1);
+    EXPECT_TRUE(unknown.isFault());
+    EXPECT_THAT(unknown.faultString(), HasSubstr("no.such.method"));
+}
+
+// A value of every XML-RPC type makes the round trip through the peer's echo unchanged (but
+// dates: the "Z" the library writes after the time is more than this peer reads).
+TEST_P(TransportCalls, EveryTypeThroughThePeer) {
+    const uint8_t bytes[] = {0, 1, 'b', 'i', 'n', 0xff};
+    Owned data(RtDataCreate(kRtAllocatorDefault, bytes, sizeof bytes));
+    double fraction = 3.25;
+    Owned real(RtNumberCreate(kRtAllocatorDefault, kRtNumberFloat64Type, &fraction));
+    Owned text = newString("a<b & c>d \"q\" 'a' \u00e9\u20ac\u65e5\u672c");
+    Owned inner = newStringDictionary({{"name", "inner"}});
+    Owned number = newNumber(-7);
+    const void *items[] = {number.get(), text.get(), kRtBooleanFalse, inner.get()};
+    Owned array(RtArrayCreate(kRtAllocatorDefault, items, 4, &kRtTypeArrayCallBacks));
+    const char *names[] = {"int", "double", "string", "true", "false", "base64", "array", "struct"};
+    const void *values[] = {number.get(), real.get(), text.get(),  kRtBooleanTrue,
+                            kRtBooleanFalse, data.get(), array.get(), inner.get()};
+    RtMutableDictionaryRef sent = RtDictionaryCreateMutable(kRtAllocatorDefault, 0, &kRtCopyStringDictionaryKeyCallBacks,
+                                                            &kRtTypeDictionaryValueCallBacks);
+    Owned sentOwner(sent);
+    for (size_t i = 0; i < sizeof names / sizeof names[0]; i++) {
+        Owned key = newString(names[i]);
+        RtDictionarySetValue(sent, key.get(), values[i]);
+    }
+
+    Outcome echo = Invocation(peerURL(), "echo").param("x", sentOwner).run(GetParam());
+    ASSERT_EQ(echo.callbacks, 1);
+    ASSERT_FALSE(echo.isFault()) << echo.faultString() << " / " << echo.streamMessage();
+    EXPECT_TRUE(RtEqual(echo.value(kHVMethodInvocationResult), sent));
+}
+
+// The time-out property ends a call that takes longer; 0, a negative value or no property at
+// all mean no limit.
+TEST_P(TransportCalls, SleepAndTheTimeOutProperty) {
+    Invocation slow(peerURL(), "sleep");
+    slow.param("seconds", newNumber(4)).property(kHVMethodInvocationTimeoutValue, newNumber(1));
+    Outcome timedOut = slow.run(GetParam());
+    ASSERT_EQ(timedOut.callbacks, 1);
+    expectStreamFault(timedOut, "Timed Out", -1, -65796);
+    EXPECT_EQ(timedOut.value(kHVDebugOutgoingHeaders), nullptr); // no reply was processed
+
+    for (int32_t limit : {0, -5, 30}) {
+        SCOPED_TRACE(limit);
+        Invocation quick(peerURL(), "sleep");
+        quick.param("seconds", newNumber(1)).property(kHVMethodInvocationTimeoutValue, newNumber(limit));
+        Outcome done = quick.run(GetParam());
+        ASSERT_EQ(done.callbacks, 1);
+        EXPECT_FALSE(done.isFault()) << done.streamMessage();
+        EXPECT_EQ(integer(done.value(kHVMethodInvocationResult)), 1);
+    }
+}
+
+// The request on the wire: method, target, version, the three standard headers, the body.
+TEST_P(TransportCalls, StandardRequestOnTheWire) {
+    hvtest::ScriptedHTTPServer server;
+    server.reply("*", "*", hvtest::ScriptedReply::xml(kHelloReply));
+    Outcome outcome = Invocation(server.url("/RPC2?x=1"), "echo").param("s", newString("hi")).run(GetParam());
+    ASSERT_EQ(outcome.callbacks, 1);
+    EXPECT_EQ(outcome.resultText(), "hello");
+
+    hvtest::RecordedRequest request = server.lastRequest();
+    EXPECT_EQ(request.method, "POST");
+    EXPECT_EQ(request.path, "/RPC2?x=1");
+    EXPECT_EQ(request.version, "HTTP/1.1");
+    EXPECT_EQ(request.header("User-Agent"), "Tessaly; HalvosCore.framework (" HV_VERSION_STRING ")");
+    EXPECT_EQ(request.header("Host"), "127.0.0.1"); // the URL's host name alone
+    EXPECT_EQ(request.header("Content-Type"), "text/xml");
+    EXPECT_EQ(request.headerCount("User-Agent"), 1u);
+    EXPECT_EQ(request.headerCount("Host"), 1u);
+    EXPECT_FALSE(request.hasHeader("SOAPAction"));
+    EXPECT_FALSE(request.hasHeader("Expect"));
+    EXPECT_THAT(request.body, HasSubstr("<methodName>echo</methodName>"));
+    EXPECT_EQ(request.header("Content-Length"), std::to_string(request.body.size()));
+
+    // The outgoing debug entries show what was sent.
+    RtDictionaryRef sent = static_cast<RtDictionaryRef>(outcome.value(kHVDebugOutgoingHeaders));
+    EXPECT_EQ(text(RtDictionaryGetValue(sent, RTSTR("Host"))), "127.0.0.1");
+    EXPECT_THAT(text(outcome.value(kHVDebugOutgoingBody)), HasSubstr("<methodName>echo</methodName>"));
+}
+
+// Posting method, extra headers and a template message: the template's own headers win over
+// the library's defaults, extra headers replace everything, the template's method and URL stand.
+TEST_P(TransportCalls, HeaderPrecedenceAndPostingMethod) {
+    hvtest::ScriptedHTTPServer server;
+    server.reply("*", "*", hvtest::ScriptedReply::xml(kHelloReply));
+
+    Invocation put(server.url("/RPC2"), "echo");
+    put.property(kHVPostingMethod, newString("PUT"))
+        .property(kHVHTTPExtraHeaders, newStringDictionary({{"X-Trace", "abc"}, {"Content-Type", "application/xml"}}));
+    Outcome putOutcome = put.run(GetParam());
+    ASSERT_EQ(putOutcome.callbacks, 1);
+    EXPECT_EQ(putOutcome.resultText(), "hello");
+    hvtest::RecordedRequest sent = server.lastRequest();
+    EXPECT_EQ(sent.method, "PUT");
+    EXPECT_EQ(sent.header("X-Trace"), "abc");
+    EXPECT_EQ(sent.header("Content-Type"), "application/xml");
+    EXPECT_EQ(sent.headerCount("Content-Type"), 1u);
+
+    Owned templateURL = newURL(server.url("/from-template"));
+    Owned templateMessage(RtHTTPMessageCreateRequest(kRtAllocatorDefault, RTSTR("POST"), templateURL.as<RtURLRef>(),
+                                                     kRtHTTPVersion1_1));
+    RtHTTPMessageSetHeaderFieldValue(templateMessage.as<RtHTTPMessageRef>(), RTSTR("User-Agent"), RTSTR("Custom/2.0"));
+    RtHTTPMessageSetHeaderFieldValue(templateMessage.as<RtHTTPMessageRef>(), RTSTR("Content-Type"), RTSTR("text/plain"));
+    RtHTTPMessageSetHeaderFieldValue(templateMessage.as<RtHTTPMessageRef>(), RTSTR("X-Template"), RTSTR("kept"));
+    Invocation templated(server.url("/RPC2"), "echo");
+    templated.property(kHVHTTPMessage, templateMessage)
+        .property(kHVPostingMethod, newString("PUT")) // the template's method stands
+        .property(kHVHTTPExtraHeaders, newStringDictionary({{"content-type", "text/xml; charset=utf-8"}}));
+    Outcome templatedOutcome = templated.run(GetParam());
+    ASSERT_EQ(templatedOutcome.callbacks, 1);
+    EXPECT_EQ(templatedOutcome.resultText(), "hello");
+    sent = server.lastRequest();
+    EXPECT_EQ(sent.method, "POST");
+    EXPECT_EQ(sent.path, "/from-template");
+    EXPECT_EQ(sent.header("User-Agent"), "Custom/2.0");
+    EXPECT_EQ(sent.header("X-Template"), "kept");
+    EXPECT_EQ(sent.header("Host"), "127.0.0.1");
+    EXPECT_EQ(sent.header("Content-Type"), "text/xml; charset=utf-8");
+    EXPECT_EQ(sent.headerCount("Content-Type"), 1u);
+    EXPECT_THAT(sent.body, HasSubstr("<methodName>echo</methodName>"));
+}
+
+// The proxy property sends the request through the proxy in absolute form.
+TEST_P(TransportCalls, ThroughTheForwardProxy) {
+    hvtest::ScriptedHTTPServer origin;
+    origin.reply("POST", "/RPC2", hvtest::ScriptedReply::xml(kHelloReply));
+    hvtest::ForwardProxy proxy;
+
+    Invocation call(origin.url("/RPC2"), "echo");
+    call.property(kHVHTTPProxy, newURL("http://127.0.0.1:" + std::to_string(proxy.port()) + "/"));
+    Outcome outcome = call.run(GetParam());
+    ASSERT_EQ(outcome.callbacks, 1);
+    EXPECT_EQ(outcome.resultText(), "hello");
+    ASSERT_EQ(proxy.requestCount(), 1u);
+    EXPECT_EQ(proxy.requests()[0].path, origin.url("/RPC2"));
+    EXPECT_EQ(origin.requestCount(), 1u);
+}
+
+// A proxy URL without a port means port 80. Nothing listens there on a test machine, so the
+// call fails to connect instead of reaching the origin directly.
+TEST_P(TransportCalls, ProxyWithoutPortUsesPort80) {
+    hvtest::TestHTTPConnection probe(80, std::chrono::milliseconds(500));
+    if (probe.connected())
+        GTEST_SKIP() << "something listens on 127.0.0.1:80";
+    hvtest::ScriptedHTTPServer origin;
+    origin.reply("*", "*", hvtest::ScriptedReply::xml(kHelloReply));
+
+    Invocation call(origin.url("/RPC2"), "echo");
+    call.property(kHVHTTPProxy, newURL("http://127.0.0.1/"));
+    Outcome outcome = call.run(GetParam());
+    ASSERT_EQ(outcome.callbacks, 1);
+    expectStreamFault(outcome, "Stream Error", 20, 7); // CURLE_COULDNT_CONNECT
+    EXPECT_EQ(origin.requestCount(), 0u);
+}
+
+// Redirects are followed unless the property says otherwise; then the status line is the fault.
+TEST_P(TransportCalls, Redirects) {
+    hvtest::ScriptedHTTPServer server;
+    hvtest::ScriptedReply moved;
+    moved.status = 307;
+    moved.headers = {{"Location", server.url("/RPC2")}, {"Content-Type", "text/html"}};
+    moved.body = "<html>moved</html>";
+    server.reply("*", "/old", moved);
+    server.reply("*", "/RPC2", hvtest::ScriptedReply::xml(kHelloReply));
+
+    Outcome followed = Invocation(server.url("/old"), "echo").run(GetParam());
+    ASSERT_EQ(followed.callbacks, 1);
+    EXPECT_EQ(followed.resultText(), "hello");
+    EXPECT_EQ(server.lastRequest().path, "/RPC2");
+    EXPECT_THAT(server.lastRequest().body, HasSubstr("<methodName>echo</methodName>"));
+
+    for (RtTypeRef setting : {static_cast<RtTypeRef>(kRtBooleanFalse), static_cast<RtTypeRef>(RTSTR("yes"))}) {
+        server.clearRecords();
+        Invocation stays(server.url("/old"), "echo");
+        stays.property(kHVHTTPFollowsRedirects, setting);
+        Outcome notFollowed = stays.run(GetParam());
+        ASSERT_EQ(notFollowed.callbacks, 1);
+        expectStreamFault(notFollowed, "HTTP/1.1 307 Temporary Redirect", -1, -65795);
+        expectDebugEntries(notFollowed, true);
+        EXPECT_EQ(server.requestCount(), 1u);
+    }
+}
+
+// Sequential calls to one server share one connection, whatever the road.
+TEST_P(TransportCalls, ConnectionReuseAcrossInvocations) {
+    hvtest::ScriptedHTTPServer server;
+    server.reply("*", "*", hvtest::ScriptedReply::xml(kHelloReply));
+    for (int i = 0; i < 5; i++) {
+        Outcome outcome = Invocation(server.url("/RPC2"), "echo").run(GetParam());
+        ASSERT_EQ(outcome.callbacks, 1);
+        EXPECT_EQ(outcome.resultText(), "hello");
+    }
+    EXPECT_EQ(server.requestCount(), 5u);
+    EXPECT_EQ(server.connectionCount(), 1u);
+}
+
+// One invocation can be called again: each call sends its own request and delivers its own
+// result once.
+TEST_P(TransportCalls, OneInvocationCalledRepeatedly) {
+    hvtest::ScriptedHTTPServer server;
+    server.reply("*", "*", hvtest::ScriptedReply::xml(kHelloReply));
+    Invocation call(server.url("/RPC2"), "echo");
+    for (int i = 0; i < 3; i++) {
+        Outcome outcome = call.run(GetParam());
+        ASSERT_EQ(outcome.callbacks, 1);
+        EXPECT_EQ(outcome.resultText(), "hello");
+    }
+    EXPECT_EQ(server.requestCount(), 3u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Roads, TransportCalls, testing::Values(Road::eSync, Road::eAsync), roadName);
+
+namespace {
+
+int gOtherFired = 0;
+
+void _otherPerform(void *) { gOtherFired++; }
+void _otherTimer(RtRunLoopTimerRef, void *) { gOtherFired++; }
+
+} // namespace
+
+// A synchronous call runs only its private mode: a signalled source and a due timer in the
+// caller's modes wait until the caller runs those modes again.
+TEST(TransportSync, OtherModesDoNotFireDuringInvoke) {
+    hvtest::ScriptedHTTPServer server;
+    server.reply("*", "*", hvtest::ScriptedReply::xml(kHelloReply));
+    RtRunLoopRef loop = RtRunLoopGetCurrent();
+    RtRunLoopSourceContext context = {0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, _otherPerform};
+    Owned source(RtRunLoopSourceCreate(kRtAllocatorDefault, 0, &context));
+    Owned timer(RtRunLoopTimerCreate(kRtAllocatorDefault, RtAbsoluteTimeGetCurrent() - 1, 0, 0, 0, _otherTimer, nullptr));
+    RtRunLoopAddSource(loop, source.as<RtRunLoopSourceRef>(), kRtRunLoopDefaultMode);
+    RtRunLoopAddTimer(loop, timer.as<RtRunLoopTimerRef>(), asyncTestMode());
+    RtRunLoopSourceSignal(source.as<RtRunLoopSourceRef>());
+    gOtherFired = 0;
+
+    Outcome outcome = Invocation(server.url("/RPC2"), "echo").run(Road::eSync);
+    ASSERT_EQ(outcome.callbacks, 1);
+    EXPECT_EQ(outcome.resultText(), "hello");
+    EXPECT_EQ(gOtherFired, 0);
+
+    RtRunLoopRunInMode(kRtRunLoopDefaultMode, 0.05, false);
+    RtRunLoopRunInMode(asyncTestMode(), 0.05, false);
+    EXPECT_EQ(gOtherFired, 2);
+    RtRunLoopRemoveSource(loop, source.as<RtRunLoopSourceRef>(), kRtRunLoopDefaultMode);
+    RtRunLoopRemoveTimer(loop, timer.as<RtRunLoopTimerRef>(), asyncTestMode());
+}
+
+namespace {
+
+const char *const kAddReplyFormat = "<?xml version=\"1.0\"?>\n<methodResponse><params><param><value><int>%d"
+                                    "</int></value></param></params></methodResponse>\n";
+
+void _checkSum(int index, RtDictionaryRef result, void *) {
+    ASSERT_NE(result, nullptr);
+    EXPECT_FALSE(HVMethodResultIsFault(result));
+    EXPECT_EQ(integer(RtDictionaryGetValue(result, kHVMethodInvocationResult)), index * 10 + 1);
+}
+
+} // namespace
+
+// Many calls in flight on one run loop each deliver exactly their own result once.
+TEST(TransportAsync, ManyCallsInFlightOnOneLoop) {
+    hvtest::ScriptedHTTPServer server;
+    server.route("POST", "*", [](const hvtest::RecordedRequest &request) {
+        // Echo the path number back as the result, after a pause so that the calls overlap.
+        int n = std::stoi(request.path.substr(1));
+        char body[256];
+        snprintf(body, sizeof body, kAddReplyFormat, n * 10 + 1);
+        hvtest::ScriptedReply reply = hvtest::ScriptedReply::xml(body);
+        reply.delay = std::chrono::milliseconds(100);
+        return reply;
+    });
+    constexpr int kCalls = 12;
+    std::vector<std::unique_ptr<Invocation>> calls;
+    HVMethodInvocationRef refs[kCalls];
+    for (int i = 0; i < kCalls; i++) {
+        calls.push_back(std::make_unique<Invocation>(server.url("/" + std::to_string(i)), "add"));
+        refs[i] = calls.back()->get();
+    }
+    int callbacks[kCalls];
+    runConcurrently(refs, kCalls, callbacks, _checkSum, nullptr);
+    for (int i = 0; i < kCalls; i++)
+        EXPECT_EQ(callbacks[i], 1) << "call " << i;
+    EXPECT_EQ(server.requestCount(), static_cast<size_t>(kCalls));
+}
+
+namespace {
+
+struct ReleasingDelivery {
+    HVMethodInvocationRef invocation;
+    int callbacks = 0;
+    bool fault = true;
+};
+
+void _releaseInCallback(HVMethodInvocationRef invocation, void *info, RtDictionaryRef result) {
+    ReleasingDelivery *delivery = static_cast<ReleasingDelivery *>(info);
+    delivery->callbacks++;
+    delivery->fault = HVMethodResultIsFault(result);
+    RtRelease(result);
+    // The usual end of an asynchronous call: the client lets go of everything in its callback.
+    HVMethodInvocationUnscheduleFromRunLoop(invocation, RtRunLoopGetCurrent(), asyncTestMode());
+    RtRelease(invocation);
+    delivery->invocation = nullptr;
+}
+
+} // namespace
+
+// A client may unschedule and release the invocation from inside its callback, on every way a
+// call can end, with verbose logging on (the log lines run after the result was delivered).
+TEST(TransportAsync, ReleaseFromInsideTheCallback) {
+    hvtest::ScriptedHTTPServer server;
+    server.reply("POST", "/ok", hvtest::ScriptedReply::xml(kHelloReply));
+    server.reply("POST", "/json", hvtest::ScriptedReply::with(200, "application/json", "{}"));
+    hvInitStatics(); // reads the environment once; the switches set below must not be overwritten
+    int savedDebug = gHVDebug, savedVerbose = gHVDebugVerbose;
+    gHVDebug = gHVDebugVerbose = 1;
+    testing::internal::CaptureStderr();
+    const std::string urls[] = {server.url("/ok"), server.url("/json"),
+                                "http://127.0.0.1:" + std::to_string(hvtest::freeLoopbackPort()) + "/", "urn:no-host"};
+    for (const std::string &url : urls) {
+        SCOPED_TRACE(url);
+        Owned endpoint = newURL(url);
+        ReleasingDelivery delivery;
+        delivery.invocation = HVMethodInvocationCreate(endpoint.as<RtURLRef>(), RTSTR("echo"), kHVXMLRPCProtocol);
+        HVClientContext context = {0, &delivery, nullptr, nullptr, nullptr};
+        HVMethodInvocationSetCallBack(delivery.invocation, _releaseInCallback, &context);
+        HVMethodInvocationScheduleWithRunLoop(delivery.invocation, RtRunLoopGetCurrent(), asyncTestMode());
+        RtAbsoluteTime guard = RtAbsoluteTimeGetCurrent() + 30;
+        while (delivery.callbacks == 0 && RtAbsoluteTimeGetCurrent() < guard)
+            RtRunLoopRunInMode(asyncTestMode(), 1.0, true);
+        RtRunLoopRunInMode(asyncTestMode(), 0.05, false);
+        EXPECT_EQ(delivery.callbacks, 1);
+        EXPECT_EQ(delivery.fault, url != urls[0]);
+    }
+    std::string log = testing::internal::GetCapturedStderr();
+    gHVDebug = savedDebug;
+    gHVDebugVerbose = savedVerbose;
+    EXPECT_THAT(log, HasSubstr("HTTPClosureSource::perform state 0 (uninit)"));
+}

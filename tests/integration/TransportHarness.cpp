@@ -1,0 +1,227 @@
+// The shared road runner and result readers of the end-to-end call tests.
+#include "TransportHarness.h"
+
+#include <climits>
+#include <vector>
+
+namespace hvit {
+
+std::string roadName(const testing::TestParamInfo<Road> &info) { return info.param == Road::eSync ? "Sync" : "Async"; }
+
+Owned &Owned::operator=(Owned &&other) noexcept {
+    if (this != &other) {
+        if (fRef)
+            RtRelease(fRef);
+        fRef = other.fRef;
+        other.fRef = nullptr;
+    }
+    return *this;
+}
+
+Owned::~Owned() {
+    if (fRef)
+        RtRelease(fRef);
+}
+
+Owned newString(const std::string &utf8) {
+    return Owned(RtStringCreateWithBytes(kRtAllocatorDefault, reinterpret_cast<const uint8_t *>(utf8.data()),
+                                         static_cast<RtIndex>(utf8.size()), kRtStringEncodingUTF8, false));
+}
+
+Owned newNumber(int32_t value) { return Owned(RtNumberCreate(kRtAllocatorDefault, kRtNumberSInt32Type, &value)); }
+
+Owned newURL(const std::string &text) {
+    Owned string = newString(text);
+    return Owned(RtURLCreateWithString(kRtAllocatorDefault, string.as<RtStringRef>(), nullptr));
+}
+
+Owned newStringDictionary(std::initializer_list<std::pair<const char *, const char *>> pairs) {
+    RtMutableDictionaryRef dict = RtDictionaryCreateMutable(kRtAllocatorDefault, 0, &kRtCopyStringDictionaryKeyCallBacks,
+                                                            &kRtTypeDictionaryValueCallBacks);
+    for (const auto &pair : pairs) {
+        Owned key = newString(pair.first);
+        Owned value = newString(pair.second);
+        RtDictionarySetValue(dict, key.get(), value.get());
+    }
+    return Owned(dict);
+}
+
+std::string text(RtTypeRef value) {
+    if (!value || RtGetTypeID(value) != RtStringGetTypeID())
+        return "";
+    RtStringRef string = static_cast<RtStringRef>(value);
+    RtIndex length = RtStringGetLength(string);
+    std::string bytes(static_cast<size_t>(RtStringGetMaximumSizeForEncoding(length, kRtStringEncodingUTF8)), '\0');
+    RtIndex used = 0;
+    RtStringGetBytes(string, RtRange{0, length}, kRtStringEncodingUTF8, 0, false,
+                     reinterpret_cast<uint8_t *>(&bytes[0]), static_cast<RtIndex>(bytes.size()), &used);
+    bytes.resize(static_cast<size_t>(used));
+    return bytes;
+}
+
+int64_t integer(RtTypeRef value) {
+    int64_t number = INT64_MIN;
+    if (value && RtGetTypeID(value) == RtNumberGetTypeID())
+        RtNumberGetValue(static_cast<RtNumberRef>(value), kRtNumberSInt64Type, &number);
+    return number;
+}
+
+RtTypeRef Outcome::value(RtStringRef key) const {
+    return dictionary() ? RtDictionaryGetValue(dictionary(), key) : nullptr;
+}
+
+static RtTypeRef streamEntry(const Outcome &outcome, RtStringRef key) {
+    RtTypeRef extra = outcome.value(kHVFaultExtra);
+    if (!extra || RtGetTypeID(extra) != RtDictionaryGetTypeID())
+        return nullptr;
+    return RtDictionaryGetValue(static_cast<RtDictionaryRef>(extra), key);
+}
+
+std::string Outcome::streamMessage() const { return text(streamEntry(*this, kHVStreamErrorMessage)); }
+int64_t Outcome::streamDomain() const { return integer(streamEntry(*this, kHVStreamErrorDomain)); }
+int64_t Outcome::streamError() const { return integer(streamEntry(*this, kHVStreamErrorError)); }
+
+Invocation::Invocation(const std::string &url, const char *method, RtStringRef protocol)
+    : fRef(nullptr), fParameters(RtDictionaryCreateMutable(kRtAllocatorDefault, 0, &kRtCopyStringDictionaryKeyCallBacks,
+                                                           &kRtTypeDictionaryValueCallBacks)),
+      fOrder(RtArrayCreateMutable(kRtAllocatorDefault, 0, &kRtTypeArrayCallBacks)) {
+    Owned endpoint = newURL(url);
+    Owned name = newString(method);
+    fRef = HVMethodInvocationCreate(endpoint.as<RtURLRef>(), name.as<RtStringRef>(), protocol);
+    HVMethodInvocationSetParameters(fRef, fParameters, fOrder);
+}
+
+Invocation::~Invocation() {
+    if (fRef)
+        RtRelease(fRef);
+    RtRelease(fParameters);
+    RtRelease(fOrder);
+}
+
+Invocation &Invocation::param(const char *name, RtTypeRef value) {
+    Owned key = newString(name);
+    RtDictionarySetValue(fParameters, key.get(), value);
+    RtArrayAppendValue(fOrder, key.get());
+    HVMethodInvocationSetParameters(fRef, fParameters, fOrder);
+    return *this;
+}
+
+Invocation &Invocation::property(RtStringRef key, RtTypeRef value) {
+    HVMethodInvocationSetProperty(fRef, key, value);
+    return *this;
+}
+
+Outcome Invocation::run(Road road, double lingerSeconds) const { return runCall(fRef, road, lingerSeconds); }
+
+RtStringRef asyncTestMode() { return RTSTR("HVTransportTestMode"); }
+
+namespace {
+
+struct Delivery {
+    int callbacks = 0;
+    RtDictionaryRef first = nullptr;
+};
+
+void _countingCallback(HVMethodInvocationRef, void *info, RtDictionaryRef result) {
+    Delivery *delivery = static_cast<Delivery *>(info);
+    delivery->callbacks++;
+    // The callback owns the dictionary: keep the first, drop any later one (counted above).
+    if (!delivery->first)
+        delivery->first = result;
+    else if (result)
+        RtRelease(result);
+}
+
+} // namespace
+
+Outcome runCall(HVMethodInvocationRef invocation, Road road, double lingerSeconds) {
+    Delivery delivery;
+    HVClientContext context = {0, &delivery, nullptr, nullptr, nullptr};
+    RtRunLoopRef loop = RtRunLoopGetCurrent();
+    RtStringRef lingerMode = asyncTestMode();
+    if (road == Road::eSync) {
+        delivery.first = HVMethodInvocationInvoke(invocation);
+        delivery.callbacks = delivery.first ? 1 : 0;
+        // Invoke ran the call in this private mode; whatever the transport left there runs now.
+        lingerMode = RTSTR("HVSYNC");
+        HVMethodInvocationSetCallBack(invocation, _countingCallback, &context);
+    } else {
+        HVMethodInvocationSetCallBack(invocation, _countingCallback, &context);
+        HVMethodInvocationScheduleWithRunLoop(invocation, loop, asyncTestMode());
+        RtAbsoluteTime guard = RtAbsoluteTimeGetCurrent() + 60;
+        while (delivery.callbacks == 0 && RtAbsoluteTimeGetCurrent() < guard)
+            RtRunLoopRunInMode(asyncTestMode(), 1.0, true);
+    }
+    RtAbsoluteTime end = RtAbsoluteTimeGetCurrent() + lingerSeconds;
+    while (RtAbsoluteTimeGetCurrent() < end)
+        if (RtRunLoopRunInMode(lingerMode, end - RtAbsoluteTimeGetCurrent(), false) == kRtRunLoopRunFinished)
+            break; // nothing left in the mode that could deliver
+
+    HVMethodInvocationUnscheduleFromRunLoop(invocation, loop, asyncTestMode());
+    HVMethodInvocationSetCallBack(invocation, nullptr, nullptr);
+    Outcome outcome;
+    outcome.callbacks = delivery.callbacks;
+    outcome.result = Owned(delivery.first);
+    return outcome;
+}
+
+void runConcurrently(HVMethodInvocationRef *invocations, int count, int *callbacks,
+                     void (*check)(int index, RtDictionaryRef result, void *context), void *context) {
+    std::vector<Delivery> deliveries(static_cast<size_t>(count));
+    RtRunLoopRef loop = RtRunLoopGetCurrent();
+    for (int i = 0; i < count; i++) {
+        HVClientContext client = {0, &deliveries[static_cast<size_t>(i)], nullptr, nullptr, nullptr};
+        HVMethodInvocationSetCallBack(invocations[i], _countingCallback, &client);
+        HVMethodInvocationScheduleWithRunLoop(invocations[i], loop, asyncTestMode());
+    }
+    auto allDelivered = [&] {
+        for (const Delivery &delivery : deliveries)
+            if (delivery.callbacks == 0)
+                return false;
+        return true;
+    };
+    RtAbsoluteTime guard = RtAbsoluteTimeGetCurrent() + 60;
+    while (!allDelivered() && RtAbsoluteTimeGetCurrent() < guard)
+        RtRunLoopRunInMode(asyncTestMode(), 1.0, true);
+    RtRunLoopRunInMode(asyncTestMode(), 0.05, false);
+    for (int i = 0; i < count; i++) {
+        HVMethodInvocationUnscheduleFromRunLoop(invocations[i], loop, asyncTestMode());
+        HVMethodInvocationSetCallBack(invocations[i], nullptr, nullptr);
+        Delivery &delivery = deliveries[static_cast<size_t>(i)];
+        callbacks[i] = delivery.callbacks;
+        if (check)
+            check(i, delivery.first, context);
+        if (delivery.first)
+            RtRelease(delivery.first);
+    }
+}
+
+void expectDebugEntries(const Outcome &outcome, bool withResponse) {
+    RtTypeRef outHeaders = outcome.value(kHVDebugOutgoingHeaders);
+    ASSERT_TRUE(outHeaders && RtGetTypeID(outHeaders) == RtDictionaryGetTypeID());
+    EXPECT_FALSE(text(RtDictionaryGetValue(static_cast<RtDictionaryRef>(outHeaders), RTSTR("User-Agent"))).empty());
+    // Bodies are shown with line feeds only.
+    std::string outBody = text(outcome.value(kHVDebugOutgoingBody));
+    EXPECT_NE(outBody.find("<?xml"), std::string::npos) << outBody;
+    EXPECT_EQ(outBody.find('\r'), std::string::npos);
+    EXPECT_TRUE(outcome.value(kHVDebugIncomingBody) &&
+                RtGetTypeID(outcome.value(kHVDebugIncomingBody)) == RtStringGetTypeID());
+    RtTypeRef inHeaders = outcome.value(kHVDebugIncomingHeaders);
+    if (withResponse) {
+        EXPECT_TRUE(inHeaders && RtGetTypeID(inHeaders) == RtDictionaryGetTypeID());
+        EXPECT_TRUE(outcome.value(kHVHTTPResponseMessage) != nullptr);
+    } else {
+        EXPECT_EQ(inHeaders, nullptr);
+    }
+}
+
+void expectStreamFault(const Outcome &outcome, const std::string &message, int64_t domain, int64_t error) {
+    EXPECT_TRUE(outcome.isFault());
+    EXPECT_EQ(outcome.faultString(), "/RtStreamFault");
+    EXPECT_EQ(outcome.faultCode(), -65794);
+    EXPECT_EQ(outcome.streamMessage(), message);
+    EXPECT_EQ(outcome.streamDomain(), domain);
+    EXPECT_EQ(outcome.streamError(), error);
+}
+
+} // namespace hvit
