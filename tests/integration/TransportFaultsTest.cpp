@@ -122,7 +122,7 @@ TEST_P(TransportFaults, StallPastTheTimeOut) {
 TEST_P(TransportFaults, ReplyAfterTheTimeOutIsIgnored) {
     hvtest::ScriptedHTTPServer server;
     hvtest::ScriptedReply late = hvtest::ScriptedReply::xml(kHelloReply);
-    late.delay = std::chrono::milliseconds(1500);
+    late.delay = std::chrono::milliseconds(2000);
     server.reply("*", "*", late);
     Invocation call(server.url("/RPC2"), "echo");
     call.property(kHVMethodInvocationTimeoutValue, newNumber(1));
@@ -232,12 +232,12 @@ TEST(TransportDiagnostics, VerboseAndTransactionLogLines) {
     // A time-out and a late reply, verbosely: the timer's line and the ignored callbacks.
     hvtest::ScriptedHTTPServer lateServer;
     hvtest::ScriptedReply late = hvtest::ScriptedReply::xml(kHelloReply);
-    late.delay = std::chrono::milliseconds(1300);
+    late.delay = std::chrono::milliseconds(1800);
     lateServer.reply("*", "*", late);
     Invocation slow(lateServer.url("/RPC2"), "echo");
     slow.property(kHVMethodInvocationTimeoutValue, newNumber(1));
     DiagnosticCapture timing(1, 1);
-    Outcome timedOut = slow.run(Road::eAsync, 1.0);
+    Outcome timedOut = slow.run(Road::eAsync, 1.3);
     log = timing.finish();
     ASSERT_EQ(timedOut.callbacks, 1);
     at = expectAfter(log, tag + "closure timed out: current state is 1\n", 0);
