@@ -336,6 +336,80 @@ RtStringRef RtStringCreateWithBytes(RtAllocatorRef, const uint8_t *bytes, RtInde
     return nullptr;
 }
 
+// UTF-8 from either storage without going through the per-character encoder: the protocol
+// writers render whole documents (megabytes of UTF-16 once any character is not Latin-1) this
+// way. Same results as the general loop of RtStringGetBytes.
+static RtIndex getBytesUTF8(RtStringRef str, RtRange range, uint8_t lossByte, uint8_t *buffer, RtIndex maxBufLen,
+                            RtIndex *usedBufLen) {
+    RtIndex used = 0, i = range.location, end = range.location + range.length;
+    if (!rt::isWide(str)) {
+        const uint8_t *p = rt::chars8(str);
+        for (; i < end; i++) {
+            uint8_t c = p[i];
+            RtIndex w = c < 0x80 ? 1 : 2;
+            if (buffer) {
+                if (used + w > maxBufLen) break;
+                if (w == 1) {
+                    buffer[used] = c;
+                } else {
+                    buffer[used] = uint8_t(0xC0 | (c >> 6));
+                    buffer[used + 1] = uint8_t(0x80 | (c & 0x3F));
+                }
+            }
+            used += w;
+        }
+    } else {
+        const RtUniChar *u = rt::chars16(str);
+        while (i < end) {
+            uint32_t c = u[i];
+            if (c < 0x80) {
+                if (buffer) {
+                    if (used >= maxBufLen) break;
+                    buffer[used] = uint8_t(c);
+                }
+                used++;
+                i++;
+                continue;
+            }
+            RtIndex step = 1;
+            uint8_t tmp[4];
+            size_t w;
+            if (isHighSurrogate(c) && i + 1 < end && isLowSurrogate(u[i + 1])) {
+                c = 0x10000 + ((c - 0xD800) << 10) + (u[i + 1] - 0xDC00);
+                step = 2;
+            }
+            if (isHighSurrogate(c) || isLowSurrogate(c)) {
+                if (!lossByte) break;
+                tmp[0] = lossByte;
+                w = 1;
+            } else if (c < 0x800) {
+                tmp[0] = uint8_t(0xC0 | (c >> 6));
+                tmp[1] = uint8_t(0x80 | (c & 0x3F));
+                w = 2;
+            } else if (c < 0x10000) {
+                tmp[0] = uint8_t(0xE0 | (c >> 12));
+                tmp[1] = uint8_t(0x80 | ((c >> 6) & 0x3F));
+                tmp[2] = uint8_t(0x80 | (c & 0x3F));
+                w = 3;
+            } else {
+                tmp[0] = uint8_t(0xF0 | (c >> 18));
+                tmp[1] = uint8_t(0x80 | ((c >> 12) & 0x3F));
+                tmp[2] = uint8_t(0x80 | ((c >> 6) & 0x3F));
+                tmp[3] = uint8_t(0x80 | (c & 0x3F));
+                w = 4;
+            }
+            if (buffer) {
+                if (used + RtIndex(w) > maxBufLen) break;
+                std::memcpy(buffer + used, tmp, w);
+            }
+            used += RtIndex(w);
+            i += step;
+        }
+    }
+    if (usedBufLen) *usedBufLen = used;
+    return i - range.location;
+}
+
 RtIndex RtStringGetBytes(RtStringRef str, RtRange range, RtStringEncoding encoding, uint8_t lossByte,
                          bool isExternalRepresentation, uint8_t *buffer, RtIndex maxBufLen,
                          RtIndex *usedBufLen) {
@@ -368,6 +442,7 @@ RtIndex RtStringGetBytes(RtStringRef str, RtRange range, RtStringEncoding encodi
         if (usedBufLen) *usedBufLen = n;
         return n;
     }
+    if (row->fKind == Kind::eUTF8) return getBytesUTF8(str, range, lossByte, buffer, maxBufLen, usedBufLen);
 
     RtIndex used = 0;
     uint8_t tmp[8];

@@ -557,6 +557,12 @@ void formatInto(rt::StringBuilder &out, Str *format, va_list args) {
 
 } // namespace
 
+namespace rt {
+void formatIntoBuilder(StringBuilder &out, Str *format, va_list args) {
+    formatInto(out, format, args);
+}
+} // namespace rt
+
 RtStringRef RtStringCreateWithFormat(RtAllocatorRef alloc, RtDictionaryRef formatOptions, RtStringRef format,
                                      ...) {
     va_list args;

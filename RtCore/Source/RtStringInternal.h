@@ -7,6 +7,7 @@
 
 #include "RtRuntime.h"
 
+#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -205,6 +206,9 @@ class StringBuilder {
     bool fWide = false;
     bool fFailed = false;
 };
+
+// The formatter (RtStringFormat.cpp): appends the text of format with args to out.
+void formatIntoBuilder(StringBuilder &out, Str *format, va_list args);
 
 // The immortal constant-string table (RtString.cpp). Returns a slot in a constant where the
 // formatter keeps its parsed form, or NULL for any other string.

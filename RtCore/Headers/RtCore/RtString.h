@@ -95,6 +95,14 @@ RT_EXPORT RtStringRef RtStringCreateWithFormat(RtAllocatorRef alloc, RtDictionar
                                                RtStringRef format, ...);
 RT_EXPORT RtStringRef RtStringCreateWithFormatAndArguments(RtAllocatorRef alloc, RtDictionaryRef formatOptions,
                                                            RtStringRef format, va_list arguments);
+/* Formats like RtStringCreateWithFormatAndArguments and writes the text as UTF-8 into buffer
+ * (bufferSize bytes, no terminator added), without making a string: for writers that build a
+ * whole document in one block of bytes. Returns the text's length in UTF-8 bytes; when that is
+ * more than bufferSize, the buffer's contents are unspecified and the caller formats again
+ * (with a fresh copy of the arguments) into a buffer of that size. Returns -1 when the text
+ * holds a lone surrogate, which UTF-8 cannot carry. buffer may be NULL when bufferSize is 0. */
+RT_EXPORT RtIndex RtStringFormatUTF8(char *buffer, RtIndex bufferSize, RtDictionaryRef formatOptions,
+                                     RtStringRef format, va_list arguments);
 /* Splits str at every occurrence of separator; a new array of new strings. */
 RT_EXPORT RtArrayRef RtStringCreateArrayBySeparatingStrings(RtAllocatorRef alloc, RtStringRef str,
                                                             RtStringRef separator);
