@@ -81,12 +81,26 @@ public:
     // The whole text in the buffer's encoding, new data (caller releases); NULL when some
     // character cannot be represented in that encoding.
     RtDataRef copyData() const;
-    // The text so far (borrowed).
-    RtStringRef getString() const { return fBuffer; }
+    // The text so far (borrowed; valid until the next addTo or the buffer's end).
+    RtStringRef getString() const;
     RtStringEncoding getEncoding() const { return fEncoding; }
 
 private:
-    RtMutableStringRef fBuffer;
+    void appendLine(int level, RtStringRef format, va_list &args);
+    bool reserveBytes(size_t extra);
+
+    // A UTF-8 buffer (every request, and most replies) keeps the document as UTF-8 bytes in a
+    // malloc'd block, each line formatted straight into it; copyData hands the block itself to
+    // the data it returns (a later line continues on a copy). A buffer of any other encoding
+    // keeps the text in fBuffer and encodes it at the end.
+    bool fBytesMode;
+    char *fBytes = nullptr;
+    size_t fLength = 0;
+    size_t fCapacity = 0;
+    bool fUnrepresentable = false; // a line held text UTF-8 cannot carry, or memory ran out
+    mutable RtDataRef fRendered = nullptr; // the data that owns fBytes since copyData
+    RtMutableStringRef fBuffer = nullptr;
+    mutable RtStringRef fText = nullptr; // getString's string of the bytes, made on demand
     RtStringEncoding fEncoding;
 };
 

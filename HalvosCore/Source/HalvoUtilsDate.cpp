@@ -1,7 +1,24 @@
 // ISO 8601 dates, written in GMT and read leniently.
 #include "HalvoUtils.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <cstring>
+
+// value in decimal with at least `digits` digits (zeros in front), as printf's "%N.Nu" does.
+static char *putUnsigned(char *out, unsigned value, int digits) {
+    char text[12];
+    int n = 0;
+    do {
+        text[n++] = char('0' + value % 10);
+        value /= 10;
+    } while (value);
+    while (n < digits)
+        text[n++] = '0';
+    while (n)
+        *out++ = text[--n];
+    return out;
+}
 
 void hvRtDateToISO8601String(char *buffer, RtIndex len, RtDateRef val, bool noDashes) {
     if (!buffer || len <= 0)
@@ -12,11 +29,27 @@ void hvRtDateToISO8601String(char *buffer, RtIndex len, RtDateRef val, bool noDa
     }
     RtGregorianDate gd = RtAbsoluteTimeGetGregorianDate(RtDateGetAbsoluteTime(val));
     // Every field prints unsigned and the seconds are truncated: no fraction is ever written.
+    // The text is what "%4.4u-%2.2u-%2.2uT%2.2u:%2.2u:%2.2uZ" (no dashes: "%4.4u%2.2u%2.2uT...")
+    // gives, cut to fit like snprintf's; written by hand, as every date of a document comes here.
     unsigned second = gd.second > 0 ? static_cast<unsigned>(gd.second) : 0u;
-    snprintf(buffer, static_cast<size_t>(len),
-             noDashes ? "%4.4u%2.2u%2.2uT%2.2u:%2.2u:%2.2uZ" : "%4.4u-%2.2u-%2.2uT%2.2u:%2.2u:%2.2uZ",
-             static_cast<unsigned>(gd.year), static_cast<unsigned>(gd.month), static_cast<unsigned>(gd.day),
-             static_cast<unsigned>(gd.hour), static_cast<unsigned>(gd.minute), second);
+    char text[80];
+    char *p = putUnsigned(text, static_cast<unsigned>(gd.year), 4);
+    if (!noDashes)
+        *p++ = '-';
+    p = putUnsigned(p, static_cast<unsigned>(gd.month), 2);
+    if (!noDashes)
+        *p++ = '-';
+    p = putUnsigned(p, static_cast<unsigned>(gd.day), 2);
+    *p++ = 'T';
+    p = putUnsigned(p, static_cast<unsigned>(gd.hour), 2);
+    *p++ = ':';
+    p = putUnsigned(p, static_cast<unsigned>(gd.minute), 2);
+    *p++ = ':';
+    p = putUnsigned(p, second, 2);
+    *p++ = 'Z';
+    size_t n = std::min(static_cast<size_t>(p - text), static_cast<size_t>(len) - 1);
+    std::memcpy(buffer, text, n);
+    buffer[n] = '\0';
 }
 
 namespace {

@@ -1,6 +1,8 @@
 // The document writer, indentation, charset names and the five XML entities.
 #include "HalvoUtils.h"
 
+#include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -41,25 +43,94 @@ RtStringRef getIndentString(int level) {
 
 // ---- XMLBuffer --------------------------------------------------------------------------------
 
-XMLBuffer::XMLBuffer(RtStringEncoding encoding)
-    : fBuffer(RtStringCreateMutable(kRtAllocatorDefault, 0)), fEncoding(encoding) {
+XMLBuffer::XMLBuffer(RtStringEncoding encoding) : fEncoding(encoding) {
     RtStringRef iana = getIANAString(fEncoding, &fEncoding);
+    fBytesMode = fEncoding == kRtStringEncodingUTF8;
+    if (!fBytesMode)
+        fBuffer = RtStringCreateMutable(kRtAllocatorDefault, 0);
     addTo(0, "<?xml version=\"1.0\" encoding=\"%@\"?>", iana);
 }
 
-XMLBuffer::~XMLBuffer() { RtRelease(fBuffer); }
-
-void XMLBuffer::addTo(int level, RtStringRef format, va_list &args) {
-    // Appending in place keeps a document to one growing string: no temporary per line.
-    RtStringAppend(fBuffer, getIndentString(level));
-    RtStringAppendFormatAndArguments(fBuffer, nullptr, format, args);
-    RtStringAppend(fBuffer, RTSTR("\r\n"));
+XMLBuffer::~XMLBuffer() {
+    if (!fRendered)
+        std::free(fBytes);
+    RtRelease(fRendered);
+    RtRelease(fBuffer);
+    RtRelease(fText);
 }
+
+bool XMLBuffer::reserveBytes(size_t extra) {
+    if (fRendered) {
+        // More lines after copyData: the handed-out block stays with its data; go on in a copy.
+        char *copy = static_cast<char *>(std::malloc(fLength + extra));
+        if (!copy)
+            return false;
+        std::memcpy(copy, fBytes, fLength);
+        fBytes = copy;
+        fCapacity = fLength + extra;
+        RtRelease(fRendered);
+        fRendered = nullptr;
+    }
+    if (fCapacity - fLength >= extra)
+        return true;
+    // Doubling; glibc grows a large block by remapping its pages, without copying them.
+    size_t capacity = fCapacity ? fCapacity : 4096;
+    while (capacity - fLength < extra)
+        capacity *= 2;
+    char *grown = static_cast<char *>(std::realloc(fBytes, capacity));
+    if (!grown)
+        return false;
+    fBytes = grown;
+    fCapacity = capacity;
+    return true;
+}
+
+void XMLBuffer::appendLine(int level, RtStringRef format, va_list &args) {
+    if (!fBytesMode) {
+        // Appending in place keeps a document to one growing string: no temporary per line.
+        RtStringAppend(fBuffer, getIndentString(level));
+        RtStringAppendFormatAndArguments(fBuffer, nullptr, format, args);
+        RtStringAppend(fBuffer, RTSTR("\r\n"));
+        return;
+    }
+    if (fText) {
+        RtRelease(fText);
+        fText = nullptr;
+    }
+    // Indentation, the line and CRLF; a line longer than the room left is formatted again.
+    size_t indent = size_t(RtStringGetLength(getIndentString(level))); // that many spaces
+    if (!reserveBytes(indent + 512)) {
+        fUnrepresentable = true; // out of memory: no document rather than a truncated one
+        return;
+    }
+    std::memset(fBytes + fLength, ' ', indent);
+    size_t start = fLength + indent;
+    va_list again;
+    va_copy(again, args);
+    RtIndex room = RtIndex(fCapacity - start - 2);
+    RtIndex written = RtStringFormatUTF8(fBytes + start, room, nullptr, format, args);
+    if (written > room) {
+        if (reserveBytes(indent + size_t(written) + 2))
+            written = RtStringFormatUTF8(fBytes + start, written, nullptr, format, again);
+        else
+            written = -1;
+    }
+    va_end(again);
+    if (written < 0) {
+        fUnrepresentable = true; // a lone surrogate (or no memory): the document cannot be rendered
+        return;
+    }
+    fLength = start + size_t(written);
+    fBytes[fLength++] = '\r';
+    fBytes[fLength++] = '\n';
+}
+
+void XMLBuffer::addTo(int level, RtStringRef format, va_list &args) { appendLine(level, format, args); }
 
 void XMLBuffer::addTo(int level, RtStringRef format, ...) {
     va_list args;
     va_start(args, format);
-    addTo(level, format, args);
+    appendLine(level, format, args);
     va_end(args);
 }
 
@@ -68,13 +139,33 @@ void XMLBuffer::addTo(int level, const char *format, ...) {
     RtStringRef fmt = __RtStringMakeConstantString(format);
     va_list args;
     va_start(args, format);
-    addTo(level, fmt, args);
+    appendLine(level, fmt, args);
     va_end(args);
 }
 
 RtDataRef XMLBuffer::copyData() const {
     // No loss byte: a character the encoding cannot hold makes the whole document NULL.
-    return RtStringCreateExternalRepresentation(kRtAllocatorDefault, fBuffer, fEncoding, 0);
+    if (!fBytesMode)
+        return RtStringCreateExternalRepresentation(kRtAllocatorDefault, fBuffer, fEncoding, 0);
+    if (fUnrepresentable)
+        return nullptr;
+    if (!fRendered) {
+        // The block becomes the data's bytes, without a copy; the buffer only reads it from now on.
+        fRendered = RtDataCreateWithBytesNoCopy(kRtAllocatorDefault, reinterpret_cast<const uint8_t *>(fBytes),
+                                                RtIndex(fLength), kRtAllocatorMalloc);
+        if (!fRendered)
+            return nullptr;
+    }
+    return static_cast<RtDataRef>(RtRetain(fRendered));
+}
+
+RtStringRef XMLBuffer::getString() const {
+    if (!fBytesMode)
+        return fBuffer;
+    if (!fText)
+        fText = RtStringCreateWithBytes(kRtAllocatorDefault, reinterpret_cast<const uint8_t *>(fBytes), RtIndex(fLength),
+                                        kRtStringEncodingUTF8, false);
+    return fText;
 }
 
 // ---- Entities ---------------------------------------------------------------------------------
@@ -180,29 +271,29 @@ RtMutableStringRef entityEncodeString(RtStringRef text) {
         return result;
     }
 
-    // Any other text: work on UTF-16 units in chunks; the five characters are all ASCII.
+    // Any other text: work on UTF-16 units in chunks on the stack; the five characters are all
+    // ASCII and each becomes at most six units ("&quot;").
     RtMutableStringRef result = RtStringCreateMutable(kRtAllocatorDefault, 0);
-    const RtIndex kChunk = 4096;
-    std::vector<RtUniChar> in(static_cast<size_t>(kChunk));
-    std::vector<RtUniChar> out;
-    out.reserve(static_cast<size_t>(kChunk) + 64);
+    const RtIndex kChunk = 256;
+    RtUniChar in[kChunk];
+    RtUniChar out[kChunk * 6];
     for (RtIndex pos = 0, n = 0; pos < length; pos += n) {
         n = length - pos < kChunk ? length - pos : kChunk;
-        RtStringGetCharacters(text, RtRangeMake(pos, n), in.data());
+        RtStringGetCharacters(text, RtRangeMake(pos, n), in);
         // Never split a surrogate pair between two appends.
-        if (pos + n < length && in[static_cast<size_t>(n - 1)] >= 0xD800 && in[static_cast<size_t>(n - 1)] < 0xDC00)
+        if (pos + n < length && in[n - 1] >= 0xD800 && in[n - 1] < 0xDC00)
             n--;
-        out.clear();
+        RtIndex used = 0;
         for (RtIndex i = 0; i < n; i++) {
-            const char *ref = in[static_cast<size_t>(i)] < 128 ? entityFor(in[i]) : nullptr;
+            const char *ref = in[i] < 128 ? entityFor(in[i]) : nullptr;
             if (ref) {
                 for (; *ref; ref++)
-                    out.push_back(static_cast<RtUniChar>(*ref));
+                    out[used++] = static_cast<RtUniChar>(*ref);
             } else {
-                out.push_back(in[i]);
+                out[used++] = in[i];
             }
         }
-        RtStringAppendCharacters(result, out.data(), static_cast<RtIndex>(out.size()));
+        RtStringAppendCharacters(result, out, used);
     }
     return result;
 }

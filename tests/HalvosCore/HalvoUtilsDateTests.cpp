@@ -2,6 +2,7 @@
 // its bounds.
 #include "HalvoUtilsTestSupport.h"
 
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <vector>
@@ -116,6 +117,27 @@ TEST_F(DateTest, StringFormRendersAsASCII) {
     Owned<RtStringRef> longText(newString("1998-07-17T14:08:55-05:00" + std::string(100000, '7')));
     Owned<RtDateRef> longDate(isoDecodeDate(longText));
     EXPECT_EQ(RtDateGetAbsoluteTime(longDate), gmt(1998, 7, 17, 9, 8, 55));
+}
+
+TEST_F(DateTest, WriterPrintsEveryFieldAsTheCFormatDoes) {
+    // Years past 9999 and before year 0 (printed unsigned), and every cut of the buffer.
+    for (int year : {-44, 0, 7, 1999, 12345}) {
+        RtGregorianDate gd = {year, 2, 3, 4, 5, 6.75};
+        Owned<RtDateRef> date(RtDateCreate(kRtAllocatorDefault, RtGregorianDateGetAbsoluteTime(gd)));
+        RtGregorianDate back = RtAbsoluteTimeGetGregorianDate(RtDateGetAbsoluteTime(date));
+        for (bool noDashes : {false, true}) {
+            char reference[64];
+            snprintf(reference, sizeof reference,
+                     noDashes ? "%4.4u%2.2u%2.2uT%2.2u:%2.2u:%2.2uZ" : "%4.4u-%2.2u-%2.2uT%2.2u:%2.2u:%2.2uZ",
+                     unsigned(back.year), unsigned(back.month), unsigned(back.day), unsigned(back.hour),
+                     unsigned(back.minute), unsigned(back.second));
+            for (RtIndex len = 1; len <= 40; len++) {
+                char written[64];
+                hvRtDateToISO8601String(written, len, date, noDashes);
+                EXPECT_EQ(std::string(written), std::string(reference).substr(0, size_t(len - 1))) << year;
+            }
+        }
+    }
 }
 
 } // namespace

@@ -126,4 +126,40 @@ TEST_F(XMLBufferTest, EntityDecodingAndReplaceAll) {
     EXPECT_EQ(text(s.get()), "a-b-c-");
 }
 
+TEST_F(XMLBufferTest, UTF8DocumentsOfLongAndUnrepresentableLines) {
+    // Lines longer than the buffer's spare room, non-ASCII text and surrogate pairs.
+    std::string longText;
+    for (int i = 0; i < 400; i++)
+        longText += "\xE6\x97\xA5\xF0\x9F\x98\x80x";
+    Owned<RtStringRef> value(newString(longText));
+    {
+        XMLBuffer buffer(kRtStringEncodingUTF8);
+        for (int i = 0; i < 50; i++)
+            buffer.addTo(3, RTSTR("<s>%@</s>"), value.get());
+        std::string line = "      <s>" + longText + "</s>\r\n";
+        std::string expected = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\r\n";
+        for (int i = 0; i < 50; i++)
+            expected += line;
+        Owned<RtDataRef> data(buffer.copyData());
+        EXPECT_EQ(bytesOf(data), expected);
+        EXPECT_EQ(text(buffer.getString()), expected);
+
+        // Lines after copyData go into the next copy only: the data handed out stays as it was.
+        buffer.addTo(1, "<end/>");
+        Owned<RtDataRef> more(buffer.copyData());
+        EXPECT_EQ(bytesOf(data), expected);
+        EXPECT_EQ(bytesOf(more), expected + "  <end/>\r\n");
+    }
+    {
+        // A lone surrogate cannot be written in UTF-8: no document at all.
+        const RtUniChar units[] = {'a', 0xD800};
+        Owned<RtStringRef> lone(RtStringCreateWithCharacters(kRtAllocatorDefault, units, 2));
+        XMLBuffer buffer(kRtStringEncodingUTF8);
+        buffer.addTo(1, RTSTR("<s>%@</s>"), lone.get());
+        buffer.addTo(1, "<after/>");
+        Owned<RtDataRef> data(buffer.copyData());
+        EXPECT_EQ(data.get(), nullptr);
+    }
+}
+
 } // namespace
