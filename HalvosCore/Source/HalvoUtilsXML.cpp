@@ -1,6 +1,8 @@
 // Reading documents: content checks, locating and parsing XML, tree helpers and dumps.
 #include "HalvoUtils.h"
 
+#include <strings.h>
+
 #include <cstring>
 #include <vector>
 
@@ -9,6 +11,14 @@ bool rtstrEquivilent(RtStringRef a, RtStringRef b) {
         return true;
     if (!a || !b)
         return false;
+    // The readers match every element name this way. Two ASCII strings are equal ignoring case
+    // only at the same length, and then ASCII case folding decides, without the general compare.
+    const char *pa = RtStringGetCStringPtr(a, kRtStringEncodingASCII);
+    const char *pb = pa ? RtStringGetCStringPtr(b, kRtStringEncodingASCII) : nullptr;
+    if (pb) {
+        RtIndex n = RtStringGetLength(a);
+        return n == RtStringGetLength(b) && strncasecmp(pa, pb, static_cast<size_t>(n)) == 0;
+    }
     return RtStringCompare(a, b, kRtCompareCaseInsensitive) == kRtCompareEqualTo;
 }
 

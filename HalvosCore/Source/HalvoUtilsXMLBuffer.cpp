@@ -85,6 +85,23 @@ bool XMLBuffer::reserveBytes(size_t extra) {
     return true;
 }
 
+XMLBuffer::FormatEntry XMLBuffer::classifyFormat(RtStringRef format) {
+    // Formats are nearly always RTSTR constants, which live for the process: their entries are
+    // kept by address. Any other format is looked at afresh (its address may be reused).
+    FormatEntry &slot = fFormats[(reinterpret_cast<uintptr_t>(format) >> 4) & 31];
+    if (slot.fFormat == format && format)
+        return slot;
+    FormatEntry entry{format, RtStringGetCStringPtr(format, kRtStringEncodingASCII), 0};
+    if (entry.fLiteral) {
+        entry.fLength = size_t(RtStringGetLength(format));
+        if (std::memchr(entry.fLiteral, '%', entry.fLength))
+            entry.fLiteral = nullptr;
+    }
+    if (format && RtGetRetainCount(format) == 0x7FFFFFFF) // immortal
+        slot = entry;
+    return entry;
+}
+
 void XMLBuffer::appendLine(int level, RtStringRef format, va_list &args) {
     if (!fBytesMode) {
         // Appending in place keeps a document to one growing string: no temporary per line.
@@ -97,14 +114,29 @@ void XMLBuffer::appendLine(int level, RtStringRef format, va_list &args) {
         RtRelease(fText);
         fText = nullptr;
     }
-    // Indentation, the line and CRLF; a line longer than the room left is formatted again.
-    size_t indent = size_t(RtStringGetLength(getIndentString(level))); // that many spaces
-    if (!reserveBytes(indent + 512)) {
+    // Indentation (getIndentString's count of spaces), the line and CRLF.
+    static const char kSpaces[32] = {' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ',
+                                     ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' '};
+    size_t indent = static_cast<unsigned>(level) < 15 ? size_t(level) * 2 : 30;
+    // Most lines are constant markup ("<value>", "</member>"): a format without '%' is its own
+    // text, and is copied without running the formatter.
+    FormatEntry entry = classifyFormat(format);
+    const char *literal = entry.fLiteral;
+    size_t literalLength = entry.fLength;
+    if (!reserveBytes(sizeof kSpaces + (literal ? literalLength + 2 : 512))) {
         fUnrepresentable = true; // out of memory: no document rather than a truncated one
         return;
     }
-    std::memset(fBytes + fLength, ' ', indent);
+    std::memcpy(fBytes + fLength, kSpaces, sizeof kSpaces); // a fixed-size copy; indent of it counts
     size_t start = fLength + indent;
+    if (literal) {
+        std::memcpy(fBytes + start, literal, literalLength);
+        fLength = start + literalLength;
+        fBytes[fLength++] = '\r';
+        fBytes[fLength++] = '\n';
+        return;
+    }
+    // A line longer than the room left is formatted again.
     va_list again;
     va_copy(again, args);
     RtIndex room = RtIndex(fCapacity - start - 2);

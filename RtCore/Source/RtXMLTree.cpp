@@ -75,14 +75,18 @@ static const RtRuntimeClass sXMLNodeClass = {
     0, "RtXMLNode", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, _copyNodeDescription,
 };
 
+// Every navigation call checks its argument's class: the registered identifier is read inline.
+static std::atomic<RtTypeID> sTreeTypeID{kRtNotATypeID};
+static std::atomic<RtTypeID> sXMLNodeTypeID{kRtNotATypeID};
+
 RtTypeID treeTypeID() {
-    static std::atomic<RtTypeID> sID{kRtNotATypeID};
-    return registerOnce(sID, &sTreeClass);
+    RtTypeID id = sTreeTypeID.load(std::memory_order_acquire);
+    return id != kRtNotATypeID ? id : registerOnce(sTreeTypeID, &sTreeClass);
 }
 
 RtTypeID xmlNodeTypeID() {
-    static std::atomic<RtTypeID> sID{kRtNotATypeID};
-    return registerOnce(sID, &sXMLNodeClass);
+    RtTypeID id = sXMLNodeTypeID.load(std::memory_order_acquire);
+    return id != kRtNotATypeID ? id : registerOnce(sXMLNodeTypeID, &sXMLNodeClass);
 }
 
 RootNode *createRoot(RtIndex version) {

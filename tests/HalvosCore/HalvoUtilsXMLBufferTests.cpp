@@ -151,6 +151,20 @@ TEST_F(XMLBufferTest, UTF8DocumentsOfLongAndUnrepresentableLines) {
         EXPECT_EQ(bytesOf(more), expected + "  <end/>\r\n");
     }
     {
+        // Constant markup is copied as it stands; "%%" and formats made at run time still format.
+        XMLBuffer buffer(kRtStringEncodingUTF8);
+        buffer.addTo(2, RTSTR("<value>"));
+        buffer.addTo(2, RTSTR("100%% <b/>"));
+        for (const char *made : {"<made/>", "<n>%d</n>"}) {
+            Owned<RtStringRef> format(newString(made));
+            buffer.addTo(-1, format.get(), 7);
+        }
+        Owned<RtDataRef> data(buffer.copyData());
+        EXPECT_EQ(bytesOf(data), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\r\n    <value>\r\n    100% <b/>\r\n"
+                                 "                              <made/>\r\n"
+                                 "                              <n>7</n>\r\n");
+    }
+    {
         // A lone surrogate cannot be written in UTF-8: no document at all.
         const RtUniChar units[] = {'a', 0xD800};
         Owned<RtStringRef> lone(RtStringCreateWithCharacters(kRtAllocatorDefault, units, 2));
