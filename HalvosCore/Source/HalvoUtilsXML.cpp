@@ -352,13 +352,15 @@ void dumpXMLTree(RtTreeRef tree, int level) {
 }
 
 RtStringRef prettyPrintXML(RtDataRef data, RtStringEncoding encoding) {
+    // Every HTTP result carries both bodies this way, megabytes for a large call: one copy, with
+    // the carriage returns found by memchr.
     RtIndex length = data ? RtDataGetLength(data) : 0;
-    std::vector<uint8_t> bytes(static_cast<size_t>(length));
+    std::vector<uint8_t> bytes;
     if (length > 0)
-        memcpy(bytes.data(), RtDataGetBytePtr(data), static_cast<size_t>(length));
-    for (uint8_t &b : bytes)
-        if (b == '\r')
-            b = '\n';
+        bytes.assign(RtDataGetBytePtr(data), RtDataGetBytePtr(data) + length);
+    uint8_t *end = bytes.data() + bytes.size();
+    for (uint8_t *cr = bytes.data(); length > 0 && (cr = static_cast<uint8_t *>(memchr(cr, '\r', size_t(end - cr))));)
+        *cr++ = '\n';
     RtStringRef text = RtStringCreateWithBytes(kRtAllocatorDefault, bytes.data(), length, encoding, false);
     if (!text)
         text = RtStringCreateWithBytes(kRtAllocatorDefault, bytes.data(), length, kRtStringEncodingISOLatin1, false);

@@ -453,15 +453,49 @@ bool StringBuilder::appendUTF8(const char *p, size_t n) {
     appendLatin1(b, i);
     if (i == n) return true;
     size_t mark = fLen;
-    bool ok = forEachUTF8(b + i, n - i, [this](uint32_t c) {
+    // UTF-16 never takes more units than UTF-8 takes bytes: room for the rest is made once, and
+    // widening keeps it (its capacity is counted in units), so each character is a plain store.
+    if (!reserve(n - i)) return false;
+    auto put = [this](uint32_t unit) {
+        if (fWide)
+            static_cast<RtUniChar *>(fBuf)[fLen++] = static_cast<RtUniChar>(unit);
+        else
+            static_cast<uint8_t *>(fBuf)[fLen++] = static_cast<uint8_t>(unit);
+    };
+    auto emit = [this, &put](uint32_t c) {
+        if (c > 0xFF && !fWide) widen();
+        if (fFailed) return;
         if (c < 0x10000) {
-            appendUnit(static_cast<RtUniChar>(c));
+            put(c);
         } else {
             c -= 0x10000;
-            appendUnit(static_cast<RtUniChar>(0xD800 + (c >> 10)));
-            appendUnit(static_cast<RtUniChar>(0xDC00 + (c & 0x3FF)));
+            put(0xD800 + (c >> 10));
+            put(0xDC00 + (c & 0x3FF));
         }
-    });
+    };
+    // ASCII runs are copied in bulk; each other character is decoded (and checked) on its own,
+    // its length read from its lead byte.
+    bool ok = true;
+    size_t j = i;
+    while (ok && !fFailed && j < n) {
+        size_t k = j;
+        while (k < n && b[k] < 0x80)
+            k++;
+        if (fWide) {
+            RtUniChar *d = static_cast<RtUniChar *>(fBuf) + fLen;
+            for (size_t t = j; t < k; t++)
+                *d++ = b[t];
+        } else {
+            std::memcpy(static_cast<uint8_t *>(fBuf) + fLen, b + j, k - j);
+        }
+        fLen += k - j;
+        if (k == n) break;
+        size_t length = b[k] >= 0xF0 ? 4 : b[k] >= 0xE0 ? 3 : 2;
+        if (length > n - k) length = n - k;
+        ok = forEachUTF8(b + k, length, emit);
+        j = k + length;
+    }
+    if (fFailed) return false;
     if (!ok) fLen = mark - i;
     return ok;
 }
