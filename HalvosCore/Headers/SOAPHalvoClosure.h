@@ -59,3 +59,7 @@ public:
 protected:
     RtStringRef fProtocolKind;
 };
+
+// A debugging aid: the result dictionary (caller releases) of reading tree as a SOAP reply of
+// protocolKind for an invocation without a method name, so that only faults and headers count.
+RtDictionaryRef hvDebugSOAPResult(RtStringRef protocolKind, RtTreeRef tree);

@@ -43,32 +43,9 @@ SOAPProtocolHandler::SOAPProtocolHandler(RtStringRef protocolKind)
 
 SOAPProtocolHandler::~SOAPProtocolHandler() { safeRtRelease(fProtocolKind); }
 
-// ---- Operations written with the SOAP writer, reader and the transport -----------------------
-
-// STUB until the SOAP request writer lands: no request can be built yet.
-RtDataRef SOAPHalvoMethodInvocation::constructMessage(AutoString &) { return nullptr; }
-
-// STUB until the SOAP reply reader lands: the result is left as it is.
-void SOAPHalvoMethodInvocation::parseReply(HalvoResult *, RtTreeRef) {}
+// ---- Transport ---------------------------------------------------------------------------------
+// Writing requests is in SOAPHalvoClosureWriter.cpp, reading replies in SOAPHalvoClosureReply.cpp
+// and SOAPHalvoClosureDecoder.cpp, the server side in SOAPHalvoClosureServer.cpp.
 
 // Every call travels over HTTP.
 HVRunLoopSource *SOAPHalvoMethodInvocation::createRunLoopSource() { return new HTTPClosureSource(this, getServiceURL()); }
-
-// STUB until the SOAP request writer lands.
-RtDataRef SOAPProtocolHandler::createRequest(RtStringRef, RtDictionaryRef, RtArrayRef, RtDictionaryRef) {
-    return nullptr;
-}
-
-// STUB until the SOAP server side lands.
-RtDictionaryRef SOAPProtocolHandler::parsePostData(RtDataRef, RtStringEncoding, AutoString *) { return nullptr; }
-
-// STUB until the SOAP reply reader lands.
-RtDictionaryRef SOAPProtocolHandler::parseReplyData(RtStringRef, RtDataRef, RtStringEncoding, AutoString *) {
-    return nullptr;
-}
-
-// STUB until the SOAP server side lands.
-RtDataRef SOAPProtocolHandler::createReply(RtDictionaryRef, RtTypeRef) { return nullptr; }
-
-// STUB until the SOAP server side lands.
-RtDataRef SOAPProtocolHandler::createFault(RtDictionaryRef, RtDictionaryRef) { return nullptr; }

@@ -160,6 +160,10 @@ RT_EXPORT double RtStringGetDoubleValue(RtStringRef str);
 /* ---- Comparing and searching -------------------------------------------------------------- */
 
 RT_EXPORT RtComparisonResult RtStringCompare(RtStringRef a, RtStringRef b, RtOptionFlags compareOptions);
+/* A hash of str that ignores case exactly as kRtCompareCaseInsensitive does (Unicode simple case
+ * folds, code point by code point): two strings that compare equal that way hash equal. For
+ * indexing names matched without case. 0 for NULL or a non-string. Not cached; O(length). */
+RT_EXPORT RtHashCode RtStringHashCaseInsensitive(RtStringRef str);
 RT_EXPORT RtComparisonResult RtStringCompareWithOptions(RtStringRef a, RtStringRef b, RtRange rangeOfA,
                                                         RtOptionFlags compareOptions);
 /* The range of the first (or, with Backwards, last) occurrence; {kRtNotFound, 0} when none. */
