@@ -48,16 +48,6 @@ public:
     // NULL. Borrowed.
     RtTreeRef findAnchor(RtStringRef id);
 
-    // The first attribute of node whose local name is equivalent to localName and whose
-    // namespace (split in scope; an unprefixed name takes the default namespace) is equivalent
-    // to ns, or any namespace when ns is NULL. Borrowed.
-    RtStringRef getNodeAttribute(RtTreeRef node, const AutoDict &scope, RtStringRef ns, RtStringRef localName);
-    // getNodeAttribute in the 1999 schema-instance namespace, then the 2001 one, then the
-    // scope's default namespace.
-    RtStringRef getSoapNodeAttribute(RtTreeRef node, const AutoDict &scope, RtStringRef localName);
-    // The node has an "arrayType" attribute in the SOAP encoding namespace.
-    bool isArray(RtTreeRef node, const AutoDict &scope);
-
     // While element is being decoded by a caller (a method element), an href back to it is a
     // circular reference.
     void enter(RtTreeRef element) { fActive.push_back(element); }
@@ -67,28 +57,76 @@ public:
     SOAPProtocolHandler *getHandler() const { return fHandler; }
 
 private:
-    // A name split at its first colon; prefix NULL when there is none (or it is first).
+    // The local names the decoder looks for, and namespace declarations, as bits.
+    enum : unsigned { eTypeRole = 1, eHrefRole = 2, eArrayTypeRole = 4, eIdRole = 8, eDeclarationRole = 16 };
+    // The namespaces attributes are looked for in, as bits (equivalence, not identity).
+    enum : unsigned { eXSI1999 = 1, eXSI2001 = 2, eEncoding = 4 };
+
+    // A name split at its first colon (prefix NULL when there is none, or when it is first),
+    // and the roles its local name plays.
     struct NameParts {
         RtStringRef prefix;
         RtStringRef local;
+        unsigned roles;
     };
     // What a type attribute means in the namespace its prefix names.
     struct TypeInfo {
         HVTypeID kind;
         RtStringRef qualified; // the "namespace|local" form, or the text when unqualified
     };
-    struct PairHash {
-        size_t operator()(const std::pair<const void *, const void *> &p) const {
-            return std::hash<const void *>()(p.first) * 31 + std::hash<const void *>()(p.second);
+    // Caches are keyed by text, not by object: the tree reader stops sharing equal strings once
+    // a document holds many distinct names (ids, say), and equal text must still hit.
+    struct TextHash {
+        size_t operator()(RtStringRef s) const { return s ? RtHash(s) : 0; }
+        size_t operator()(const std::pair<RtStringRef, RtStringRef> &p) const {
+            return (*this)(p.first) * 31 + (*this)(p.second);
+        }
+    };
+    struct TextEqual {
+        bool operator()(RtStringRef a, RtStringRef b) const { return a == b || (a && b && RtEqual(a, b)); }
+        bool operator()(const std::pair<RtStringRef, RtStringRef> &a, const std::pair<RtStringRef, RtStringRef> &b) const {
+            return (*this)(a.first, b.first) && (*this)(a.second, b.second);
         }
     };
 
+    // One remembered prefix lookup: the namespace prefix (or "__defaultNamespace") had in scope.
+    struct ResolvedPrefix {
+        RtStringRef fPrefix;
+        RtDictionaryRef fScope; // retained
+        RtStringRef fNamespace;
+    };
+    static constexpr size_t kResolvedSlots = 8;
+    // Recent answers by the address of the text asked about, in front of the text-keyed maps.
+    // Every address held is of a string that the document or a map keeps alive for the
+    // decoder's life, so no address can come back meanwhile holding other text.
+    static constexpr size_t kRecentSlots = 16;
+    static size_t recentSlot(const void *a, const void *b = nullptr) {
+        return ((reinterpret_cast<uintptr_t>(a) ^ (reinterpret_cast<uintptr_t>(b) >> 3)) >> 4) % kRecentSlots;
+    }
+
     const NameParts &split(RtStringRef name);
+    // The namespace of a split name in scope (the default namespace when unprefixed).
     RtStringRef resolve(const NameParts &parts, const AutoDict &scope);
+    unsigned namespaceKind(RtStringRef ns);
+    // The union of the roles of an element's attributes.
+    unsigned attributeRoles(const RtXMLElementInfo *info);
+
+    // The first attribute playing role whose namespace is in nsKinds, or any namespace when
+    // nsKinds is 0. Borrowed.
+    RtStringRef getNodeAttribute(const RtXMLElementInfo *info, const AutoDict &scope, unsigned nsKinds, unsigned role);
+    // The attribute playing role in the 1999 schema-instance namespace, else in the 2001 one,
+    // else in the scope's default namespace (any namespace when there is none).
+    RtStringRef getSoapNodeAttribute(const RtXMLElementInfo *info, const AutoDict &scope, unsigned role);
+    // An "arrayType" attribute in the SOAP encoding namespace.
+    bool isArray(const RtXMLElementInfo *info, const AutoDict &scope);
+
     const TypeInfo &typeInfo(RtStringRef type, const AutoDict &scope);
-    RtTypeRef decodeFallback(RtTreeRef target, RtTreeRef firstChild, RtStringRef text, const TypeInfo &type,
-                             const AutoDict &scope, AutoString &error);
-    RtTypeRef decodeTyped(RtTreeRef target, RtTreeRef firstChild, const AutoDict &scope, AutoString &error);
+    RtTypeRef decodeFallback(RtTreeRef target, const RtXMLElementInfo *info, RtTreeRef firstChild, RtStringRef text,
+                             const TypeInfo &type, const AutoDict &scope, AutoString &error);
+    // Decodes target by its declared or implied type; firstChild (and its node) is the
+    // referencing element's first child, which after an href is none.
+    RtTypeRef decodeTyped(RtTreeRef target, const RtXMLElementInfo *info, RtTreeRef firstChild, RtXMLNodeRef firstNode,
+                          const AutoDict &scope, AutoString &error);
     RtTypeRef followReference(RtStringRef href, const AutoDict &scope, AutoString &error);
     void buildAnchorIndex();
 
@@ -100,6 +138,15 @@ private:
     // Hash of the folded id -> Body children carrying it, in document order.
     std::unordered_multimap<RtHashCode, std::pair<RtStringRef, RtTreeRef>> fAnchors;
     std::unordered_map<RtTreeRef, RtTypeRef> fDecodedTargets;
-    std::unordered_map<RtStringRef, NameParts> fNames;
-    std::unordered_map<std::pair<const void *, const void *>, TypeInfo, PairHash> fTypes;
+    // Keys are retained by the maps' owner (released in the destructor).
+    std::unordered_map<RtStringRef, NameParts, TextHash, TextEqual> fNames;
+    std::unordered_map<RtStringRef, unsigned, TextHash, TextEqual> fNamespaceKinds;
+    ResolvedPrefix fResolved[kResolvedSlots];
+    RtStringRef fRecentNames[kRecentSlots];
+    const NameParts *fRecentNameParts[kRecentSlots];
+    RtStringRef fRecentNamespaces[kRecentSlots];
+    unsigned fRecentNamespaceKinds[kRecentSlots];
+    std::pair<RtStringRef, RtStringRef> fRecentTypeKeys[kRecentSlots];
+    const TypeInfo *fRecentTypes[kRecentSlots];
+    std::unordered_map<std::pair<RtStringRef, RtStringRef>, TypeInfo, TextHash, TextEqual> fTypes;
 };

@@ -3,6 +3,7 @@
 #include "SOAPCodec.h"
 
 #include <algorithm>
+#include <optional>
 #include <unordered_set>
 
 const RtStreamError kSOAPParseStreamError = {-1, HalvoResult::kTransportError};
@@ -36,14 +37,17 @@ private:
     int &fDepth;
 };
 
-bool isElement(RtTreeRef tree) {
-    RtXMLNodeRef node = RtXMLTreeGetNode(tree);
-    return node && RtXMLNodeGetTypeCode(node) == kRtXMLNodeTypeElement;
+// The element information of an element node, else NULL.
+const RtXMLElementInfo *elementInfo(RtXMLNodeRef node) {
+    return node && RtXMLNodeGetTypeCode(node) == kRtXMLNodeTypeElement
+               ? static_cast<const RtXMLElementInfo *>(RtXMLNodeGetInfoPtr(node))
+               : nullptr;
 }
 
-RtStringRef nodeString(RtTreeRef tree) {
-    RtXMLNodeRef node = tree ? RtXMLTreeGetNode(tree) : nullptr;
-    return node ? RtXMLNodeGetString(node) : nullptr;
+// A node's string as getElementName gives it: "" when there is no node.
+RtStringRef nodeName(RtXMLNodeRef node) {
+    RtStringRef name = node ? RtXMLNodeGetString(node) : nullptr;
+    return name ? name : RTSTR("");
 }
 
 RtTypeRef newDouble(RtStringRef text) {
@@ -54,29 +58,44 @@ RtTypeRef newDouble(RtStringRef text) {
 } // namespace
 
 SOAPDecoder::SOAPDecoder(SOAPProtocolHandler *handler, RtTreeRef body)
-    : fHandler(handler), fBody(body), fDepth(0), fIndexed(false) {}
+    : fHandler(handler), fBody(body), fDepth(0), fIndexed(false), fResolved(), fRecentNames(), fRecentNameParts(),
+      fRecentNamespaces(), fRecentNamespaceKinds(), fRecentTypeKeys(), fRecentTypes() {}
 
 SOAPDecoder::~SOAPDecoder() {
+    for (ResolvedPrefix &slot : fResolved)
+        safeRtRelease(slot.fScope);
     for (auto &entry : fDecodedTargets)
         RtRelease(entry.second);
     for (auto &entry : fNames) {
+        RtRelease(entry.first);
         safeRtRelease(entry.second.prefix);
         RtRelease(entry.second.local);
     }
-    for (auto &entry : fTypes)
+    for (auto &entry : fNamespaceKinds)
+        RtRelease(entry.first);
+    for (auto &entry : fTypes) {
+        RtRelease(entry.first.first);
+        safeRtRelease(entry.first.second);
         RtRelease(entry.second.qualified);
+    }
 }
 
 // ---- Names and attributes ---------------------------------------------------------------------
-// Attribute names and short attribute values are interned per document by the tree reader, so
-// "xsi:type" or "xsd:int" is one object throughout a reply: splitting it once and remembering
-// what it means keeps the per-element cost to a few hash lookups.
+// A reply repeats a handful of attribute names and type names ("xsi:type", "xsd:int") on every
+// element: splitting each once and remembering what it means keeps the per-element cost to a
+// few hash lookups.
 
 const SOAPDecoder::NameParts &SOAPDecoder::split(RtStringRef name) {
+    size_t recent = recentSlot(name);
+    if (fRecentNames[recent] == name)
+        return *fRecentNameParts[recent];
     auto found = fNames.find(name);
-    if (found != fNames.end())
+    if (found != fNames.end()) {
+        fRecentNames[recent] = name;
+        fRecentNameParts[recent] = &found->second;
         return found->second;
-    NameParts parts = {nullptr, nullptr};
+    }
+    NameParts parts = {nullptr, nullptr, 0};
     RtIndex colon = RtStringFind(name, RTSTR(":"), 0).location;
     RtIndex length = RtStringGetLength(name);
     // A colon in front counts as no prefix, as in xmlNamespaceQualify.
@@ -86,16 +105,75 @@ const SOAPDecoder::NameParts &SOAPDecoder::split(RtStringRef name) {
     } else {
         parts.local = static_cast<RtStringRef>(RtRetain(name));
     }
-    return fNames.emplace(name, parts).first->second;
+    if (rtstrEquivilent(parts.local, RTSTR("type")))
+        parts.roles = eTypeRole;
+    else if (rtstrEquivilent(parts.local, RTSTR("href")))
+        parts.roles = eHrefRole;
+    else if (rtstrEquivilent(parts.local, RTSTR("arrayType")))
+        parts.roles = eArrayTypeRole;
+    else if (rtstrEquivilent(parts.local, RTSTR("id")))
+        parts.roles = eIdRole;
+    // The same test as xmlGetElementNamespaces: "xmlns", or "xmlns:" and a prefix, in any case.
+    if ((length == 5 && rtstrEquivilent(name, RTSTR("xmlns"))) ||
+        (length > 6 && RtStringCompareWithOptions(name, RTSTR("xmlns:"), RtRangeMake(0, 6), kRtCompareCaseInsensitive) ==
+                           kRtCompareEqualTo))
+        parts.roles |= eDeclarationRole;
+    const NameParts &made = fNames.emplace(static_cast<RtStringRef>(RtRetain(name)), parts).first->second;
+    fRecentNames[recent] = name;
+    fRecentNameParts[recent] = &made;
+    return made;
 }
 
 RtStringRef SOAPDecoder::resolve(const NameParts &parts, const AutoDict &scope) {
-    return static_cast<RtStringRef>(scope.getValue(parts.prefix ? parts.prefix : RTSTR("__defaultNamespace")));
+    // Elements mostly share their parent's scope dictionary, and a reply uses a handful of
+    // prefixes: remember the last answer per prefix slot. The slot keeps its dictionary alive, so
+    // a dictionary freed meanwhile cannot come back at the same address and be taken for it.
+    RtStringRef key = parts.prefix ? parts.prefix : RTSTR("__defaultNamespace");
+    RtDictionaryRef dict = scope.getImmutableDict();
+    ResolvedPrefix &slot = fResolved[(reinterpret_cast<uintptr_t>(key) >> 4) % kResolvedSlots];
+    if (slot.fPrefix == key && slot.fScope == dict)
+        return slot.fNamespace;
+    RtStringRef ns = static_cast<RtStringRef>(scope.getValue(key));
+    safeRtRetain(dict);
+    safeRtRelease(slot.fScope);
+    slot = {key, dict, ns};
+    return ns;
 }
 
-RtStringRef SOAPDecoder::getNodeAttribute(RtTreeRef node, const AutoDict &scope, RtStringRef ns,
-                                          RtStringRef localName) {
-    const RtXMLElementInfo *info = treeGetElementInfo(node);
+unsigned SOAPDecoder::namespaceKind(RtStringRef ns) {
+    if (!ns)
+        return 0;
+    size_t recent = recentSlot(ns);
+    if (fRecentNamespaces[recent] == ns)
+        return fRecentNamespaceKinds[recent];
+    auto found = fNamespaceKinds.find(ns);
+    if (found != fNamespaceKinds.end()) {
+        fRecentNamespaces[recent] = ns;
+        fRecentNamespaceKinds[recent] = found->second;
+        return found->second;
+    }
+    unsigned kind = (rtstrEquivilent(ns, HV_SOAP_1999_SCHEMA_INSTANCE_NAMESPACE) ? unsigned(eXSI1999) : 0u) |
+                    (rtstrEquivilent(ns, HV_SOAP_2001_SCHEMA_INSTANCE_NAMESPACE) ? unsigned(eXSI2001) : 0u) |
+                    (rtstrEquivilent(ns, HV_SOAP_2001_ENCODING_NAMESPACE) ? unsigned(eEncoding) : 0u);
+    fNamespaceKinds.emplace(static_cast<RtStringRef>(RtRetain(ns)), kind);
+    fRecentNamespaces[recent] = ns;
+    fRecentNamespaceKinds[recent] = kind;
+    return kind;
+}
+
+unsigned SOAPDecoder::attributeRoles(const RtXMLElementInfo *info) {
+    if (!info || !info->attributes || !info->attributeOrder)
+        return 0;
+    unsigned roles = 0;
+    RtIndex count = RtArrayGetCount(info->attributeOrder);
+    for (RtIndex i = 0; i < count; i++)
+        if (RtStringRef name = static_cast<RtStringRef>(RtArrayGetValueAtIndex(info->attributeOrder, i)))
+            roles |= split(name).roles;
+    return roles;
+}
+
+RtStringRef SOAPDecoder::getNodeAttribute(const RtXMLElementInfo *info, const AutoDict &scope, unsigned nsKinds,
+                                          unsigned role) {
     if (!info || !info->attributes || !info->attributeOrder)
         return nullptr;
     RtIndex count = RtArrayGetCount(info->attributeOrder);
@@ -104,27 +182,53 @@ RtStringRef SOAPDecoder::getNodeAttribute(RtTreeRef node, const AutoDict &scope,
         if (!name)
             continue;
         const NameParts &parts = split(name);
-        if (!rtstrEquivilent(parts.local, localName))
-            continue;
-        if (ns && !rtstrEquivilent(ns, resolve(parts, scope)))
+        if (!(parts.roles & role) || (nsKinds && !(namespaceKind(resolve(parts, scope)) & nsKinds)))
             continue;
         return static_cast<RtStringRef>(RtDictionaryGetValue(info->attributes, name));
     }
     return nullptr;
 }
 
-RtStringRef SOAPDecoder::getSoapNodeAttribute(RtTreeRef node, const AutoDict &scope, RtStringRef localName) {
-    if (RtStringRef value = getNodeAttribute(node, scope, HV_SOAP_1999_SCHEMA_INSTANCE_NAMESPACE, localName))
-        return value;
-    if (RtStringRef value = getNodeAttribute(node, scope, HV_SOAP_2001_SCHEMA_INSTANCE_NAMESPACE, localName))
-        return value;
-    // Without a default namespace this last try takes the attribute in any namespace.
-    return getNodeAttribute(node, scope, static_cast<RtStringRef>(scope.getValue(RTSTR("__defaultNamespace"))),
-                            localName);
+RtStringRef SOAPDecoder::getSoapNodeAttribute(const RtXMLElementInfo *info, const AutoDict &scope, unsigned role) {
+    if (!info || !info->attributes || !info->attributeOrder)
+        return nullptr;
+    // One walk for the three tries: a 1999 match wins outright, then the first 2001 match, then
+    // the first in the default namespace (in any namespace when there is no default).
+    RtStringRef in2001 = nullptr;
+    RtStringRef inDefault = nullptr;
+    RtStringRef defaultNS = nullptr;
+    bool defaultKnown = false;
+    RtIndex count = RtArrayGetCount(info->attributeOrder);
+    for (RtIndex i = 0; i < count; i++) {
+        RtStringRef name = static_cast<RtStringRef>(RtArrayGetValueAtIndex(info->attributeOrder, i));
+        if (!name)
+            continue;
+        const NameParts &parts = split(name);
+        if (!(parts.roles & role))
+            continue;
+        RtStringRef ns = resolve(parts, scope);
+        unsigned kind = namespaceKind(ns);
+        if (kind & eXSI1999)
+            return static_cast<RtStringRef>(RtDictionaryGetValue(info->attributes, name));
+        if (kind & eXSI2001) {
+            if (!in2001)
+                in2001 = name;
+        } else if (!in2001 && !inDefault) {
+            // Only needed while no 2001 match outranks it.
+            if (!defaultKnown) {
+                defaultNS = static_cast<RtStringRef>(scope.getValue(RTSTR("__defaultNamespace")));
+                defaultKnown = true;
+            }
+            if (!defaultNS || rtstrEquivilent(defaultNS, ns))
+                inDefault = name;
+        }
+    }
+    RtStringRef chosen = in2001 ? in2001 : inDefault;
+    return chosen ? static_cast<RtStringRef>(RtDictionaryGetValue(info->attributes, chosen)) : nullptr;
 }
 
-bool SOAPDecoder::isArray(RtTreeRef node, const AutoDict &scope) {
-    return getNodeAttribute(node, scope, HV_SOAP_2001_ENCODING_NAMESPACE, RTSTR("arrayType")) != nullptr;
+bool SOAPDecoder::isArray(const RtXMLElementInfo *info, const AutoDict &scope) {
+    return getNodeAttribute(info, scope, eEncoding, eArrayTypeRole) != nullptr;
 }
 
 // ---- Types ------------------------------------------------------------------------------------
@@ -132,10 +236,16 @@ bool SOAPDecoder::isArray(RtTreeRef node, const AutoDict &scope) {
 const SOAPDecoder::TypeInfo &SOAPDecoder::typeInfo(RtStringRef type, const AutoDict &scope) {
     // What a type name means depends only on its text and the namespace its prefix has here.
     RtStringRef ns = resolve(split(type), scope);
-    auto key = std::make_pair(static_cast<const void *>(type), static_cast<const void *>(ns));
+    auto key = std::make_pair(type, ns);
+    size_t recent = recentSlot(type, ns);
+    if (fRecentTypeKeys[recent] == key)
+        return *fRecentTypes[recent];
     auto found = fTypes.find(key);
-    if (found != fTypes.end())
+    if (found != fTypes.end()) {
+        fRecentTypeKeys[recent] = key;
+        fRecentTypes[recent] = &found->second;
         return found->second;
+    }
     AutoString qualified(type);
     fullyQualify(qualified, scope);
     RtStringRef typeNS = nullptr;
@@ -144,29 +254,36 @@ const SOAPDecoder::TypeInfo &SOAPDecoder::typeInfo(RtStringRef type, const AutoD
     TypeInfo info = {HVQualifiedtoHVType(typeNS, local), qualified.getRetainedString()};
     safeRtRelease(typeNS);
     safeRtRelease(local);
-    return fTypes.emplace(key, info).first->second;
+    const TypeInfo &made = fTypes
+                               .emplace(std::make_pair(static_cast<RtStringRef>(RtRetain(type)),
+                                                       static_cast<RtStringRef>(safeRtRetain(ns))),
+                                        info)
+                               .first->second;
+    fRecentTypeKeys[recent] = key;
+    fRecentTypes[recent] = &made;
+    return made;
 }
 
-RtTypeRef SOAPDecoder::decodeTyped(RtTreeRef target, RtTreeRef firstChild, const AutoDict &scope,
-                                   AutoString &error) {
+RtTypeRef SOAPDecoder::decodeTyped(RtTreeRef target, const RtXMLElementInfo *info, RtTreeRef firstChild,
+                                   RtXMLNodeRef firstNode, const AutoDict &scope, AutoString &error) {
     // Without a declared type the shape decides, in the 2001 schema namespace.
     static const TypeInfo kImpliedArray = {eHVArrayType, RTSTR("http://www.w3.org/2001/XMLSchema|Array")};
     static const TypeInfo kImpliedDictionary = {eHVDictionaryType, RTSTR("http://www.w3.org/2001/XMLSchema|Dictionary")};
     static const TypeInfo kImpliedString = {eHVStringType, RTSTR("http://www.w3.org/2001/XMLSchema|string")};
 
     const TypeInfo *type;
-    if (RtStringRef declared = getSoapNodeAttribute(target, scope, RTSTR("type")))
+    if (RtStringRef declared = getSoapNodeAttribute(info, scope, eTypeRole))
         type = &typeInfo(declared, scope);
-    else if (isArray(target, scope))
+    else if (isArray(info, scope))
         type = &kImpliedArray;
-    else if (firstChild && isElement(firstChild))
+    else if (firstNode && RtXMLNodeGetTypeCode(firstNode) == kRtXMLNodeTypeElement)
         type = &kImpliedDictionary;
     else
         type = &kImpliedString;
 
     // The text is the first child's string: an element child gives its name. After an href the
     // first child stays the referencing element's (none), so scalars find no text here.
-    RtStringRef text = nodeString(firstChild);
+    RtStringRef text = firstNode ? RtXMLNodeGetString(firstNode) : nullptr;
     RtTypeRef value = nullptr;
     switch (type->kind) {
     case eHVNullType:
@@ -201,11 +318,12 @@ RtTypeRef SOAPDecoder::decodeTyped(RtTreeRef target, RtTreeRef firstChild, const
     default:
         break;
     }
-    return value ? value : decodeFallback(target, firstChild, text, *type, scope, error);
+    return value ? value : decodeFallback(target, info, firstChild, text, *type, scope, error);
 }
 
-RtTypeRef SOAPDecoder::decodeFallback(RtTreeRef target, RtTreeRef firstChild, RtStringRef text,
-                                      const TypeInfo &type, const AutoDict &scope, AutoString &error) {
+RtTypeRef SOAPDecoder::decodeFallback(RtTreeRef target, const RtXMLElementInfo *info, RtTreeRef firstChild,
+                                      RtStringRef text, const TypeInfo &type, const AutoDict &scope,
+                                      AutoString &error) {
     if (gHVDebug)
         _hvLogf("####: NOTE: couldn't short circuit for %@", type.qualified);
     if (gHVDebugVerbose)
@@ -213,9 +331,9 @@ RtTypeRef SOAPDecoder::decodeFallback(RtTreeRef target, RtTreeRef firstChild, Rt
 
     // The qualified form is split again at its first colon, the way the names of the document
     // are split; a namespace URI with a colon in it therefore finds no namespace here.
-    RtStringRef ns = nullptr;
-    RtStringRef local = nullptr;
-    xmlNamespaceQualify(scope, type.qualified, &ns, &local);
+    const NameParts &parts = split(type.qualified);
+    RtStringRef ns = resolve(parts, scope);
+    RtStringRef local = parts.local;
     RtTypeRef value = nullptr;
     if (rtstrEquivilent(ns, HV_SOAP_2001_ENCODING_NAMESPACE)) {
         if (rtstrEquivilent(local, RTSTR("Dictionary")))
@@ -246,7 +364,7 @@ RtTypeRef SOAPDecoder::decodeFallback(RtTreeRef target, RtTreeRef firstChild, Rt
             setError(error, "No value for %@", local);
         }
     }
-    if (!value && isArray(target, scope))
+    if (!value && isArray(info, scope))
         value = parseSOAPArray(target, scope, error);
     // Deliberately unconditional: a single child's text replaces whatever was decoded above.
     if (RtTreeGetChildCount(target) == 1) {
@@ -257,8 +375,6 @@ RtTypeRef SOAPDecoder::decodeFallback(RtTreeRef target, RtTreeRef firstChild, Rt
         value = parseSOAPDictionary(target, scope, error);
     if (!value)
         setError(error, "Don't know how to deserialize '%@' in namespace '%@'", local, ns);
-    safeRtRelease(ns);
-    safeRtRelease(local);
     return value;
 }
 
@@ -270,22 +386,32 @@ RtTypeRef SOAPDecoder::parseSOAPType(RtTreeRef element, const AutoDict &scope, A
         return nullptr;
     }
     DepthGuard depth(fDepth);
-    AutoDict elementScope(scope);
-    xmlGetElementNamespaces(element, elementScope);
+    RtXMLNodeRef node = RtXMLTreeGetNode(element);
+    const RtXMLElementInfo *info = elementInfo(node);
+    unsigned roles = attributeRoles(info);
+    // Most elements declare nothing and share their parent's scope as it is.
+    std::optional<AutoDict> ownScope;
+    if (roles & eDeclarationRole) {
+        ownScope.emplace(scope);
+        xmlGetElementNamespaces(element, *ownScope);
+    }
+    const AutoDict &elementScope = ownScope ? *ownScope : scope;
 
-    if (RtTypeRef value = fHandler->deserilizeOverride(element, elementScope, getElementName(element), fBody))
+    if (RtTypeRef value = fHandler->deserilizeOverride(element, elementScope, nodeName(node), fBody))
         return value;
     RtTreeRef firstChild = RtTreeGetFirstChild(element);
     if (firstChild) {
-        if (RtTypeRef value =
-                fHandler->deserilizeOverride(firstChild, elementScope, getElementName(firstChild), fBody))
+        RtXMLNodeRef firstNode = RtXMLTreeGetNode(firstChild);
+        if (RtTypeRef value = fHandler->deserilizeOverride(firstChild, elementScope, nodeName(firstNode), fBody))
             return value;
-        return decodeTyped(element, firstChild, elementScope, error);
+        return decodeTyped(element, info, firstChild, firstNode, elementScope, error);
     }
 
-    RtStringRef href = getSoapNodeAttribute(element, elementScope, RTSTR("href"));
-    if (!href)
-        return isArray(element, elementScope) ? static_cast<RtTypeRef>(newMutableArray()) : RtRetain(kRtNull);
+    RtStringRef href = (roles & eHrefRole) ? getSoapNodeAttribute(info, elementScope, eHrefRole) : nullptr;
+    if (!href) {
+        bool array = (roles & eArrayTypeRole) && isArray(info, elementScope);
+        return array ? static_cast<RtTypeRef>(newMutableArray()) : RtRetain(kRtNull);
+    }
     return followReference(href, elementScope, error);
 }
 
@@ -312,10 +438,14 @@ RtTypeRef SOAPDecoder::followReference(RtStringRef href, const AutoDict &scope, 
     if (done != fDecodedTargets.end())
         return RtRetain(done->second);
 
-    AutoDict targetScope(scope);
-    xmlGetElementNamespaces(target, targetScope);
+    const RtXMLElementInfo *info = elementInfo(RtXMLTreeGetNode(target));
+    std::optional<AutoDict> ownScope;
+    if (attributeRoles(info) & eDeclarationRole) {
+        ownScope.emplace(scope);
+        xmlGetElementNamespaces(target, *ownScope);
+    }
     enter(target);
-    RtTypeRef value = decodeTyped(target, nullptr, targetScope, error);
+    RtTypeRef value = decodeTyped(target, info, nullptr, nullptr, ownScope ? *ownScope : scope, error);
     leave();
     if (value && error.isNull())
         fDecodedTargets.emplace(target, RtRetain(value));
@@ -355,7 +485,7 @@ RtTypeRef SOAPDecoder::parseSOAPDictionary(RtTreeRef element, const AutoDict &sc
         }
         if (!value)
             continue;
-        RtStringRef name = getElementName(child);
+        RtStringRef name = nodeName(RtXMLTreeGetNode(child));
         RtTypeRef earlier = RtDictionaryGetValue(dict, name);
         if (!earlier) {
             RtDictionarySetValue(dict, name, value);
@@ -388,7 +518,7 @@ void SOAPDecoder::buildAnchorIndex() {
     fIndexed = true;
     AutoDict anyScope;
     for (RtTreeRef child = RtTreeGetFirstChild(fBody); child; child = RtTreeGetNextSibling(child)) {
-        RtStringRef id = getNodeAttribute(child, anyScope, nullptr, RTSTR("id"));
+        RtStringRef id = getNodeAttribute(elementInfo(RtXMLTreeGetNode(child)), anyScope, 0, eIdRole);
         if (!id)
             continue;
         // Only the first child with a given id (ignoring case) can ever be found.

@@ -10,6 +10,15 @@ static RtStringRef copyTail(RtStringRef str, RtIndex from) {
     return RtStringCreateWithSubstring(kRtAllocatorDefault, str, RtRangeMake(from, RtStringGetLength(str) - from));
 }
 
+// Sets key in scope unless it already holds the same text: a scope shared with the parent is
+// copied only when a declaration really changes it (documents often repeat their declarations
+// on every element).
+static void declare(AutoDict &scope, RtStringRef key, RtTypeRef value) {
+    RtTypeRef current = scope.getValue(key);
+    if (!current || !RtEqual(current, value))
+        scope.addValue(key, value);
+}
+
 void xmlGetElementNamespaces(RtTreeRef tree, AutoDict &scope) {
     const RtXMLElementInfo *info = treeGetElementInfo(tree);
     if (!info || !info->attributes || !info->attributeOrder)
@@ -24,12 +33,12 @@ void xmlGetElementNamespaces(RtTreeRef tree, AutoDict &scope) {
             continue;
         RtIndex length = RtStringGetLength(name);
         if (length == 5 && rtstrEquivilent(name, RTSTR("xmlns"))) {
-            scope.addValue(RTSTR("__defaultNamespace"), value);
+            declare(scope, RTSTR("__defaultNamespace"), value);
         } else if (length > 6 && RtStringCompareWithOptions(name, RTSTR("xmlns:"), RtRangeMake(0, 6),
                                                             kRtCompareCaseInsensitive) == kRtCompareEqualTo) {
             // The prefix test ignores case on purpose: "XMLNS:a" declares a.
             RtStringRef prefix = copyTail(name, 6);
-            scope.addValue(prefix, value);
+            declare(scope, prefix, value);
             RtRelease(prefix);
         }
     }
