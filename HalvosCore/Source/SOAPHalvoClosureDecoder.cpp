@@ -455,7 +455,7 @@ RtTypeRef SOAPDecoder::followReference(RtStringRef href, const AutoDict &scope, 
 RtTypeRef SOAPDecoder::parseSOAPArray(RtTreeRef element, const AutoDict &scope, AutoString &error) {
     if (gHVDebugVerbose)
         _hvLogf("in parseSOAPArray\n");
-    RtMutableArrayRef array = newMutableArray();
+    RtMutableArrayRef array = RtArrayCreateMutable(kRtAllocatorDefault, RtTreeGetChildCount(element), &kRtTypeArrayCallBacks);
     for (RtTreeRef child = RtTreeGetFirstChild(element); child; child = RtTreeGetNextSibling(child)) {
         RtTypeRef value = parseSOAPType(child, scope, error);
         if (!error.isNull()) {
@@ -473,7 +473,9 @@ RtTypeRef SOAPDecoder::parseSOAPArray(RtTreeRef element, const AutoDict &scope, 
 RtTypeRef SOAPDecoder::parseSOAPDictionary(RtTreeRef element, const AutoDict &scope, AutoString &error) {
     if (gHVDebugVerbose)
         _hvLogf("in parseSOAPDictionary\n");
-    RtMutableDictionaryRef dict = newMutableDict();
+    RtMutableDictionaryRef dict = RtDictionaryCreateMutable(kRtAllocatorDefault, RtTreeGetChildCount(element),
+                                                            &kRtCopyStringDictionaryKeyCallBacks,
+                                                            &kRtTypeDictionaryValueCallBacks);
     // Arrays this walk made to gather repeated names: nobody else holds them, so appending in
     // place is the same as replacing them by an appended copy, without the quadratic copying.
     std::unordered_set<RtTypeRef> gathered;

@@ -2,7 +2,7 @@
 // Line formats are RTSTR constants, so each call site keeps its parsed format.
 #include "SOAPCodec.h"
 
-#include <cstdio>
+#include <charconv>
 
 namespace {
 
@@ -161,8 +161,11 @@ void SOAPProtocolHandler::serialize(XMLBuffer *buffer, int level, RtStringRef na
                       getIntValue(static_cast<RtNumberRef>(value)), name);
         break;
     case eHVDoubleType: {
+        // Exactly what "%.8g" prints, without the C library's slow path for it.
         char number[128];
-        std::snprintf(number, sizeof number, "%.8g", getDoubleValue(static_cast<RtNumberRef>(value)));
+        auto printed = std::to_chars(number, number + sizeof number - 1, getDoubleValue(static_cast<RtNumberRef>(value)),
+                                     std::chars_format::general, 8);
+        *printed.ptr = '\0';
         buffer->addTo(level, RTSTR("<%@ xsi:type=\"xsd:double\">%s</%@>"), name, number, name);
         break;
     }

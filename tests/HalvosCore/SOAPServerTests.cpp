@@ -34,10 +34,10 @@ TEST(SOAPServer, RequestsIntoDictionaries) {
     // What our own client writes, in each flavour and style, comes back as it went out.
     for (RtStringRef protocol : {kHVSOAP1999Protocol, kHVSOAP2001Protocol}) {
         for (RtStringRef style : {kHVSOAPStyleRPC, kHVSOAPStyleDoc}) {
-            Handler client(protocol);
+            SOAPHandler client(protocol);
             client.set(kHVSOAPMethodNamespaceURI, RTSTR("urn:calc"));
             client.set(kHVSOAPBodyEncodingStyle, style);
-            Handler server(protocol);
+            SOAPHandler server(protocol);
             Value parsed = server.readRequest(client.request("add", params, order));
             EXPECT_TRUE(sameValue(request("add", "urn:calc", params, order), parsed.get()));
         }
@@ -45,7 +45,7 @@ TEST(SOAPServer, RequestsIntoDictionaries) {
 
     // An unprefixed method element without a default namespace takes the handler's method
     // namespace; headers come back as the Header's tree node; references are followed.
-    Handler server;
+    SOAPHandler server;
     server.set(kHVSOAPMethodNamespaceURI, RTSTR("urn:mine"));
     Value parsed = server.readRequest(envelope("<echo><s href=\"#v\"/><n>1</n></echo><item id=\"v\"><x>y</x></item>",
                                                "<SOAP-ENV:Header><t:T xmlns:t=\"urn:t\"/></SOAP-ENV:Header>"));
@@ -58,13 +58,13 @@ TEST(SOAPServer, RequestsIntoDictionaries) {
     RtRelease(withoutHeader);
 
     // Without a method namespace property the placeholder is the default.
-    Handler plain;
+    SOAPHandler plain;
     EXPECT_TRUE(sameValue(request("ping", "urn:halvos:soap", Dict({}), A({})),
                           plain.readRequest(envelope("<ping/>")).get()));
 }
 
 TEST(SOAPServer, RequestsThatCannotBeRead) {
-    Handler server;
+    SOAPHandler server;
     // No dictionary: unparseable bytes, a Body without a method, an undecodable parameter.
     EXPECT_EQ(nullptr, server.readRequest("<SOAP-ENV:Envelope").get());
     EXPECT_EQ(nullptr, server.readRequest(envelope("")).get());
@@ -87,9 +87,9 @@ TEST(SOAPServer, RequestsThatCannotBeRead) {
 }
 
 TEST(SOAPServer, RepliesAndFaults) {
-    Handler soap2001;
+    SOAPHandler soap2001;
     Value addRequest = request("add", "urn:calc", Dict({}), A({}));
-    EXPECT_EQ(readGolden("reply_2001.xml"), soap2001.reply(Dict({{"sum", I(3)}, {"list", A({I(1), S("x")})}}), addRequest));
+    EXPECT_EQ(soapGolden("reply_2001.xml"), soap2001.reply(Dict({{"sum", I(3)}, {"list", A({I(1), S("x")})}}), addRequest));
 
     // Without a method namespace the response element is unprefixed; the closing tags match.
     std::string plain = soap2001.reply(S("ok"), request("ping", nullptr, Dict({}), A({})));
@@ -101,8 +101,8 @@ TEST(SOAPServer, RepliesAndFaults) {
         << plain;
 
     // Faults always carry the client code; the string goes in as it stands.
-    Handler soap1999(kHVSOAP1999Protocol);
-    EXPECT_EQ(readGolden("fault_1999.xml"),
+    SOAPHandler soap1999(kHVSOAP1999Protocol);
+    EXPECT_EQ(soapGolden("fault_1999.xml"),
               soap1999.fault(Dict({{"/FaultString", S("a < b & c")}, {"/FaultCode", I(99)}}), addRequest));
     std::string unknown = soap1999.fault(Dict({}));
     EXPECT_NE(std::string::npos, unknown.find("<faultstring>Unknown Fault</faultstring>")) << unknown;
@@ -118,7 +118,7 @@ TEST(SOAPServer, RoundTripThroughTheClientReader) {
     // A server reply read back by a client of the same flavour gives the value as "Result".
     Value value = Dict({{"when", Date(31535999.0)}, {"blob", Bytes("\x01\x02\x03")}, {"n", I(-4)}, {"none", Null()}});
     for (RtStringRef protocol : {kHVSOAP1999Protocol, kHVSOAP2001Protocol}) {
-        Handler handler(protocol);
+        SOAPHandler handler(protocol);
         Value result = handler.readReply(handler.reply(value, request("m", "urn:x", Dict({}), A({}))), "m");
         // An empty element comes back as null whatever it was.
         EXPECT_TRUE(sameValue(Dict({{"/Result", Dict({{"Result", value}})}, {"Result", value}}), result.get()));

@@ -1,4 +1,4 @@
-// Helpers of the XML-RPC tests (unit and interoperability): values built in one expression, the
+// Helpers of the XML-RPC and SOAP tests (unit and interoperability): values built in one expression, the
 // exported handler's documents as text, golden files and reply dictionaries.
 #pragma once
 
@@ -100,21 +100,22 @@ inline ::testing::AssertionResult sameValue(const Value &expected, RtTypeRef act
     return sameValue(expected.get(), actual);
 }
 
-inline std::string readGolden(const std::string &name) {
-    std::ifstream in(std::string(HV_SOURCE_DIR) + "/tests/data/xmlrpc/" + name, std::ios::binary);
+inline std::string readGolden(const std::string &name, const std::string &directory = "xmlrpc") {
+    std::ifstream in(std::string(HV_SOURCE_DIR) + "/tests/data/" + directory + "/" + name, std::ios::binary);
     std::ostringstream bytes;
     bytes << in.rdbuf();
     return bytes.str();
 }
 
-// An XML-RPC protocol handler for the life of the object.
+// A protocol handler (XML-RPC unless another protocol is given) for the life of the object.
 class Handler {
 public:
-    Handler() : fRef(HVProtocolHandlerCreate(nullptr, kHVXMLRPCProtocol)) {}
+    explicit Handler(RtStringRef protocol = kHVXMLRPCProtocol) : fRef(HVProtocolHandlerCreate(nullptr, protocol)) {}
     Handler(const Handler &) = delete;
     Handler &operator=(const Handler &) = delete;
     ~Handler() { RtRelease(fRef); }
     HVProtocolHandlerRef get() const { return fRef; }
+    void set(RtStringRef key, RtTypeRef value) const { HVProtocolHandlerSetProperty(fRef, key, value); }
 
     std::string request(const char *method, const Value &params, const Value &order = Value()) const {
         Value name = S(method);
@@ -127,10 +128,11 @@ public:
     std::string fault(const Value &faultDict, const Value &context = Value()) const {
         return text(Value::adopt(HVProtocolHandlerCopyFaultDocument(fRef, context.dict(), faultDict.dict())));
     }
-    // The result dictionary of a reply document.
-    Value readReply(const std::string &document) const {
+    // The result dictionary of a reply document to method.
+    Value readReply(const std::string &document, const char *method = "m") const {
         Value data = Bytes(document);
-        return Value::adopt(HVProtocolHandlerCopyReplyDictionary(fRef, RTSTR("m"), data.data()));
+        Value name = S(method);
+        return Value::adopt(HVProtocolHandlerCopyReplyDictionary(fRef, name.str(), data.data()));
     }
     // The request dictionary of a request document, or a null Value.
     Value readRequest(const std::string &document) const {
