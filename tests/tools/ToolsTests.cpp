@@ -83,7 +83,9 @@ TEST_P(HvcallAgainstHvserve, FaultsExitWithOne) {
     EXPECT_TRUE(contains(overflow.err, "does not fit in 32 bits")) << overflow.err;
 }
 
-INSTANTIATE_TEST_SUITE_P(Protocols, HvcallAgainstHvserve, ::testing::Values(Dialect{"xmlrpc", "/RPC2"}),
+INSTANTIATE_TEST_SUITE_P(Protocols, HvcallAgainstHvserve,
+                         ::testing::Values(Dialect{"xmlrpc", "/RPC2"}, Dialect{"soap1999", "/soap"},
+                                           Dialect{"soap2001", "/soap"}),
                          [](const auto &info) { return std::string(info.param.protocol); });
 
 TEST(Hvcall, BadUsageExitsWithTwoAndOneLine) {
