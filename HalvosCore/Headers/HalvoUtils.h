@@ -93,16 +93,18 @@ private:
     // malloc'd block, each line formatted straight into it; copyData hands the block itself to
     // the data it returns (a later line continues on a copy). A buffer of any other encoding
     // keeps the text in fBuffer and encodes it at the end.
-    // What appendLine knows of a constant format: its ASCII text when it holds no conversion.
+    // What appendLine knows of a format: its ASCII text when it holds no conversion, or the text
+    // around its single plain "%@" or "%d" (fConversion '@' or 'd'); anything else is formatted.
     struct FormatEntry {
         RtStringRef fFormat;
-        const char *fLiteral; // NULL: the format goes through the formatter
-        size_t fLength;
+        const char *fLiteral; // the text; NULL: the format goes through the formatter
+        size_t fLength;       // with a conversion: the length of the text before it
+        char fConversion;     // 0, '@' or 'd'
     };
     FormatEntry classifyFormat(RtStringRef format);
 
     bool fBytesMode;
-    FormatEntry fFormats[32] = {}; // immortal formats only, by address
+    FormatEntry fFormats[64] = {}; // immortal formats only, by address
     char *fBytes = nullptr;
     size_t fLength = 0;
     size_t fCapacity = 0;

@@ -78,8 +78,9 @@ static void _XMLPlistAppendDataUsingBase64(RtMutableDataRef buffer, RtDataRef da
 RtStringRef encodeBinaryData(RtDataRef data, int indent) {
     RtMutableDataRef buffer = RtDataCreateMutable(kRtAllocatorDefault, 0);
     _XMLPlistAppendDataUsingBase64(buffer, data, indent);
+    // The text is ASCII by construction: read as Latin-1 it is the same string, without a check.
     RtStringRef text = RtStringCreateWithBytes(kRtAllocatorDefault, RtDataGetBytePtr(buffer), RtDataGetLength(buffer),
-                                               kRtStringEncodingASCII, false);
+                                               kRtStringEncodingISOLatin1, false);
     RtRelease(buffer);
     return text;
 }

@@ -88,14 +88,24 @@ bool XMLBuffer::reserveBytes(size_t extra) {
 XMLBuffer::FormatEntry XMLBuffer::classifyFormat(RtStringRef format) {
     // Formats are nearly always RTSTR constants, which live for the process: their entries are
     // kept by address. Any other format is looked at afresh (its address may be reused).
-    FormatEntry &slot = fFormats[(reinterpret_cast<uintptr_t>(format) >> 4) & 31];
+    uintptr_t address = reinterpret_cast<uintptr_t>(format);
+    FormatEntry &slot = fFormats[((address >> 4) ^ (address >> 9)) & 63];
     if (slot.fFormat == format && format)
         return slot;
-    FormatEntry entry{format, RtStringGetCStringPtr(format, kRtStringEncodingASCII), 0};
+    FormatEntry entry{format, RtStringGetCStringPtr(format, kRtStringEncodingASCII), 0, 0};
     if (entry.fLiteral) {
         entry.fLength = size_t(RtStringGetLength(format));
-        if (std::memchr(entry.fLiteral, '%', entry.fLength))
-            entry.fLiteral = nullptr;
+        const char *percent = static_cast<const char *>(std::memchr(entry.fLiteral, '%', entry.fLength));
+        if (percent) {
+            // One conversion, "%@" or "%d" without flags, and no other '%': text around a value.
+            const char *end = entry.fLiteral + entry.fLength;
+            bool single = percent + 1 < end && (percent[1] == '@' || percent[1] == 'd') &&
+                          !std::memchr(percent + 2, '%', size_t(end - percent - 2));
+            entry.fConversion = single ? percent[1] : 0;
+            entry.fLength = size_t(percent - entry.fLiteral);
+            if (!single)
+                entry.fLiteral = nullptr;
+        }
     }
     if (format && RtGetRetainCount(format) == 0x7FFFFFFF) // immortal
         slot = entry;
@@ -119,11 +129,44 @@ void XMLBuffer::appendLine(int level, RtStringRef format, va_list &args) {
                                      ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' '};
     size_t indent = static_cast<unsigned>(level) < 15 ? size_t(level) * 2 : 30;
     // Most lines are constant markup ("<value>", "</member>"): a format without '%' is its own
-    // text, and is copied without running the formatter.
+    // text, and is copied without running the formatter; so is the text around a lone %@ or %d.
     FormatEntry entry = classifyFormat(format);
     const char *literal = entry.fLiteral;
     size_t literalLength = entry.fLength;
-    if (!reserveBytes(sizeof kSpaces + (literal ? literalLength + 2 : 512))) {
+    // The value of a single conversion, written directly when it is an int or an ASCII string.
+    char number[16];
+    const char *value = nullptr;
+    size_t valueLength = 0;
+    size_t suffixLength = 0;
+    if (literal && entry.fConversion) {
+        va_list peek;
+        va_copy(peek, args);
+        if (entry.fConversion == 'd') {
+            long long v = va_arg(peek, int);
+            unsigned long long magnitude = v < 0 ? 0ull - static_cast<unsigned long long>(v) : v;
+            char *p = number + sizeof number;
+            do {
+                *--p = char('0' + magnitude % 10);
+                magnitude /= 10;
+            } while (magnitude);
+            if (v < 0)
+                *--p = '-';
+            value = p;
+            valueLength = size_t(number + sizeof number - p);
+        } else {
+            RtTypeRef object = va_arg(peek, RtTypeRef);
+            if (object && RtGetTypeID(object) == RtStringGetTypeID()) {
+                value = RtStringGetCStringPtr(static_cast<RtStringRef>(object), kRtStringEncodingASCII);
+                valueLength = value ? size_t(RtStringGetLength(static_cast<RtStringRef>(object))) : 0;
+            }
+        }
+        va_end(peek);
+        if (value)
+            suffixLength = size_t(RtStringGetLength(format)) - literalLength - 2;
+        else
+            literal = nullptr; // a NULL, a non-ASCII string or another object: the formatter decides
+    }
+    if (!reserveBytes(sizeof kSpaces + (literal ? literalLength + valueLength + suffixLength + 2 : 512))) {
         fUnrepresentable = true; // out of memory: no document rather than a truncated one
         return;
     }
@@ -132,6 +175,11 @@ void XMLBuffer::appendLine(int level, RtStringRef format, va_list &args) {
     if (literal) {
         std::memcpy(fBytes + start, literal, literalLength);
         fLength = start + literalLength;
+        if (value) {
+            std::memcpy(fBytes + fLength, value, valueLength);
+            std::memcpy(fBytes + fLength + valueLength, literal + literalLength + 2, suffixLength);
+            fLength += valueLength + suffixLength;
+        }
         fBytes[fLength++] = '\r';
         fBytes[fLength++] = '\n';
         return;

@@ -165,6 +165,26 @@ TEST_F(XMLBufferTest, UTF8DocumentsOfLongAndUnrepresentableLines) {
                                  "                              <n>7</n>\r\n");
     }
     {
+        // A lone %@ or %d is written around its value directly; every kind of value still reads
+        // as the formatter would write it.
+        int one = 1;
+        Owned<RtNumberRef> number(RtNumberCreate(kRtAllocatorDefault, kRtNumberIntType, &one));
+        Owned<RtStringRef> accented(newString("caf\xC3\xA9"));
+        Owned<RtStringRef> plain(newString("id"));
+        XMLBuffer buffer(kRtStringEncodingUTF8);
+        buffer.addTo(1, RTSTR("<i4>%d</i4>"), INT_MIN);
+        buffer.addTo(1, RTSTR("%d"), 0);
+        buffer.addTo(1, RTSTR("<name>%@</name>"), plain.get());
+        buffer.addTo(1, RTSTR("<name>%@</name>"), accented.get());
+        buffer.addTo(1, RTSTR("%@!"), number.get());
+        buffer.addTo(1, RTSTR("<s>%@</s>"), static_cast<RtStringRef>(nullptr));
+        buffer.addTo(1, RTSTR("<x>%@ %d</x>"), plain.get(), 5);
+        Owned<RtDataRef> data(buffer.copyData());
+        EXPECT_EQ(bytesOf(data), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\r\n  <i4>-2147483648</i4>\r\n  0\r\n"
+                                 "  <name>id</name>\r\n  <name>caf\xC3\xA9</name>\r\n  1!\r\n  <s>(null)</s>\r\n"
+                                 "  <x>id 5</x>\r\n");
+    }
+    {
         // A lone surrogate cannot be written in UTF-8: no document at all.
         const RtUniChar units[] = {'a', 0xD800};
         Owned<RtStringRef> lone(RtStringCreateWithCharacters(kRtAllocatorDefault, units, 2));
