@@ -102,9 +102,9 @@ RootNode *createRoot(RtIndex version) {
 }
 
 const RtXMLElementInfo *noAttributesInfo(bool isEmpty) {
+    // A pair, as the builder expects of every info record: [1] is [0] for an empty element.
     struct Shared {
-        RtXMLElementInfo fPlain;
-        RtXMLElementInfo fEmpty;
+        RtXMLElementInfo fInfos[2];
     };
     static const Shared sShared = [] {
         Shared s{};
@@ -113,11 +113,11 @@ const RtXMLElementInfo *noAttributesInfo(bool isEmpty) {
         RtArrayRef array = RtArrayCreate(kRtAllocatorDefault, nullptr, 0, &kRtTypeArrayCallBacks);
         RtRuntimeSetImmortal(dict); // shared by every element without attributes, for the process
         RtRuntimeSetImmortal(array);
-        s.fPlain = RtXMLElementInfo{dict, array, false, {}};
-        s.fEmpty = RtXMLElementInfo{dict, array, true, {}};
+        s.fInfos[0] = RtXMLElementInfo{dict, array, false, {}};
+        s.fInfos[1] = RtXMLElementInfo{dict, array, true, {}};
         return s;
     }();
-    return isEmpty ? &sShared.fEmpty : &sShared.fPlain;
+    return &sShared.fInfos[isEmpty ? 1 : 0];
 }
 
 } // namespace rt::xml

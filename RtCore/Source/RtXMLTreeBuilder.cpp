@@ -140,6 +140,90 @@ RtStringRef NameTable::intern(const char *p, size_t n) {
     return createOwned(p, n);
 }
 
+// Elements with the same attributes share one info record: a SOAP reply repeats
+// xsi:type="xsd:int" and its few siblings on every member. Keys and values are the document's
+// interned strings, so a set is known by their addresses. Each record is allocated as a pair,
+// the record and its twin for an element written empty (<x/>), so that marking an element empty
+// moves its pointer to the twin instead of writing to a record others share.
+class AttributeSets {
+  public:
+    AttributeSets() = default;
+    AttributeSets(const AttributeSets &) = delete;
+    AttributeSets &operator=(const AttributeSets &) = delete;
+    ~AttributeSets() { std::free(fSlots); }
+
+    // The pair for the interned keys and values (count of each), or NULL.
+    RtXMLElementInfo *find(const void *const *keys, const void *const *values, size_t count, uint32_t hash) const {
+        if (!fSlots) return nullptr;
+        for (size_t i = hash & fMask, probe = 0; probe < kMaxProbe; probe++, i = (i + 1) & fMask) {
+            const Slot &slot = fSlots[i];
+            if (!slot.fInfo) return nullptr;
+            if (slot.fHash == hash && matches(slot.fInfo, keys, values, count)) return slot.fInfo;
+        }
+        return nullptr;
+    }
+    void insert(RtXMLElementInfo *pair, uint32_t hash) {
+        if ((fCount + 1) * 2 > fMask + 1 && !grow()) return; // at the cap, sets are just not shared
+        for (size_t i = hash & fMask, probe = 0; probe < kMaxProbe; probe++, i = (i + 1) & fMask) {
+            if (!fSlots[i].fInfo) {
+                fSlots[i] = Slot{pair, hash};
+                fCount++;
+                return;
+            }
+        }
+    }
+    static uint32_t hashOf(const void *const *keys, const void *const *values, size_t count) {
+        uint64_t h = count * 0x9E3779B97F4A7C15ull;
+        for (size_t i = 0; i < count; i++) {
+            h = (h ^ reinterpret_cast<uintptr_t>(keys[i])) * 0xBF58476D1CE4E5B9ull;
+            h = (h ^ reinterpret_cast<uintptr_t>(values[i])) * 0x94D049BB133111EBull;
+            h ^= h >> 31;
+        }
+        return uint32_t(h);
+    }
+
+  private:
+    struct Slot {
+        RtXMLElementInfo *fInfo;
+        uint32_t fHash;
+    };
+    static constexpr size_t kMaxSlots = 4096;
+    static constexpr size_t kMaxProbe = 16;
+
+    static bool matches(const RtXMLElementInfo *info, const void *const *keys, const void *const *values,
+                        size_t count) {
+        if (RtArrayGetCount(info->attributeOrder) != RtIndex(count)) return false;
+        for (size_t i = 0; i < count; i++) {
+            if (RtArrayGetValueAtIndex(info->attributeOrder, RtIndex(i)) != keys[i] ||
+                RtDictionaryGetValue(info->attributes, keys[i]) != values[i])
+                return false;
+        }
+        return true;
+    }
+    bool grow() {
+        size_t capacity = fSlots ? (fMask + 1) * 2 : 64;
+        if (capacity > kMaxSlots) return false;
+        auto *slots = static_cast<Slot *>(std::calloc(capacity, sizeof(Slot)));
+        if (!slots) return false;
+        size_t mask = capacity - 1;
+        for (size_t i = 0; fSlots && i <= fMask; i++) {
+            if (!fSlots[i].fInfo) continue;
+            size_t j = fSlots[i].fHash & mask;
+            while (slots[j].fInfo)
+                j = (j + 1) & mask;
+            slots[j] = fSlots[i];
+        }
+        std::free(fSlots);
+        fSlots = slots;
+        fMask = mask;
+        return true;
+    }
+
+    Slot *fSlots = nullptr;
+    size_t fMask = 0;
+    size_t fCount = 0;
+};
+
 bool isXMLWhitespace(const char *p, size_t n) {
     for (size_t i = 0; i < n; i++) {
         char c = p[i];
@@ -218,9 +302,9 @@ class TreeBuilder {
     const ClassEntry *fTreeClass;
     const ClassEntry *fNodeClass;
     const RtXMLElementInfo *fPlainInfo;
-    const RtXMLElementInfo *fEmptyInfo;
     NameTable fNames;
     NameTable fTexts;
+    AttributeSets fAttributeSets;
 
     TreeNode *fCurrent;                  // the open element, or the document node
     std::vector<TreeNode *> fLastChild;  // last child of each open node, the document first
@@ -237,7 +321,7 @@ class TreeBuilder {
 TreeBuilder::TreeBuilder(RootNode *root, XML_Parser parser, RtOptionFlags options)
     : fParser(parser), fRoot(root), fDocument(root->fDocument), fOptions(options),
       fTreeClass(classEntry(treeTypeID())), fNodeClass(classEntry(xmlNodeTypeID())),
-      fPlainInfo(noAttributesInfo(false)), fEmptyInfo(noAttributesInfo(true)), fNames(root->fDocument),
+      fPlainInfo(noAttributesInfo(false)), fNames(root->fDocument),
       fTexts(root->fDocument), fCurrent(&root->fNode) {
     fLastChild.reserve(64);
     fLastChild.push_back(nullptr);
@@ -367,6 +451,7 @@ bool TreeBuilder::setAttributes(TreeNode *element, const char **atts) {
     }
     fKeys.clear();
     fValues.clear();
+    bool allInterned = true; // then the set can be shared (long values are fresh strings)
     for (size_t i = 0; i < count; i += 2) {
         size_t valueLength = std::strlen(atts[i + 1]);
         RtStringRef key = fNames.intern(atts[i], std::strlen(atts[i]));
@@ -376,22 +461,32 @@ bool TreeBuilder::setAttributes(TreeNode *element, const char **atts) {
             outOfMemory();
             return false;
         }
+        allInterned = allInterned && valueLength <= kInternValueLength;
         fKeys.push_back(key);
         fValues.push_back(value);
     }
-    RtIndex n = RtIndex(fKeys.size());
-    RtDictionaryRef dict = RtDictionaryCreate(kRtAllocatorDefault, fKeys.data(), fValues.data(), n,
+    size_t n = fKeys.size();
+    uint32_t hash = allInterned ? AttributeSets::hashOf(fKeys.data(), fValues.data(), n) : 0;
+    if (allInterned) {
+        if (RtXMLElementInfo *shared = fAttributeSets.find(fKeys.data(), fValues.data(), n, hash)) {
+            element->fInfo = shared;
+            return true;
+        }
+    }
+    RtDictionaryRef dict = RtDictionaryCreate(kRtAllocatorDefault, fKeys.data(), fValues.data(), RtIndex(n),
                                               &kRtTypeDictionaryKeyCallBacks, &kRtTypeDictionaryValueCallBacks);
     if (dict) fDocument.fOwned.push_back(dict);
-    RtArrayRef order = RtArrayCreate(kRtAllocatorDefault, fKeys.data(), n, &kRtTypeArrayCallBacks);
+    RtArrayRef order = RtArrayCreate(kRtAllocatorDefault, fKeys.data(), RtIndex(n), &kRtTypeArrayCallBacks);
     if (order) fDocument.fOwned.push_back(order);
-    auto *info = static_cast<RtXMLElementInfo *>(fDocument.fArena.allocate(sizeof(RtXMLElementInfo)));
-    if (!dict || !order || !info) {
+    auto *pair = static_cast<RtXMLElementInfo *>(fDocument.fArena.allocate(2 * sizeof(RtXMLElementInfo)));
+    if (!dict || !order || !pair) {
         outOfMemory();
         return false;
     }
-    *info = RtXMLElementInfo{dict, order, false, {}};
-    element->fInfo = info;
+    pair[0] = RtXMLElementInfo{dict, order, false, {}};
+    pair[1] = RtXMLElementInfo{dict, order, true, {}};
+    if (allInterned) fAttributeSets.insert(pair, hash);
+    element->fInfo = pair;
     return true;
 }
 
@@ -422,12 +517,9 @@ void TreeBuilder::endElement() {
     flushText();
     TreeNode *n = fCurrent;
     // The end of an element written <x/> is an event of no bytes of its own.
-    if (XML_GetCurrentByteCount(fParser) == 0) {
-        if (n->fInfo == fPlainInfo)
-            n->fInfo = fEmptyInfo;
-        else
-            const_cast<RtXMLElementInfo *>(static_cast<const RtXMLElementInfo *>(n->fInfo))->isEmpty = true;
-    }
+    // Every info record is the first of a pair whose second is the same record for an empty
+    // element (the shared records of elements without attributes too).
+    if (XML_GetCurrentByteCount(fParser) == 0) n->fInfo = static_cast<const RtXMLElementInfo *>(n->fInfo) + 1;
     fCurrent = n->fParent;
     fLastChild.pop_back();
 }

@@ -109,7 +109,8 @@ RtTypeID xmlNodeTypeID();
 // A new, empty document (reference count 1) whose root node has the type "document".
 RootNode *createRoot(RtIndex version);
 
-// Shared info records of elements without attributes (immortal empty dictionary and array).
+// Shared info records of elements without attributes (immortal empty dictionary and array). Like
+// every element info record, the one for isEmpty false is followed by its empty twin.
 const RtXMLElementInfo *noAttributesInfo(bool isEmpty);
 
 // expat's error numbers for the failures found before expat runs.
