@@ -70,6 +70,8 @@ def main():
         with open(os.path.join(out, name + ".txt"), "w") as console:
             rc = subprocess.run([program, f"--benchmark_out={json_path}", "--benchmark_out_format=json"]
                                 + mode + extra, stdout=console, stderr=subprocess.STDOUT).returncode
+        if rc == 0 and (not os.path.exists(json_path) or os.path.getsize(json_path) == 0):
+            continue  # a --benchmark_filter that matched none of its cases
         problems = ([f"exit status {rc}"] if rc != 0 else []) + errors_in(json_path)
         failures += [f"{name}: {p}" for p in problems]
 
