@@ -9,6 +9,19 @@ if(HV_SANITIZE)
     -fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=all)
   target_link_options(hv_options INTERFACE -fsanitize=address,undefined)
 endif()
+# libFuzzer builds: every object gets the coverage instrumentation that guides the fuzzer; only
+# the fuzz targets themselves link libFuzzer's main (fuzz/CMakeLists.txt).
+if(HV_BUILD_FUZZ AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  target_compile_options(hv_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()
+
+# The environment of every test: LeakSanitizer on (gcc's and clang's ASan enable it by default
+# on Linux; said here so that nobody's ASAN_OPTIONS turns it off unnoticed), with the one
+# suppression file that lists the leaks the library keeps on purpose.
+set(HV_TEST_ENVIRONMENT
+    "HV_SOURCE_DIR=${CMAKE_SOURCE_DIR}" "HV_BINARY_DIR=${CMAKE_BINARY_DIR}"
+    "ASAN_OPTIONS=detect_leaks=1"
+    "LSAN_OPTIONS=suppressions=${CMAKE_SOURCE_DIR}/tests/lsan.supp:print_suppressions=0")
 
 # hv_add_product(NAME DEPS...): one product made of NAME/Source/*.{c,cpp}.
 # Sources compile once (hidden visibility, PIC) into NAME_obj; NAME is the
@@ -74,5 +87,5 @@ function(hv_add_test_suite name dir)
   target_compile_definitions(${name} PRIVATE
     HV_SOURCE_DIR="${CMAKE_SOURCE_DIR}" HV_BINARY_DIR="${CMAKE_BINARY_DIR}")
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
-                       PROPERTIES ENVIRONMENT "HV_SOURCE_DIR=${CMAKE_SOURCE_DIR};HV_BINARY_DIR=${CMAKE_BINARY_DIR}")
+                       PROPERTIES ENVIRONMENT "${HV_TEST_ENVIRONMENT}")
 endfunction()

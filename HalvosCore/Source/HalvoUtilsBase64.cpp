@@ -98,10 +98,10 @@ struct Base64Table {
             v[c] = kJunk;
         for (int k = 0; k < 64; k++)
             v[static_cast<unsigned char>(kBase64Alphabet[k])] = static_cast<int8_t>(k);
-        v['='] = kPad;
+        v[static_cast<unsigned char>('=')] = kPad;
         for (const char *s = " \t\n\v\f\r"; *s; s++)
             v[static_cast<unsigned char>(*s)] = kSpace;
-        v['<'] = kStop;
+        v[static_cast<unsigned char>('<')] = kStop;
     }
 };
 

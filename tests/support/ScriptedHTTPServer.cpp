@@ -5,6 +5,7 @@
 #include <microhttpd.h>
 #include <netinet/in.h>
 #include <stdexcept>
+#include <utility>
 
 namespace hvtest {
 
@@ -18,19 +19,33 @@ namespace {
 
 // The body source of one queued response; MHD frees it through _freeBody.
 struct BodySource {
-    std::string fBody;
+    std::string fHead, fBody, fTail;
     size_t fRepeat;
+
+    uint64_t size() const { return fHead.size() + uint64_t(fBody.size()) * fRepeat + fTail.size(); }
+    // The bytes from pos up to the end of the part that holds pos.
+    std::pair<const char *, size_t> at(uint64_t pos) const {
+        if (pos < fHead.size()) return {fHead.data() + pos, size_t(fHead.size() - pos)};
+        pos -= fHead.size();
+        uint64_t repeated = uint64_t(fBody.size()) * fRepeat;
+        if (pos < repeated) {
+            size_t offset = size_t(pos % fBody.size());
+            return {fBody.data() + offset, fBody.size() - offset};
+        }
+        pos -= repeated;
+        return {fTail.data() + pos, size_t(fTail.size() - pos)};
+    }
 };
 
 ssize_t _readBody(void *info, uint64_t pos, char *buf, size_t max) {
     auto *source = static_cast<BodySource *>(info);
-    uint64_t total = uint64_t(source->fBody.size()) * source->fRepeat;
+    uint64_t total = source->size();
     if (pos >= total) return MHD_CONTENT_READER_END_OF_STREAM;
     size_t written = 0;
     while (written < max && pos < total) {
-        size_t offset = size_t(pos % source->fBody.size());
-        size_t n = std::min(max - written, source->fBody.size() - offset);
-        memcpy(buf + written, source->fBody.data() + offset, n);
+        std::pair<const char *, size_t> part = source->at(pos);
+        size_t n = std::min(max - written, part.second);
+        memcpy(buf + written, part.first, n);
         written += n;
         pos += n;
     }
@@ -92,12 +107,15 @@ struct ScriptedHTTPServerCallbacks {
         if (reply.delay.count() > 0 && !server->waitUnlessStopping(reply.delay)) return MHD_NO;
 
         bool empty = reply.body.empty() || reply.bodyRepeat == 0;
-        uint64_t size = empty ? 0 : uint64_t(reply.body.size()) * reply.bodyRepeat;
+        auto *source = new BodySource{std::move(reply.bodyHead), empty ? std::string(" ") : std::move(reply.body),
+                                      std::move(reply.bodyTail), empty ? 0 : reply.bodyRepeat};
         MHD_Response *response = MHD_create_response_from_callback(
-            reply.chunked && !reply.http10 ? MHD_SIZE_UNKNOWN : size, 64 * 1024, _readBody,
-            new BodySource{empty ? std::string(" ") : std::move(reply.body), empty ? 0 : reply.bodyRepeat},
+            reply.chunked && !reply.http10 ? MHD_SIZE_UNKNOWN : source->size(), 64 * 1024, _readBody, source,
             _freeBody);
-        if (!response) return MHD_NO;
+        if (!response) {
+            delete source;
+            return MHD_NO;
+        }
         for (const auto &field : reply.headers)
             MHD_add_response_header(response, field.first.c_str(), field.second.c_str());
         if (reply.http10)

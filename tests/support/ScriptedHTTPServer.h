@@ -37,6 +37,7 @@ struct ScriptedReply {
     HTTPHeaders headers;                // sent in this order
     std::string body;                   // sent bodyRepeat times in a row
     size_t bodyRepeat = 1;              // a large reply without a large string (1000 x 100 KB)
+    std::string bodyHead, bodyTail;     // sent once before and after the repeated body
     std::chrono::milliseconds delay{0}; // waited before the reply, on the connection's thread
     bool http10 = false;                // status line "HTTP/1.0", connection closed after the reply
     bool chunked = false;               // HTTP/1.1 chunked framing instead of Content-Length

@@ -1,0 +1,153 @@
+// The server side's readers through the exported handler functions, one target per protocol and
+// document kind: HV_FUZZ_PROTOCOL names the protocol constant, HV_FUZZ_REQUEST picks the request
+// reader (1) or the reply reader (0).
+//
+// A reply must read as a result dictionary or not at all. A request that reads must make sense
+// (a method name when it has one is a string; parameters and their order come together and the
+// order names parameters). When the names of the request fit where the writer puts them, the
+// reply and fault documents the handler writes for it must read back: a server echoing what it
+// was sent never writes a reply its own client cannot read.
+//
+// Names that do not fit are the reading rules at work, not faults: SOAP takes the Body's first
+// child as the method element and a value's children as its members even when they are text, and
+// writes those names back as element names; a SOAP document without an envelope of the SOAP
+// namespace reads as a request without a method, since nothing in it was dispatched.
+#include "FuzzSupport.h"
+
+#include <HalvosCore/HalvosCore.h>
+
+#include <cstring>
+#include <vector>
+
+using namespace hvfuzz;
+
+namespace {
+
+HVProtocolHandlerRef handler() {
+    static HVProtocolHandlerRef sHandler = HVProtocolHandlerCreate(kRtAllocatorDefault, HV_FUZZ_PROTOCOL);
+    return sHandler;
+}
+
+void checkResult(RtDictionaryRef result, const char *what) {
+    require(result != nullptr, what);
+    describe(result);
+    if (HVMethodResultIsFault(result))
+        require(RtDictionaryGetValue(result, kHVFaultString) != nullptr, "a fault carries a fault string");
+}
+
+bool isSOAP() { return HV_FUZZ_PROTOCOL != kHVXMLRPCProtocol; }
+
+// An ASCII XML name the writer can put in a tag as it stands.
+bool isPlainName(RtTypeRef value) {
+    if (!value || RtGetTypeID(value) != RtStringGetTypeID())
+        return false;
+    auto text = static_cast<RtStringRef>(value);
+    RtIndex length = RtStringGetLength(text);
+    for (RtIndex i = 0; i < length; i++) {
+        RtUniChar c = RtStringGetCharacterAtIndex(text, i);
+        bool letter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
+        bool other = (c >= '0' && c <= '9') || c == '-' || c == '.';
+        if (!letter && !(i > 0 && other))
+            return false;
+    }
+    return length > 0;
+}
+
+// Whether every dictionary key in value, at any depth, is a plain name (SOAP writes keys as tags).
+bool keysArePlain(RtTypeRef value) {
+    if (RtGetTypeID(value) == RtArrayGetTypeID()) {
+        auto array = static_cast<RtArrayRef>(value);
+        for (RtIndex i = 0; i < RtArrayGetCount(array); i++)
+            if (!keysArePlain(static_cast<RtTypeRef>(RtArrayGetValueAtIndex(array, i))))
+                return false;
+    } else if (RtGetTypeID(value) == RtDictionaryGetTypeID()) {
+        auto dict = static_cast<RtDictionaryRef>(value);
+        RtIndex count = RtDictionaryGetCount(dict);
+        std::vector<const void *> keys(static_cast<size_t>(count)), values(static_cast<size_t>(count));
+        RtDictionaryGetKeysAndValues(dict, keys.data(), values.data());
+        for (RtIndex i = 0; i < count; i++)
+            if (!isPlainName(static_cast<RtTypeRef>(keys[static_cast<size_t>(i)])) ||
+                !keysArePlain(static_cast<RtTypeRef>(values[static_cast<size_t>(i)])))
+                return false;
+    }
+    return true;
+}
+
+// Whether the writer can carry the request's names: for SOAP the method name, its namespace (an
+// attribute value written as it stands) and every parameter and member name.
+bool namesFit(RtDictionaryRef request, RtTypeRef params) {
+    if (!isSOAP())
+        return true;
+    RtTypeRef space = RtDictionaryGetValue(request, kHVSOAPMethodNamespaceURI);
+    if (space) {
+        Held utf8(RtStringCreateExternalRepresentation(kRtAllocatorDefault, static_cast<RtStringRef>(space),
+                                                       kRtStringEncodingUTF8, 0));
+        if (!utf8)
+            return false;
+        auto data = utf8.as<RtDataRef>();
+        for (RtIndex i = 0; i < RtDataGetLength(data); i++)
+            if (std::strchr("\"<&", RtDataGetBytePtr(data)[i]))
+                return false;
+    }
+    return isPlainName(RtDictionaryGetValue(request, RTSTR("/HVMethodName"))) && (!params || keysArePlain(params));
+}
+
+void fuzzReply(RtDataRef data) {
+    Held result(HVProtocolHandlerCopyReplyDictionary(handler(), RTSTR("echo"), data));
+    if (result)
+        checkResult(result.as<RtDictionaryRef>(), "a result dictionary");
+}
+
+void fuzzRequest(RtDataRef data) {
+    Held request(HVProtocolHandlerCopyRequestDictionary(handler(), data));
+    if (!request)
+        return;
+    auto dict = request.as<RtDictionaryRef>();
+    describe(dict);
+    RtTypeRef name = RtDictionaryGetValue(dict, RTSTR("/HVMethodName"));
+    RtTypeRef params = RtDictionaryGetValue(dict, RTSTR("/HVMethodParameters"));
+    RtTypeRef order = RtDictionaryGetValue(dict, RTSTR("/HVMethodParameterOrder"));
+    require(!name || RtGetTypeID(name) == RtStringGetTypeID(), "a method name is a string");
+    require(!params == !order, "parameters come with their order");
+    if (params) {
+        require(RtGetTypeID(params) == RtDictionaryGetTypeID(), "the parameters are a dictionary");
+        require(RtGetTypeID(order) == RtArrayGetTypeID(), "the order is an array");
+        auto orderArray = static_cast<RtArrayRef>(order);
+        for (RtIndex i = 0; i < RtArrayGetCount(orderArray); i++)
+            require(RtDictionaryContainsKey(static_cast<RtDictionaryRef>(params),
+                                            RtArrayGetValueAtIndex(orderArray, i)),
+                    "the order names parameters");
+    }
+    if (!name || !namesFit(dict, params))
+        return;
+    auto method = static_cast<RtStringRef>(name);
+
+    Held reply(HVProtocolHandlerCopyReplyDocument(handler(), dict, params ? params : name));
+    require(!!reply, "a reply document for a request that read");
+    Held echoed(HVProtocolHandlerCopyReplyDictionary(handler(), method, reply.as<RtDataRef>()));
+    checkResult(echoed.as<RtDictionaryRef>(), "the reply written for a request reads back");
+    require(!HVMethodResultIsFault(echoed.as<RtDictionaryRef>()), "the reply written for a request reads back");
+
+    int32_t code = 4;
+    Held number(RtNumberCreate(kRtAllocatorDefault, kRtNumberSInt32Type, &code));
+    const void *keys[] = {kHVFaultCode, kHVFaultString};
+    const void *values[] = {number.get(), RTSTR("fuzzed")};
+    Held fault(RtDictionaryCreate(kRtAllocatorDefault, keys, values, 2, &kRtTypeDictionaryKeyCallBacks,
+                                  &kRtTypeDictionaryValueCallBacks));
+    Held faultDocument(HVProtocolHandlerCopyFaultDocument(handler(), dict, fault.as<RtDictionaryRef>()));
+    require(!!faultDocument, "a fault document for a request that read");
+    Held faultResult(HVProtocolHandlerCopyReplyDictionary(handler(), method, faultDocument.as<RtDataRef>()));
+    checkResult(faultResult.as<RtDictionaryRef>(), "the fault written for a request reads back");
+    require(HVMethodResultIsFault(faultResult.as<RtDictionaryRef>()), "a fault document reads as a fault");
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
+    Held data(copyData(bytes, size));
+    if (HV_FUZZ_REQUEST)
+        fuzzRequest(data.as<RtDataRef>());
+    else
+        fuzzReply(data.as<RtDataRef>());
+    return 0;
+}

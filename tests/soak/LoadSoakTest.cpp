@@ -1,0 +1,207 @@
+// Load and soak over loopback against hvserve, started and stopped by the test: eight threads,
+// each with its own run loop, calling at once in a mix of XML-RPC and both SOAP flavours,
+// synchronous and asynchronous; then a long run of sequential calls while the process's resident
+// memory is sampled. Every call must come back intact, no runtime object may be left behind,
+// and memory must stop growing once the first thousand calls have warmed everything up.
+//
+// Counts: the full ones (1,000 calls per thread, 20,000 in sequence) under ./hv test --long,
+// which sets HV_TEST_LONG=1; a tenth of them otherwise, to keep the ordinary run short.
+#include "ToolProcess.h"
+
+#include <HalvosCore/HalvosCore.h>
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+bool longRun() {
+    const char *value = std::getenv("HV_TEST_LONG");
+    return value && *value && std::strcmp(value, "0") != 0;
+}
+
+// The process's resident set in bytes, from /proc/self/statm.
+long residentBytes() {
+    long pages = 0, resident = 0;
+    FILE *statm = std::fopen("/proc/self/statm", "r");
+    if (statm) {
+        if (std::fscanf(statm, "%ld %ld", &pages, &resident) != 2)
+            resident = 0;
+        std::fclose(statm);
+    }
+    return resident * sysconf(_SC_PAGESIZE);
+}
+
+RtStringRef newString(const std::string &utf8) {
+    return RtStringCreateWithCString(kRtAllocatorDefault, utf8.c_str(), kRtStringEncodingUTF8);
+}
+
+struct CallKind {
+    RtStringRef protocol;
+    bool async;
+};
+
+// The mix every thread and the sequential run go through in turn.
+const CallKind kMix[] = {
+    // protocol           asynchronous
+    {kHVXMLRPCProtocol, false},
+    {kHVSOAP2001Protocol, true},
+    {kHVXMLRPCProtocol, true},
+    {kHVSOAP1999Protocol, false},
+};
+
+void _storeResult(HVMethodInvocationRef, void *info, RtDictionaryRef result) {
+    auto *slot = static_cast<RtDictionaryRef *>(info);
+    if (*slot) // a second delivery would be a fault of its own: keep the first, count nothing
+        RtRelease(result);
+    else
+        *slot = result;
+}
+
+RtStringRef loadTestMode() { return RTSTR("HVLoadTestMode"); }
+
+// Calls examples.echo(text) on server; "" when the text came back intact, else what went wrong.
+std::string echoOnce(const std::string &base, const CallKind &kind, const std::string &text) {
+    bool xmlrpc = kind.protocol == kHVXMLRPCProtocol;
+    RtStringRef urlText = newString(base + (xmlrpc ? "/RPC2" : "/soap"));
+    RtURLRef url = RtURLCreateWithString(kRtAllocatorDefault, urlText, nullptr);
+    HVMethodInvocationRef call = HVMethodInvocationCreate(url, RTSTR("examples.echo"), kind.protocol);
+    RtStringRef value = newString(text);
+    const void *names[] = {RTSTR("value")};
+    const void *values[] = {value};
+    RtDictionaryRef params = RtDictionaryCreate(kRtAllocatorDefault, names, values, 1, &kRtTypeDictionaryKeyCallBacks,
+                                                &kRtTypeDictionaryValueCallBacks);
+    RtArrayRef order = RtArrayCreate(kRtAllocatorDefault, names, 1, &kRtTypeArrayCallBacks);
+    HVMethodInvocationSetParameters(call, params, order);
+
+    RtDictionaryRef result = nullptr;
+    if (!kind.async) {
+        result = HVMethodInvocationInvoke(call);
+    } else {
+        HVClientContext context = {0, &result, nullptr, nullptr, nullptr};
+        HVMethodInvocationSetCallBack(call, _storeResult, &context);
+        HVMethodInvocationScheduleWithRunLoop(call, RtRunLoopGetCurrent(), loadTestMode());
+        RtAbsoluteTime guard = RtAbsoluteTimeGetCurrent() + 60;
+        while (!result && RtAbsoluteTimeGetCurrent() < guard)
+            RtRunLoopRunInMode(loadTestMode(), 1.0, true);
+        HVMethodInvocationUnscheduleFromRunLoop(call, RtRunLoopGetCurrent(), loadTestMode());
+        HVMethodInvocationSetCallBack(call, nullptr, nullptr);
+    }
+
+    std::string problem;
+    if (!result) {
+        problem = "no result";
+    } else if (HVMethodResultIsFault(result) ||
+               !RtEqual(RtDictionaryGetValue(result, kHVMethodInvocationResult), value)) {
+        RtStringRef description = RtCopyDescription(result);
+        char buffer[2048] = "";
+        RtStringGetCString(description, buffer, sizeof buffer, kRtStringEncodingUTF8);
+        problem = buffer;
+        RtRelease(description);
+    }
+    if (result)
+        RtRelease(result);
+    RtRelease(order);
+    RtRelease(params);
+    RtRelease(value);
+    RtRelease(call);
+    RtRelease(url);
+    RtRelease(urlText);
+    return problem;
+}
+
+// Failures seen by any thread: how many, and the first one's story.
+class Failures {
+public:
+    void add(const std::string &what) {
+        std::lock_guard<std::mutex> hold(fLock);
+        if (fCount++ == 0)
+            fFirst = what;
+    }
+    int count() const { return fCount; }
+    const std::string &first() const { return fFirst; }
+
+private:
+    std::mutex fLock;
+    int fCount = 0;
+    std::string fFirst;
+};
+
+// The first calls of the process fill caches that live for good (each thread's run loop, the
+// User-Agent text, the protocols' tables); warm them before counting objects.
+void warmUp(const std::string &base) {
+    for (const CallKind &kind : kMix)
+        ASSERT_EQ(echoOnce(base, kind, "warm"), "");
+}
+
+} // namespace
+
+TEST(Load, EightThreadsEachWithItsOwnRunLoop) {
+    hvtest::Server server;
+    ASSERT_NE(server.port(), 0);
+    const std::string base = server.url("");
+    warmUp(base);
+    const int kThreads = 8, kCalls = longRun() ? 1000 : 100;
+    long liveBefore = RtRuntimeGetLiveObjectCount();
+
+    Failures failures;
+    std::atomic<int> done{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; t++)
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < kCalls; i++) {
+                const CallKind &kind = kMix[(t + i) % 4];
+                std::string text = "thread " + std::to_string(t) + " call " + std::to_string(i) + " <&>";
+                std::string problem = echoOnce(base, kind, text);
+                if (!problem.empty())
+                    failures.add(text + ": " + problem);
+                done++;
+            }
+        });
+    for (std::thread &thread : threads)
+        thread.join();
+
+    EXPECT_EQ(done.load(), kThreads * kCalls);
+    EXPECT_EQ(failures.count(), 0) << failures.first();
+    EXPECT_EQ(RtRuntimeGetLiveObjectCount(), liveBefore) << "runtime objects left behind";
+}
+
+TEST(Soak, SequentialCallsKeepMemoryFlat) {
+    hvtest::Server server;
+    ASSERT_NE(server.port(), 0);
+    const std::string base = server.url("");
+    warmUp(base);
+    const int kCalls = longRun() ? 20000 : 2000, kSampleEvery = 1000;
+    long liveBefore = RtRuntimeGetLiveObjectCount();
+
+    Failures failures;
+    long afterFirstThousand = 0, last = 0;
+    for (int i = 1; i <= kCalls; i++) {
+        std::string text = "call " + std::to_string(i);
+        std::string problem = echoOnce(base, kMix[i % 4], text);
+        if (!problem.empty())
+            failures.add(text + ": " + problem);
+        if (i % kSampleEvery == 0) {
+            last = residentBytes();
+            if (i == kSampleEvery)
+                afterFirstThousand = last;
+            std::cout << "soak: " << i << " calls, resident " << last / 1024 << " KiB" << std::endl;
+        }
+    }
+    EXPECT_EQ(failures.count(), 0) << failures.first();
+    EXPECT_EQ(RtRuntimeGetLiveObjectCount(), liveBefore) << "runtime objects left behind";
+    ASSERT_GT(afterFirstThousand, 0);
+    EXPECT_LE(last, afterFirstThousand + afterFirstThousand / 20)
+        << "resident memory grew from " << afterFirstThousand << " to " << last << " bytes";
+}
