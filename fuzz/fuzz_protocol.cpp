@@ -28,11 +28,11 @@ HVProtocolHandlerRef handler() {
     return sHandler;
 }
 
+// A fault read from a document may lack its fault string (an XML-RPC fault struct without
+// "faultString" reads that way), so only the shape of the dictionary is checked here.
 void checkResult(RtDictionaryRef result, const char *what) {
     require(result != nullptr, what);
     describe(result);
-    if (HVMethodResultIsFault(result))
-        require(RtDictionaryGetValue(result, kHVFaultString) != nullptr, "a fault carries a fault string");
 }
 
 bool isSOAP() { return HV_FUZZ_PROTOCOL != kHVXMLRPCProtocol; }
