@@ -158,7 +158,9 @@ RtIndex findXMLStart(RtDataRef data);
 // declaration the parse fails with "No valid XML data in response", unless forceXML, in which
 // case a declaration naming charset is put in front. On failure returns NULL and *errorString
 // receives a new message (caller releases): "<description> (line L, pos P, status S)".
-RtTreeRef parseXML(RtDataRef xmlData, bool forceXML, RtStringEncoding charset, RtStringRef *errorString);
+// With drain, the tree is built by RtXMLTreeCreateFromDataDraining with that context.
+RtTreeRef parseXML(RtDataRef xmlData, bool forceXML, RtStringEncoding charset, RtStringRef *errorString,
+                   const RtXMLTreeDrainContext *drain = nullptr);
 
 // The node of a tree position (borrowed), NULL for a NULL tree.
 RtXMLNodeRef treeGetNode(RtTreeRef tree);

@@ -8,6 +8,7 @@
 #include "HalvoClosure.h"
 
 class XMLBuffer;
+struct ReplyArrayDrain;
 
 class XMLRPCHalvoMethodInvocation : public HalvoMethodInvocation {
 public:
@@ -39,8 +40,9 @@ public:
     RtDataRef createReply(RtDictionaryRef context, RtTypeRef returnValue) override;
     RtDataRef createFault(RtDictionaryRef context, RtDictionaryRef faultDict) override;
 
-    // Fills result from a methodResponse document's tree.
-    void parseReply(HalvoResult *result, RtTreeRef tree);
+    // Fills result from a methodResponse document's tree; with drain, from the tree parseXML
+    // built with drain's context and the array items read while it parsed.
+    void parseReply(HalvoResult *result, RtTreeRef tree, ReplyArrayDrain *drain = nullptr);
     // Writes one value element for value at indentation level.
     void serialize(XMLBuffer *buffer, int level, const void *value);
 };

@@ -105,7 +105,8 @@ static int32_t errorDictInt(RtDictionaryRef dict, RtStringRef key) {
     return value;
 }
 
-RtTreeRef parseXML(RtDataRef xmlData, bool forceXML, RtStringEncoding charset, RtStringRef *errorString) {
+RtTreeRef parseXML(RtDataRef xmlData, bool forceXML, RtStringEncoding charset, RtStringRef *errorString,
+                   const RtXMLTreeDrainContext *drain) {
     *errorString = nullptr;
     RtIndex offset = findXMLStart(xmlData);
     RtDataRef madeData = nullptr;
@@ -145,8 +146,11 @@ RtTreeRef parseXML(RtDataRef xmlData, bool forceXML, RtStringEncoding charset, R
     }
 
     RtDictionaryRef errorDict = nullptr;
-    RtTreeRef tree = RtXMLTreeCreateFromDataWithError(kRtAllocatorDefault, madeData ? madeData : xmlData, nullptr,
-                                                      kRtXMLParserAllOptions, 1, &errorDict);
+    RtDataRef source = madeData ? madeData : xmlData;
+    RtTreeRef tree = drain ? RtXMLTreeCreateFromDataDraining(kRtAllocatorDefault, source, kRtXMLParserAllOptions, 1,
+                                                             drain, &errorDict)
+                           : RtXMLTreeCreateFromDataWithError(kRtAllocatorDefault, source, nullptr,
+                                                              kRtXMLParserAllOptions, 1, &errorDict);
     if (!tree) {
         // Printed whatever the debug switches say, and without a line feed: kept as it always was.
         hvPrintf(RTSTR("XML Parse error occurred: %@"), errorDict);

@@ -298,6 +298,19 @@ void setError(AutoString &error, const char *format, RtStringRef name) {
 
 RtTypeRef parseType(RtTreeRef valueTree, AutoString &error);
 
+// One child of <data> into array; error set (and the reading to end) when it is no <value> or
+// its value fails.
+void appendArrayItem(AutoArray &array, RtTreeRef item, AutoString &error) {
+    if (!rtstrEquivilent(getElementName(item), RTSTR("value"))) {
+        setError(error, RTSTR("non-value element found in <data> part of <array>"));
+        return;
+    }
+    // An empty <value> still holds its place in the array, as "".
+    RtTypeRef value = parseType(item, error);
+    array.appendValue(value ? value : RTSTR(""));
+    safeRtRelease(value);
+}
+
 // The array read from <data> (the first child of <array>). Children of <array> after the first
 // are never looked at.
 RtTypeRef parseArrayData(RtTreeRef dataTree, AutoString &error) {
@@ -306,16 +319,8 @@ RtTypeRef parseArrayData(RtTreeRef dataTree, AutoString &error) {
         return nullptr;
     }
     AutoArray array;
-    for (RtTreeRef item = RtTreeGetFirstChild(dataTree); item && error.isNull(); item = RtTreeGetNextSibling(item)) {
-        if (!rtstrEquivilent(getElementName(item), RTSTR("value"))) {
-            setError(error, RTSTR("non-value element found in <data> part of <array>"));
-            break;
-        }
-        // An empty <value> still holds its place in the array, as "".
-        RtTypeRef value = parseType(item, error);
-        array.appendValue(value ? value : RTSTR(""));
-        safeRtRelease(value);
-    }
+    for (RtTreeRef item = RtTreeGetFirstChild(dataTree); item && error.isNull(); item = RtTreeGetNextSibling(item))
+        appendArrayItem(array, item, error);
     if (!error.isNull())
         return nullptr;
     return RtRetain(array.getMutableArray());
@@ -426,7 +431,60 @@ RtTypeRef parseType(RtTreeRef valueTree, AutoString &error) {
 
 } // namespace
 
-void XMLRPCProtocolHandler::parseReply(HalvoResult *result, RtTreeRef tree) {
+// ---- Reading a reply's array while the document is parsed -----------------------------------------
+// The items of the array a reply returns (methodResponse, params, param, value, array, data, each
+// the first child of the one before) become values as soon as the parser completes them, and
+// their nodes are freed at once: the tree of a long reply never exists whole. parseReply then
+// takes the values instead of the (now empty) <data>. They are the values parseArrayData would
+// make from the finished tree: the same code reads the same nodes in the same order, and the
+// first error ends the reading the same way.
+struct ReplyArrayDrain {
+    RtTreeRef fValueTree = nullptr; // the param's <value>, once its array is being drained
+    AutoArray fArray;
+    AutoString fError;
+};
+
+namespace {
+
+// The depth of <data> in a reply (the document is 0, methodResponse 1).
+constexpr RtIndex kReplyDataDepth = 6;
+
+// Whether data is the <data> that parseReply would read as the reply's array. Everything this
+// looks at precedes data's first child in the document, so it is already in the tree.
+bool _isReplyData(RtTreeRef data, void *info) {
+    if (gHVDebugVerbose)
+        return false; // the verbose log prints the whole tree
+    RtTreeRef array = RtTreeGetParent(data);
+    RtTreeRef value = RtTreeGetParent(array);
+    RtTreeRef param = RtTreeGetParent(value);
+    RtTreeRef params = RtTreeGetParent(param);
+    RtTreeRef response = RtTreeGetParent(params);
+    RtTreeRef document = RtTreeGetParent(response);
+    if (!document || RtTreeGetFirstChild(response) != params || RtTreeGetFirstChild(params) != param ||
+        RtTreeGetFirstChild(param) != value || RtTreeGetFirstChild(value) != array ||
+        RtTreeGetFirstChild(array) != data)
+        return false;
+    RtXMLNodeRef arrayNode = RtXMLTreeGetNode(array);
+    RtStringRef arrayName = RtXMLNodeGetString(arrayNode);
+    if (RtXMLNodeGetTypeCode(arrayNode) != kRtXMLNodeTypeElement || !arrayName ||
+        valueElementKind(arrayName) != eArrayElement || !rtstrEquivilent(getElementName(data), RTSTR("data")) ||
+        rtstrEquivilent(getElementName(params), RTSTR("fault")) ||
+        !rtstrEquivilent(getElementName(params), RTSTR("params")) ||
+        findNamedElement(document, RTSTR("methodResponse")) != response)
+        return false;
+    static_cast<ReplyArrayDrain *>(info)->fValueTree = value;
+    return true;
+}
+
+void _readReplyArrayItem(RtTreeRef item, void *info) {
+    auto *drain = static_cast<ReplyArrayDrain *>(info);
+    if (drain->fError.isNull())
+        appendArrayItem(drain->fArray, item, drain->fError);
+}
+
+} // namespace
+
+void XMLRPCProtocolHandler::parseReply(HalvoResult *result, RtTreeRef tree, ReplyArrayDrain *drain) {
     if (gHVDebugVerbose) {
         hvPrintf(RTSTR("XMLRPCHalvoMethodInvocation::parseReply: reply tree\n"));
         dumpXMLTree(tree, 0);
@@ -469,6 +527,11 @@ void XMLRPCProtocolHandler::parseReply(HalvoResult *result, RtTreeRef tree) {
             setError(error, RTSTR("<params> must contain a single <param> entry"));
         } else if (!valueTree) {
             setError(error, RTSTR("<param> must contain a single <value> entry"));
+        } else if (drain && drain->fValueTree == valueTree) {
+            if (!drain->fError.isNull())
+                setError(error, drain->fError.getString());
+            else
+                result->addToResult(kHVMethodInvocationResult, drain->fArray.getMutableArray());
         } else if (RtTypeRef value = parseType(valueTree, error)) {
             result->addToResult(kHVMethodInvocationResult, value);
             RtRelease(value);
@@ -486,9 +549,11 @@ RtDictionaryRef XMLRPCProtocolHandler::parseReplyData(RtStringRef /*methodName*/
     AutoString localError;
     AutoString *error = errorString ? errorString : &localError;
     error->setString(nullptr);
-    RtTreeRef tree = parseXML(data, true, encoding, error->getStringPtr());
+    ReplyArrayDrain drain;
+    RtXMLTreeDrainContext draining = {kReplyDataDepth, _isReplyData, _readReplyArrayItem, &drain};
+    RtTreeRef tree = parseXML(data, true, encoding, error->getStringPtr(), &draining);
     if (tree) {
-        parseReply(&result, tree);
+        parseReply(&result, tree, &drain);
         RtRelease(tree);
     } else {
         result.becomeFault(error->isNull() ? RTSTR("Could not parse XML.") : error->getString(), kParseStreamError);

@@ -48,11 +48,25 @@ void *Arena::refill(size_t n) {
     return start;
 }
 
+void Arena::rewind(const Mark &mark) {
+    // Blocks taken since the mark (and large pieces linked behind them) are the newest in the
+    // chain; the marked block itself is reused from the marked position.
+    while (fLast && fLast != mark.fLast) {
+        Block *previous = fLast->fPrevious;
+        std::free(fLast);
+        fLast = previous;
+    }
+    fNext = mark.fNext;
+    fEnd = mark.fEnd;
+}
+
 static void _finalizeTree(RtTypeRef obj) {
     // Only a root ever reaches a count of zero: interior positions forward to it.
     auto *root = reinterpret_cast<RootNode *>(const_cast<void *>(obj));
     for (RtTypeRef owned : root->fDocument.fOwned)
         RtRelease(owned);
+    for (RtTypeRef shared : root->fDocument.fShared)
+        RtRelease(shared);
     root->fDocument.~Document();
 }
 
@@ -153,8 +167,8 @@ static RtDictionaryRef createErrorDictionary(const ParseError &error) {
     return dict;
 }
 
-static RtTreeRef createTree(RtDataRef xmlData, RtStringEncoding encoding, RtOptionFlags options, RtIndex version,
-                            RtDictionaryRef *errorDict) {
+RtTreeRef rt::xml::createTree(RtDataRef xmlData, RtStringEncoding encoding, RtOptionFlags options, RtIndex version,
+                              RtDictionaryRef *errorDict, const RtXMLTreeDrainContext *drain) {
     if (errorDict) *errorDict = nullptr;
     const uint8_t *bytes = nullptr;
     size_t length = 0;
@@ -171,7 +185,7 @@ static RtTreeRef createTree(RtDataRef xmlData, RtStringEncoding encoding, RtOpti
         if (!root) {
             error.fStatus = kStatusOutOfMemory;
             error.fDescription = "out of memory";
-        } else if (!buildTree(root, plan, options, error)) {
+        } else if (!buildTree(root, plan, options, error, drain)) {
             RtRelease(root);
             root = nullptr;
         }

@@ -94,7 +94,7 @@ RtStringRef createString(const char *p, size_t n) {
 
 RtStringRef NameTable::createOwned(const char *p, size_t n) {
     RtStringRef s = createString(p, n);
-    if (s) fDocument.fOwned.push_back(s);
+    if (s) fDocument.fShared.push_back(s);
     return s;
 }
 
@@ -249,7 +249,7 @@ bool rawIsReference(const char *raw, int count, const char *name, size_t nameLen
 
 class TreeBuilder {
   public:
-    TreeBuilder(RootNode *root, XML_Parser parser, RtOptionFlags options);
+    TreeBuilder(RootNode *root, XML_Parser parser, RtOptionFlags options, const RtXMLTreeDrainContext *drain);
     TreeBuilder(const TreeBuilder &) = delete;
     TreeBuilder &operator=(const TreeBuilder &) = delete;
 
@@ -287,6 +287,8 @@ class TreeBuilder {
     bool predefinedReference(char c);
     bool setAttributes(TreeNode *element, const char **atts);
     TreeNode *appendNode(uint8_t type, RtStringRef string);
+    void beforeChild();
+    void drainLastChild();
     RtStringRef createOwned(const char *p, size_t n);
     void flushText(bool beforeReference = false) {
         if (!fText.empty()) flushPendingText(beforeReference);
@@ -316,13 +318,23 @@ class TreeBuilder {
 
     bool fFailed = false;
     ParseError fError;
+
+    // Draining (see RtXMLTreeCreateFromDataDraining): the element whose children go to the
+    // consumer, and where the nodes and owned objects of its current child begin.
+    const RtXMLTreeDrainContext *fDrain;
+    TreeNode *fDrained = nullptr;
+    bool fDrainOver = false;
+    Arena::Mark fChildMark{};
+    size_t fChildOwned = 0;
 };
 
-TreeBuilder::TreeBuilder(RootNode *root, XML_Parser parser, RtOptionFlags options)
+TreeBuilder::TreeBuilder(RootNode *root, XML_Parser parser, RtOptionFlags options,
+                         const RtXMLTreeDrainContext *drain)
     : fParser(parser), fRoot(root), fDocument(root->fDocument), fOptions(options),
       fTreeClass(classEntry(treeTypeID())), fNodeClass(classEntry(xmlNodeTypeID())),
       fPlainInfo(noAttributesInfo(false)), fNames(root->fDocument),
-      fTexts(root->fDocument), fCurrent(&root->fNode) {
+      fTexts(root->fDocument), fCurrent(&root->fNode),
+      fDrain(drain && drain->consume && drain->shouldDrain && drain->depth > 0 ? drain : nullptr) {
     fLastChild.reserve(64);
     fLastChild.push_back(nullptr);
     fText.reserve(256);
@@ -382,7 +394,7 @@ void TreeBuilder::fail(int status, const std::string &description) {
 
 TreeNode *TreeBuilder::appendNode(uint8_t type, RtStringRef string) {
     bool leaf = isLeafType(type);
-    auto *n = static_cast<TreeNode *>(fDocument.fArena.allocate(leaf ? kLeafNodeSize : sizeof(TreeNode)));
+    auto *n = static_cast<TreeNode *>(fDocument.fNodes.allocate(leaf ? kLeafNodeSize : sizeof(TreeNode)));
     if (!n) {
         outOfMemory();
         return nullptr;
@@ -409,6 +421,37 @@ TreeNode *TreeBuilder::appendNode(uint8_t type, RtStringRef string) {
     return n;
 }
 
+// Called before anything of a new child of the open node is made. Under draining, the open
+// node's previous child is complete by now: it goes to the consumer, and the new child starts
+// where it began.
+void TreeBuilder::beforeChild() {
+    if (!fDrain || fDrainOver) return;
+    if (!fDrained) {
+        bool firstChildAtDepth = !fLastChild.back() && fLastChild.size() == size_t(fDrain->depth) + 1 &&
+                                 fCurrent->fType == kRtXMLNodeTypeElement;
+        if (!firstChildAtDepth) return;
+        if (!fDrain->shouldDrain(treeOfNode(fCurrent), fDrain->info)) return;
+        fDrained = fCurrent;
+    }
+    if (fCurrent != fDrained) return;
+    if (fLastChild.back()) drainLastChild();
+    fChildMark = fDocument.fNodes.mark();
+    fChildOwned = fDocument.fOwned.size();
+}
+
+void TreeBuilder::drainLastChild() {
+    TreeNode *child = fLastChild.back();
+    fDrain->consume(treeOfNode(child), fDrain->info);
+    fDrained->fFirstChild = nullptr;
+    fDrained->fChildCount = 0;
+    fLastChild.back() = nullptr;
+    fDocument.fNodes.rewind(fChildMark);
+    // What the child's nodes owned alone; anything the consumer kept, it retained.
+    for (size_t i = fChildOwned; i < fDocument.fOwned.size(); i++)
+        RtRelease(fDocument.fOwned[i]);
+    fDocument.fOwned.resize(fChildOwned);
+}
+
 RtStringRef TreeBuilder::createOwned(const char *p, size_t n) {
     RtStringRef s = createString(p, n);
     if (!s) {
@@ -427,6 +470,7 @@ void TreeBuilder::flushPendingText(bool beforeReference) {
                 !(fLastChild.back() && fLastChild.back()->fType == kRtXMLNodeTypeEntityReference) &&
                 isXMLWhitespace(fText.data(), fText.size());
     if (!skip) {
+        beforeChild();
         RtStringRef s = fText.size() <= kInternTextLength ? fTexts.intern(fText.data(), fText.size())
                                                           : createOwned(fText.data(), fText.size());
         if (s)
@@ -475,9 +519,11 @@ bool TreeBuilder::setAttributes(TreeNode *element, const char **atts) {
     }
     RtDictionaryRef dict = RtDictionaryCreate(kRtAllocatorDefault, fKeys.data(), fValues.data(), RtIndex(n),
                                               &kRtTypeDictionaryKeyCallBacks, &kRtTypeDictionaryValueCallBacks);
-    if (dict) fDocument.fOwned.push_back(dict);
+    // A record others may share belongs to the document; any other to its element.
+    std::vector<RtTypeRef> &owner = allInterned ? fDocument.fShared : fDocument.fOwned;
+    if (dict) owner.push_back(dict);
     RtArrayRef order = RtArrayCreate(kRtAllocatorDefault, fKeys.data(), RtIndex(n), &kRtTypeArrayCallBacks);
-    if (order) fDocument.fOwned.push_back(order);
+    if (order) owner.push_back(order);
     auto *pair = static_cast<RtXMLElementInfo *>(fDocument.fArena.allocate(2 * sizeof(RtXMLElementInfo)));
     if (!dict || !order || !pair) {
         outOfMemory();
@@ -497,6 +543,7 @@ void TreeBuilder::startElement(const char *name, const char **atts) {
              "elements nested deeper than " + std::to_string(kRtXMLTreeMaxDepth) + " levels");
         return;
     }
+    beforeChild();
     RtStringRef s = fNames.intern(name, std::strlen(name));
     if (!s) {
         outOfMemory();
@@ -516,6 +563,11 @@ void TreeBuilder::startElement(const char *name, const char **atts) {
 void TreeBuilder::endElement() {
     flushText();
     TreeNode *n = fCurrent;
+    if (n == fDrained) {
+        if (fLastChild.back()) drainLastChild();
+        fDrained = nullptr;
+        fDrainOver = true;
+    }
     // The end of an element written <x/> is an event of no bytes of its own.
     // Every info record is the first of a pair whose second is the same record for an empty
     // element (the shared records of elements without attributes too).
@@ -545,6 +597,7 @@ bool TreeBuilder::predefinedReference(char c) {
         if (!context || offset < 0 || count > size - offset) return false;
         if (!rawIsReference(context + offset, count, entry.fName, std::strlen(entry.fName))) return false;
         flushText(true);
+        beforeChild();
         appendNode(kRtXMLNodeTypeEntityReference, entry.fString);
         return true;
     }
@@ -558,11 +611,13 @@ void TreeBuilder::characterData(const char *s, int len) {
 
 void TreeBuilder::comment(const char *text) {
     flushText();
+    beforeChild();
     if (RtStringRef s = createOwned(text, std::strlen(text))) appendNode(kRtXMLNodeTypeComment, s);
 }
 
 void TreeBuilder::processingInstruction(const char *target, const char *text) {
     flushText();
+    beforeChild();
     RtStringRef name = fNames.intern(target, std::strlen(target));
     RtStringRef data = name ? createOwned(text, std::strlen(text)) : nullptr;
     auto *slot = static_cast<RtStringRef *>(fDocument.fArena.allocate(sizeof(RtStringRef)));
@@ -581,6 +636,7 @@ void TreeBuilder::startCDATA() {
 
 void TreeBuilder::endCDATA() {
     fInCDATA = false;
+    beforeChild();
     if (RtStringRef s = createOwned(fText.data(), fText.size())) appendNode(kRtXMLNodeTypeCDATASection, s);
     fText.clear();
 }
@@ -653,7 +709,8 @@ int XMLCALL TreeBuilder::_externalEntityReference(XML_Parser parser, const XML_C
 
 } // namespace
 
-bool buildTree(RootNode *root, const InputPlan &plan, RtOptionFlags options, ParseError &error) {
+bool buildTree(RootNode *root, const InputPlan &plan, RtOptionFlags options, ParseError &error,
+               const RtXMLTreeDrainContext *drain) {
     XML_Parser parser = XML_ParserCreate(plan.fExpatEncoding);
     if (!parser) {
         error.fStatus = XML_ERROR_NO_MEMORY;
@@ -662,7 +719,7 @@ bool buildTree(RootNode *root, const InputPlan &plan, RtOptionFlags options, Par
     }
     bool built;
     {
-        TreeBuilder builder(root, parser, options);
+        TreeBuilder builder(root, parser, options, drain);
         built = builder.run(plan.fBytes, plan.fLength, error);
     }
     XML_ParserFree(parser);

@@ -33,6 +33,16 @@ class Arena {
         return p;
     }
 
+    // Where the next allocation goes; rewind(mark) gives back everything allocated since (the
+    // blocks taken since are freed), so the same memory serves the next piece.
+    struct Mark {
+        void *fLast;
+        char *fNext;
+        char *fEnd;
+    };
+    Mark mark() const { return Mark{fLast, fNext, fEnd}; }
+    void rewind(const Mark &mark);
+
   private:
     void *refill(size_t n);
 
@@ -76,10 +86,15 @@ inline const void *info(const TreeNode *n) {
     return isLeafType(n->fType) ? nullptr : n->fInfo;
 }
 
-// What the root position owns besides its own node.
+// What the root position owns besides its own node. Nodes have an arena of their own, so that
+// a reader that drains children while parsing can rewind it; everything shared between nodes
+// (interned bytes, attribute records, instruction data) lives in fArena, and the strings and
+// collections shared between nodes in fShared.
 struct Document {
+    Arena fNodes;
     Arena fArena;
-    std::vector<RtTypeRef> fOwned; // released when the document dies
+    std::vector<RtTypeRef> fOwned;  // each the string of one node (or held by one); released when the document dies
+    std::vector<RtTypeRef> fShared; // interned strings, attribute dictionaries; released when the document dies
     RtIndex fVersion = 0;
 };
 
@@ -144,7 +159,14 @@ struct InputPlan {
 // when the bytes are not valid in the charset or the override is unknown.
 bool planInput(const uint8_t *bytes, size_t length, RtStringEncoding override, InputPlan &plan, ParseError &error);
 
-// Parses plan's bytes into root's document. False with error set on any failure.
-bool buildTree(RootNode *root, const InputPlan &plan, RtOptionFlags options, ParseError &error);
+// Parses plan's bytes into root's document. False with error set on any failure. With drain,
+// the children of the element it accepts are handed over and removed as they complete (see
+// RtXMLTreeCreateFromDataDraining).
+bool buildTree(RootNode *root, const InputPlan &plan, RtOptionFlags options, ParseError &error,
+               const RtXMLTreeDrainContext *drain = nullptr);
+
+// The entry points' common body: the tree of xmlData, or NULL with *errorDict (when given) set.
+RtTreeRef createTree(RtDataRef xmlData, RtStringEncoding encoding, RtOptionFlags options, RtIndex version,
+                     RtDictionaryRef *errorDict, const RtXMLTreeDrainContext *drain = nullptr);
 
 } // namespace rt::xml

@@ -150,6 +150,55 @@ TEST(XMLRPCReplies, MalformedRepliesBecomeFaults) {
     }
 }
 
+// A reply's own array is read item by item while the document is parsed; the same array one
+// level down (in a struct) is read from the finished tree. Both must give the same values and
+// the same faults, whatever <data> holds.
+TEST(XMLRPCReplies, ArraysReadWhileParsedMatchTheTreeReading) {
+    Handler handler;
+    std::string many;
+    for (int i = 0; i < 3000; i++)
+        many += i % 3 ? "<value><i4>" + std::to_string(i) + "</i4></value>"
+                      : "<value><struct><member><name>n</name><value>text " + std::to_string(i) +
+                            " &amp; more text to be a long string</value></member></struct></value>";
+    const std::string items[] = {
+        "",
+        "<value><i4>1</i4></value><value/><value><string/></value><value>x</value>",
+        "\n  <value>a&amp;b</value> <!-- c --> <value><string>x&lt;y<![CDATA[z]]></string></value>\n",
+        "<value><array><data><value>1</value></data></array></value>"
+        "<value><struct><member><name>a</name><value><base64>TWFu</base64></value></member></struct></value>",
+        "<value>1</value>value",
+        many,
+        many + "<i4>2</i4>" + many,
+        "<value>1</value><value><nil/></value><junk/>",
+        "text<value>1</value>",
+        "<?pi x?><value>1</value>",
+        "&amp;<value>1</value>",
+    };
+    for (const std::string &list : items) {
+        Value top = handler.readReply(replyHolding("<value><array><data>" + list + "</data></array></value>"));
+        Value nested = handler.readReply(replyHolding(
+            "<value><struct><member><name>k</name><value><array><data>" + list + "</data></array></value></member>"
+            "</struct></value>"));
+        if (HVMethodResultIsFault(nested.dict())) {
+            EXPECT_TRUE(sameValue(nested.get(), top.get())) << list;
+        } else {
+            Value inner = Value::retain(nested["/Result"]);
+            EXPECT_TRUE(sameValue(Dict({{"/Result", Value::retain(inner["k"])}}), top.get())) << list;
+        }
+    }
+
+    // Items already read count for nothing when the document then fails to parse; a second
+    // param after the array is ignored as always.
+    Value truncated = handler.readReply(replyHolding("<value><array><data>" + many).substr(0, 40000));
+    EXPECT_TRUE(HVMethodResultIsFault(truncated.dict()));
+    EXPECT_TRUE(sameValue(I(-65795), Value::retain(truncated["/FaultExtra"])["error"]));
+    EXPECT_TRUE(sameValue(Dict({{"/Result", A({S("1")})}}),
+                          handler.readReply("<methodResponse><params><param><value><array><data><value>1</value>"
+                                            "</data></array></value></param><param><value>2</value></param>"
+                                            "</params></methodResponse>")
+                              .get()));
+}
+
 TEST(XMLRPCReplies, DeepNestingEndsAtTheDepthLimit) {
     Handler handler;
     for (bool structs : {false, true}) {

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <string>
 #include <unistd.h>
+#include <vector>
 
 using namespace rttest;
 
@@ -231,6 +232,92 @@ TEST_F(XMLTreeTests, GeneratedXMLRPCReplyReadsBack) {
         EXPECT_EQ(joined, rec.name) << "record " << i;
     }
     RtRelease(root);
+}
+
+namespace {
+
+// What a draining parse handed over: each child's shape as it was offered, with its parent.
+struct Drained {
+    explicit Drained(const char *accept) : fAccept(accept) {}
+    std::string fAccept; // the name of the element to drain
+    std::vector<std::string> fShapes;
+    RtStringRef fKept = nullptr; // the first child's string, retained past the parse
+};
+
+bool _acceptNamed(RtTreeRef element, void *info) {
+    return text(RtXMLNodeGetString(RtXMLTreeGetNode(element))) == static_cast<Drained *>(info)->fAccept;
+}
+
+void _record(RtTreeRef child, void *info) {
+    auto *drained = static_cast<Drained *>(info);
+    drained->fShapes.push_back(text(RtXMLNodeGetString(RtXMLTreeGetNode(RtTreeGetParent(child)))) + ">" + shape(child));
+    if (!drained->fKept)
+        drained->fKept = static_cast<RtStringRef>(RtRetain(RtXMLNodeGetString(RtXMLTreeGetNode(child))));
+}
+
+// The shape of the tree a draining parse returns, or "failed".
+std::string drainedShape(const std::string &bytes, Drained &drained, RtIndex depth) {
+    RtDataRef data = dataOf(bytes);
+    RtXMLTreeDrainContext context = {depth, _acceptNamed, _record, &drained};
+    RtDictionaryRef error = nullptr;
+    RtTreeRef tree = RtXMLTreeCreateFromDataDraining(nullptr, data, kRtXMLParserAllOptions, 1, &context, &error);
+    RtRelease(data);
+    std::string s = tree ? shape(tree) : error ? "failed" : "failed without an error";
+    if (tree) RtRelease(tree);
+    if (error) RtRelease(error);
+    return s;
+}
+
+} // namespace
+
+TEST_F(XMLTreeTests, DrainingHandsOverEachChildOnceComplete) {
+    const std::string doc = "<r><skip><x/></skip><list a='1'>text&amp;<a x=\"1\"><b>1</b></a><!--c--><?pi d?>"
+                            "<![CDATA[z]]><a x=\"1\"/>  <c>a text longer than sixteen bytes</c>tail</list><after/></r>";
+    Drained drained("list");
+    EXPECT_EQ("#doc[r[skip[x/] list{a=1} after/]]", drainedShape(doc, drained, 2));
+    const std::vector<std::string> children = {
+        "list>'text'", "list>&amp;", "list>a{x=1}[b['1']]", "list>!'c'", "list>?pi'd'", "list>CDATA'z'",
+        "list>a{x=1}/", "list>c['a text longer than sixteen bytes']", "list>'tail'"};
+    EXPECT_EQ(children, drained.fShapes);
+    // A string taken from a child outlives the child and the document.
+    EXPECT_EQ("text", text(drained.fKept));
+    RtRelease(drained.fKept);
+
+    // Declined (or at another depth), nothing is drained and the tree is whole.
+    for (RtIndex depth : {RtIndex(2), RtIndex(3)}) {
+        Drained none(depth == 2 ? "nothing" : "list");
+        EXPECT_EQ(shapeOf(doc), drainedShape(doc, none, depth));
+        EXPECT_TRUE(none.fShapes.empty());
+    }
+
+    // Thousands of children, one of them far larger than an arena block, each handed over
+    // intact while the memory of the ones before is reused.
+    std::string big = "<r><list>", expectedBig;
+    std::vector<std::string> expected;
+    for (int i = 0; i < 4000; i++) {
+        std::string n = std::to_string(i);
+        if (i == 1500) {
+            std::string inner;
+            for (int j = 0; j < 3000; j++) inner += "<e>" + std::to_string(j) + "</e>";
+            big += "<huge>" + inner + "</huge>";
+            std::string shapeOfHuge = "list>huge[";
+            for (int j = 0; j < 3000; j++) shapeOfHuge += (j ? " e['" : "e['") + std::to_string(j) + "']";
+            expected.push_back(shapeOfHuge + "]");
+        }
+        big += "<i n=\"" + n + "\">" + n + "</i>";
+        expected.push_back("list>i{n=" + n + "}['" + n + "']");
+    }
+    big += "</list></r>";
+    Drained many("list");
+    EXPECT_EQ("#doc[r[list]]", drainedShape(big, many, 2));
+    EXPECT_TRUE(many.fShapes == expected);
+    RtRelease(many.fKept);
+
+    // A document that breaks after some children fails as any other.
+    Drained broken("list");
+    EXPECT_EQ("failed", drainedShape("<r><list><a/><b/><c>", broken, 2));
+    EXPECT_EQ((std::vector<std::string>{"list>a/", "list>b/"}), broken.fShapes);
+    RtRelease(broken.fKept);
 }
 
 TEST_F(XMLTreeTests, ErrorDictionaries) {

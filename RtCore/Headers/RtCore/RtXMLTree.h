@@ -107,6 +107,29 @@ RT_EXPORT RtTreeRef RtXMLTreeCreateFromDataWithEncoding(RtAllocatorRef alloc, Rt
 RT_EXPORT RtTreeRef RtXMLTreeCreateFromData(RtAllocatorRef alloc, RtDataRef xmlData, RtURLRef sourceURL,
                                             RtOptionFlags parseOptions, RtIndex versionOfNodes);
 
+/* Reading a large document without holding all of it. While the document is parsed, each
+ * element at depth `depth` (the document node is 0, its root element 1) is offered to
+ * shouldDrain just before its first child is added (its ancestors and everything before it in
+ * the document are then in place and may be read). Of the first element accepted, every child
+ * is passed to consume once it is complete (when the next child begins or the element ends;
+ * whitespace the options drop is no child), in document order, and is then taken out of the
+ * tree: its nodes' memory serves the next child. During consume the child is a complete
+ * subtree linked to its ancestors; it and its nodes may be read but must not be kept or
+ * retained past the call (strings read from it may be retained). The tree returned lacks the
+ * drained children (the element reports none); everything else is as RtXMLTreeCreateFromData-
+ * WithError builds it, and a document that fails to parse returns NULL the same way, whatever
+ * consume has seen. consume must not call back into the reader. Used by readers that turn a
+ * long list into values one item at a time. */
+typedef struct {
+    RtIndex depth;
+    bool (*shouldDrain)(RtTreeRef element, void *info);
+    void (*consume)(RtTreeRef child, void *info);
+    void *info;
+} RtXMLTreeDrainContext;
+RT_EXPORT RtTreeRef RtXMLTreeCreateFromDataDraining(RtAllocatorRef alloc, RtDataRef xmlData, RtOptionFlags parseOptions,
+                                                    RtIndex versionOfNodes, const RtXMLTreeDrainContext *drain,
+                                                    RtDictionaryRef *errorDict);
+
 /* Navigation. Trees are runtime objects; children are owned by their parent and the results
  * here are borrowed. Every position and node of one document shares the document's reference
  * count: retaining a subtree or a node keeps the whole document alive (RtGetRetainCount reports
