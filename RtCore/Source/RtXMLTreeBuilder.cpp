@@ -9,6 +9,7 @@
 #include <expat.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -36,11 +37,27 @@ uint64_t makeSeed() {
     return seed;
 }
 
+uint64_t processSeed() {
+    static const uint64_t sSeed = makeSeed();
+    return sSeed;
+}
+
+// A salt for expat's own hash tables, different for every parser and unknown outside the
+// process. Without one, expat draws a salt from the kernel for every parser: a system call per
+// document, a noticeable part of reading a small reply.
+unsigned long nextHashSalt() {
+    static std::atomic<uint64_t> sCount{0};
+    uint64_t x = processSeed() + sCount.fetch_add(0x9E3779B97F4A7C15ull, std::memory_order_relaxed);
+    x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9ull;
+    x = (x ^ (x >> 27)) * 0x94D049BB133111EBull;
+    x ^= x >> 31;
+    return x ? static_cast<unsigned long>(x) : 1UL; // 0 would mean "none" to expat
+}
+
 // A seeded hash of short byte strings: a peer that picks names cannot aim collisions at a
 // seed it does not know, and the probe cap below bounds the damage if it tries anyway.
 uint32_t hashBytes(const char *p, size_t n) {
-    static const uint64_t sSeed = makeSeed();
-    uint64_t h = sSeed ^ (uint64_t(n) * 0x9E3779B97F4A7C15ull);
+    uint64_t h = processSeed() ^ (uint64_t(n) * 0x9E3779B97F4A7C15ull);
     for (; n >= 8; p += 8, n -= 8) {
         uint64_t w;
         std::memcpy(&w, p, 8);
@@ -717,6 +734,7 @@ bool buildTree(RootNode *root, const InputPlan &plan, RtOptionFlags options, Par
         error.fDescription = "out of memory";
         return false;
     }
+    XML_SetHashSalt(parser, nextHashSalt());
     bool built;
     {
         TreeBuilder builder(root, parser, options, drain);

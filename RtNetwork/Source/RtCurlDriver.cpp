@@ -9,6 +9,8 @@ namespace {
 
 // libcurl's "no time-out pending": a fire date far enough away to mean never.
 constexpr RtTimeInterval kNever = 1.0e10;
+// Finished easy handles kept for reuse: enough for a few calls in flight at once.
+constexpr size_t kSpareEasyHandles = 4;
 
 std::once_flag gCurlInit;
 bool gCurlReady = false;
@@ -58,6 +60,7 @@ CurlDriver::CurlDriver(RtRunLoopRef loop, CURLM *multi) : fLoop(loop), fMulti(mu
 CurlDriver::~CurlDriver() {
     // Cleaning up closes the cached connections; their sockets come back through
     // _socketCallback, which drops their watchers.
+    for (CURL *easy : fSpareEasy) curl_easy_cleanup(easy);
     curl_multi_cleanup(fMulti);
     while (!fWatchers.empty()) dropWatcher(fWatchers.begin()->first);
     RtRunLoopTimerInvalidate(fTimer);
@@ -73,6 +76,24 @@ void CurlDriver::release() {
 bool CurlDriver::add(CURL *easy) { return curl_multi_add_handle(fMulti, easy) == CURLM_OK; }
 
 void CurlDriver::remove(CURL *easy) { curl_multi_remove_handle(fMulti, easy); }
+
+CURL *CurlDriver::takeEasy() {
+    if (fSpareEasy.empty()) return curl_easy_init();
+    CURL *easy = fSpareEasy.back();
+    fSpareEasy.pop_back();
+    return easy;
+}
+
+void CurlDriver::recycleEasy(CURL *easy) {
+    if (fSpareEasy.size() >= kSpareEasyHandles) {
+        curl_easy_cleanup(easy);
+        return;
+    }
+    // Every option back at its default: nothing of the last request (headers, body, callbacks
+    // and their data) reaches the next one.
+    curl_easy_reset(easy);
+    fSpareEasy.push_back(easy);
+}
 
 void CurlDriver::activateMode(RtStringRef mode) {
     for (ModeUse &use : fModes) {

@@ -1,5 +1,6 @@
 // RtCurlDriver: one libcurl multi handle per thread, driven by that thread's run loop.
-// Owns the multi handle (and so its connection cache), one descriptor watcher per socket
+// Owns the multi handle (and so its connection cache), a few finished easy handles kept for
+// the next transfers, one descriptor watcher per socket
 // libcurl asks about, and one run-loop timer for libcurl's time-outs. The watchers and the
 // timer sit in every mode in which some transfer is active ("activated" modes), so a transfer
 // progresses whichever of its modes runs. Used only on the thread that made it; no locks.
@@ -39,6 +40,12 @@ class CurlDriver {
     bool add(CURL *easy);
     // Stops easy before it is done; it is not reported.
     void remove(CURL *easy);
+    // An easy handle with every option at its default: a finished one kept for reuse, else a
+    // new one (NULL when libcurl cannot make one). Reuse saves making and freeing the handle and
+    // its buffers on every request.
+    CURL *takeEasy();
+    // Takes back an easy handle that is out of the multi handle, for takeEasy.
+    void recycleEasy(CURL *easy);
     // Counted: the watchers and the timer stay in mode while it has more activations than
     // deactivations.
     void activateMode(RtStringRef mode);
@@ -71,6 +78,7 @@ class CurlDriver {
     RtRunLoopTimerRef fTimer = nullptr;
     std::unordered_map<curl_socket_t, RtFileDescriptorRef> fWatchers;
     std::vector<ModeUse> fModes;
+    std::vector<CURL *> fSpareEasy;
 };
 
 } // namespace rt

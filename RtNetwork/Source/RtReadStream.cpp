@@ -166,7 +166,7 @@ void stopTransfer(StreamState &st) {
     if (st.fEasy) {
         if (st.fInMulti) st.fDriver->remove(st.fEasy);
         st.fInMulti = false;
-        curl_easy_cleanup(st.fEasy);
+        st.fDriver->recycleEasy(st.fEasy);
         st.fEasy = nullptr;
     }
     if (st.fDriver) deactivateModes(st);
@@ -351,7 +351,7 @@ int configureTransfer(StreamState &st) {
     RtRelease(version);
     if (st.fURLText.empty() || !isTokenText(st.fMethodText)) return EINVAL;
 
-    CURL *e = curl_easy_init();
+    CURL *e = st.fDriver->takeEasy();
     if (!e) return ENOMEM;
     st.fEasy = e;
     if (!buildHeaderList(request, &st.fHeaderList)) return ENOMEM;
