@@ -72,6 +72,8 @@ struct StreamState final : rt::CurlTransfer {
     bool fTransferDone = false;
     bool fEndDelivered = false;
     RtURLRef fFinalURL = nullptr;
+    std::string fEffectiveURL; // libcurl's last URL, made into fFinalURL when first asked for
+    bool fHasEffectiveURL = false;
 
     size_t buffered() const { return fBuffer.size() - fReadPos; }
     void transferDone(CURLcode result) override;
@@ -179,12 +181,10 @@ void StreamState::transferDone(CURLcode result) {
     fTransferDone = true;
     char *effective = nullptr;
     if (curl_easy_getinfo(fEasy, CURLINFO_EFFECTIVE_URL, &effective) == CURLE_OK && effective) {
-        RtStringRef text = RtStringCreateWithCString(kRtAllocatorDefault, effective, kRtStringEncodingUTF8);
-        if (text) {
-            RtRelease(fFinalURL);
-            fFinalURL = RtURLCreateWithString(kRtAllocatorDefault, text, nullptr);
-        }
-        RtRelease(text);
+        // Kept as text: few clients ask for the final URL, and making a URL of it costs more
+        // than the rest of finishing the transfer.
+        fEffectiveURL.assign(effective);
+        fHasEffectiveURL = true;
     }
     stopTransfer(*this);
     if (result == CURLE_OK) {
@@ -305,7 +305,9 @@ bool buildHeaderList(RtHTTPMessageRef request, curl_slist **out) {
         rt::appendUTF8(name, nameStr);
         rt::appendUTF8(value, valueStr);
         // A field that could split the request (line ends, NUL) or is no token is not sent.
-        if (!isTokenText(name) || value.find_first_of(std::string("\r\n\0", 3)) != std::string::npos) return;
+        bool splits = std::any_of(value.begin(), value.end(),
+                                  [](char c) { return c == '\r' || c == '\n' || c == '\0'; });
+        if (!isTokenText(name) || splits) return;
         if (equalsIgnoringCase(name, "Content-Length")) return;
         hasAccept |= equalsIgnoringCase(name, "Accept");
         hasExpect |= equalsIgnoringCase(name, "Expect");
@@ -570,8 +572,19 @@ RtTypeRef RtReadStreamCopyProperty(RtReadStreamRef stream, RtStringRef propertyN
     if (RtEqual(propertyName, kRtStreamPropertyHTTPProxy)) return RtRetain(st.fProxy);
     if (RtEqual(propertyName, kRtStreamPropertyHTTPShouldAutoredirect))
         return st.fAutoredirect ? kRtBooleanTrue : kRtBooleanFalse;
-    if (RtEqual(propertyName, kRtStreamPropertyHTTPFinalURL))
+    if (RtEqual(propertyName, kRtStreamPropertyHTTPFinalURL)) {
+        if (st.fHasEffectiveURL) {
+            st.fHasEffectiveURL = false;
+            RtStringRef text = RtStringCreateWithCString(kRtAllocatorDefault, st.fEffectiveURL.c_str(),
+                                                         kRtStringEncodingUTF8);
+            if (text) {
+                RtRelease(st.fFinalURL);
+                st.fFinalURL = RtURLCreateWithString(kRtAllocatorDefault, text, nullptr);
+            }
+            RtRelease(text);
+        }
         return st.fFinalURL ? RtRetain(st.fFinalURL) : RtHTTPMessageCopyRequestURL(st.fRequest);
+    }
     return nullptr;
 }
 
