@@ -726,9 +726,43 @@ int XMLCALL TreeBuilder::_externalEntityReference(XML_Parser parser, const XML_C
 
 } // namespace
 
+namespace {
+
+// Documents up to this size leave their parser to the thread's next document: making and
+// freeing an expat parser costs more than reading a short reply, and what a reset parser keeps
+// of a small document is small.
+constexpr size_t kKeptParserLimit = size_t(64) << 10;
+
+struct KeptParser {
+    XML_Parser fParser = nullptr;
+    ~KeptParser() {
+        if (fParser) XML_ParserFree(fParser);
+    }
+};
+thread_local KeptParser gKeptParser;
+
+// A parser for a new document in encoding: the thread's kept one, reset, else a new one. Taken
+// out of the slot while in use, so a parse inside a handler gets a parser of its own.
+XML_Parser takeParser(const char *encoding) {
+    XML_Parser parser = gKeptParser.fParser;
+    gKeptParser.fParser = nullptr;
+    if (parser && XML_ParserReset(parser, encoding)) return parser;
+    if (parser) XML_ParserFree(parser);
+    return XML_ParserCreate(encoding);
+}
+
+void giveBackParser(XML_Parser parser, size_t documentLength) {
+    if (documentLength <= kKeptParserLimit && !gKeptParser.fParser)
+        gKeptParser.fParser = parser;
+    else
+        XML_ParserFree(parser);
+}
+
+} // namespace
+
 bool buildTree(RootNode *root, const InputPlan &plan, RtOptionFlags options, ParseError &error,
                const RtXMLTreeDrainContext *drain) {
-    XML_Parser parser = XML_ParserCreate(plan.fExpatEncoding);
+    XML_Parser parser = takeParser(plan.fExpatEncoding);
     if (!parser) {
         error.fStatus = XML_ERROR_NO_MEMORY;
         error.fDescription = "out of memory";
@@ -740,7 +774,7 @@ bool buildTree(RootNode *root, const InputPlan &plan, RtOptionFlags options, Par
         TreeBuilder builder(root, parser, options, drain);
         built = builder.run(plan.fBytes, plan.fLength, error);
     }
-    XML_ParserFree(parser);
+    giveBackParser(parser, plan.fLength);
     return built;
 }
 
