@@ -1,4 +1,5 @@
-// The XML tree reader under every reader of the library, with no options and with all of them.
+// The XML tree reader under every reader of the library, with no options and with all of them,
+// and draining the root element's children as the XML-RPC reply reader drains its array.
 // The walk touches every node and checks what the tree promises about counts and attributes.
 #include "FuzzSupport.h"
 
@@ -38,6 +39,20 @@ void walk(RtTreeRef root) {
     }
 }
 
+bool _drainRoot(RtTreeRef, void *) { return true; }
+
+void _walkDrained(RtTreeRef child, void *info) {
+    walk(child);
+    ++*static_cast<RtIndex *>(info);
+}
+
+// The children the root element has in tree (0 without one).
+RtIndex rootChildren(RtTreeRef tree) {
+    for (RtTreeRef t = RtTreeGetFirstChild(tree); t; t = RtTreeGetNextSibling(t))
+        if (RtXMLNodeGetTypeCode(RtXMLTreeGetNode(t)) == kRtXMLNodeTypeElement) return RtTreeGetChildCount(t);
+    return 0;
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
@@ -53,6 +68,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
             walk(tree.as<RtTreeRef>());
         else
             require(RtDictionaryGetValue(error, kRtXMLTreeErrorDescription) != nullptr, "an error has a description");
+
+        // Drained, every child of the root element is handed over whole, once, and the rest is
+        // the same tree without them.
+        RtIndex drained = 0;
+        RtXMLTreeDrainContext context = {1, _drainRoot, _walkDrained, &drained};
+        Held drainedTree(
+            RtXMLTreeCreateFromDataDraining(kRtAllocatorDefault, data.as<RtDataRef>(), option, 1, &context, nullptr));
+        require(!drainedTree == !tree, "draining reads exactly what reading whole reads");
+        if (tree) {
+            walk(drainedTree.as<RtTreeRef>());
+            require(rootChildren(drainedTree.as<RtTreeRef>()) == 0, "drained children leave the tree");
+            require(drained == rootChildren(tree.as<RtTreeRef>()), "every child is handed over");
+        }
     }
     return 0;
 }
