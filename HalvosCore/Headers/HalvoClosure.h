@@ -104,6 +104,10 @@ public:
     virtual RtDataRef constructMessage(AutoString &contentType) = 0;
     // Fills result from the reply document's tree.
     virtual void parseReply(HalvoResult *result, RtTreeRef tree) = 0;
+    // Reads the reply document data into result: parseXML (forceXML, charset), then parseReply.
+    // False, with *errorString set as parseXML sets it, when the document does not parse.
+    virtual bool readReply(HalvoResult *result, RtDataRef data, bool forceXML, RtStringEncoding charset,
+                           RtStringRef *errorString);
     // A new transport source for getServiceURL(), owned by this invocation.
     virtual HVRunLoopSource *createRunLoopSource() = 0;
 

@@ -21,6 +21,8 @@ public:
     RtDictionaryRef copyAgreement() override;
     RtDataRef constructMessage(AutoString &contentType) override;
     void parseReply(HalvoResult *result, RtTreeRef tree) override;
+    bool readReply(HalvoResult *result, RtDataRef data, bool forceXML, RtStringEncoding charset,
+                   RtStringRef *errorString) override;
     HVRunLoopSource *createRunLoopSource() override;
 
 protected:
@@ -43,6 +45,10 @@ public:
     // Fills result from a methodResponse document's tree; with drain, from the tree parseXML
     // built with drain's context and the array items read while it parsed.
     void parseReply(HalvoResult *result, RtTreeRef tree, ReplyArrayDrain *drain = nullptr);
+    // Reads a methodResponse document into result, the reply's array item by item while the
+    // document is parsed. False, with *errorString set as parseXML sets it, when it does not parse.
+    bool readReply(HalvoResult *result, RtDataRef data, bool forceXML, RtStringEncoding charset,
+                   RtStringRef *errorString);
     // Writes one value element for value at indentation level.
     void serialize(XMLBuffer *buffer, int level, const void *value);
 };

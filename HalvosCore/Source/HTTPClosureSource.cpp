@@ -434,13 +434,8 @@ void HTTPClosureSource::processBuffer() {
             result->becomeFault(RTSTR("The server did not return a 'text/xml' response."), kTransportStreamError);
         } else if (success || (status == 500 && isXML)) {
             RtStringRef errorString = nullptr;
-            RtTreeRef tree = parseXML(fBuffer, knownXML, charset, &errorString);
-            if (tree) {
-                fClosure->parseReply(result, tree);
-                RtRelease(tree);
-            } else {
+            if (!fClosure->readReply(result, fBuffer, knownXML, charset, &errorString))
                 result->becomeFault(errorString ? errorString : RTSTR("Could not parse XML."), kTransportStreamError);
-            }
             safeRtRelease(errorString);
         } else {
             // The status line exactly as the server sent it.

@@ -246,6 +246,16 @@ HVRunLoopSource *HalvoMethodInvocation::getSource() {
     return fSource;
 }
 
+bool HalvoMethodInvocation::readReply(HalvoResult *result, RtDataRef data, bool forceXML, RtStringEncoding charset,
+                                      RtStringRef *errorString) {
+    RtTreeRef tree = parseXML(data, forceXML, charset, errorString);
+    if (!tree)
+        return false;
+    parseReply(result, tree);
+    RtRelease(tree);
+    return true;
+}
+
 void HalvoMethodInvocation::setCallback(HVMethodInvocationCallBackProcPtr callback, const HVClientContext *context) {
     fCallback = callback;
     releaseContext(&fContext);

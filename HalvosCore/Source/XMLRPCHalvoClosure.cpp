@@ -50,6 +50,13 @@ void XMLRPCHalvoMethodInvocation::parseReply(HalvoResult *result, RtTreeRef tree
     handler.parseReply(result, tree);
 }
 
+bool XMLRPCHalvoMethodInvocation::readReply(HalvoResult *result, RtDataRef data, bool forceXML,
+                                            RtStringEncoding charset, RtStringRef *errorString) {
+    XMLRPCProtocolHandler handler;
+    handler.setParent(this);
+    return handler.readReply(result, data, forceXML, charset, errorString);
+}
+
 HVRunLoopSource *XMLRPCHalvoMethodInvocation::createRunLoopSource() {
     return new HTTPClosureSource(this, getServiceURL());
 }
@@ -549,16 +556,21 @@ RtDictionaryRef XMLRPCProtocolHandler::parseReplyData(RtStringRef /*methodName*/
     AutoString localError;
     AutoString *error = errorString ? errorString : &localError;
     error->setString(nullptr);
+    if (!readReply(&result, data, true, encoding, error->getStringPtr()))
+        result.becomeFault(error->isNull() ? RTSTR("Could not parse XML.") : error->getString(), kParseStreamError);
+    return result.copyDictionary();
+}
+
+bool XMLRPCProtocolHandler::readReply(HalvoResult *result, RtDataRef data, bool forceXML, RtStringEncoding charset,
+                                      RtStringRef *errorString) {
     ReplyArrayDrain drain;
     RtXMLTreeDrainContext draining = {kReplyDataDepth, _isReplyData, _readReplyArrayItem, &drain};
-    RtTreeRef tree = parseXML(data, true, encoding, error->getStringPtr(), &draining);
-    if (tree) {
-        parseReply(&result, tree, &drain);
-        RtRelease(tree);
-    } else {
-        result.becomeFault(error->isNull() ? RTSTR("Could not parse XML.") : error->getString(), kParseStreamError);
-    }
-    return result.copyDictionary();
+    RtTreeRef tree = parseXML(data, forceXML, charset, errorString, &draining);
+    if (!tree)
+        return false;
+    parseReply(result, tree, &drain);
+    RtRelease(tree);
+    return true;
 }
 
 // ---- Reading requests -----------------------------------------------------------------------------
