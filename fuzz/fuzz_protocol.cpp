@@ -77,7 +77,22 @@ bool keysArePlain(RtTypeRef value) {
     return true;
 }
 
-// Whether every value in value, at any depth, is of a kind XML-RPC has an element for.
+// Whether a struct member name can stand as element text: XML-RPC writes member names as they
+// are, so a name holding '<' or '&' makes a reply no reader accepts.
+bool isPlainText(RtTypeRef key) {
+    if (RtGetTypeID(key) != RtStringGetTypeID())
+        return false;
+    auto text = static_cast<RtStringRef>(key);
+    for (RtIndex i = 0; i < RtStringGetLength(text); i++) {
+        RtUniChar c = RtStringGetCharacterAtIndex(text, i);
+        if (c == '<' || c == '&')
+            return false;
+    }
+    return true;
+}
+
+// Whether every value in value, at any depth, is of a kind XML-RPC has an element for, and every
+// member name can be written as it stands.
 bool kindsAreWritable(RtTypeRef value) {
     RtTypeID type = RtGetTypeID(value);
     if (type == RtArrayGetTypeID()) {
@@ -90,10 +105,11 @@ bool kindsAreWritable(RtTypeRef value) {
     if (type == RtDictionaryGetTypeID()) {
         auto dict = static_cast<RtDictionaryRef>(value);
         RtIndex count = RtDictionaryGetCount(dict);
-        std::vector<const void *> values(static_cast<size_t>(count));
-        RtDictionaryGetKeysAndValues(dict, nullptr, values.data());
-        for (const void *member : values)
-            if (!kindsAreWritable(static_cast<RtTypeRef>(member)))
+        std::vector<const void *> keys(static_cast<size_t>(count)), values(static_cast<size_t>(count));
+        RtDictionaryGetKeysAndValues(dict, keys.data(), values.data());
+        for (RtIndex i = 0; i < count; i++)
+            if (!isPlainText(static_cast<RtTypeRef>(keys[static_cast<size_t>(i)])) ||
+                !kindsAreWritable(static_cast<RtTypeRef>(values[static_cast<size_t>(i)])))
                 return false;
         return true;
     }
