@@ -15,14 +15,10 @@ const uint8_t *u8(const char *s) {
     return reinterpret_cast<const uint8_t *>(s);
 }
 
-std::string bytesOf(RtDataRef d) {
-    return std::string(reinterpret_cast<const char *>(RtDataGetBytePtr(d)), size_t(RtDataGetLength(d)));
-}
-
 TEST_F(DataTests, ImmutableAndNoCopy) {
     char buf[] = "abcdef";
-    RtDataRef copy = RtDataCreate(nullptr, u8(buf), 6);
-    RtDataRef view = RtDataCreateWithBytesNoCopy(nullptr, u8(buf), 6, kRtAllocatorNull);
+    RtDataRef copy = own(RtDataCreate(nullptr, u8(buf), 6));
+    RtDataRef view = own(RtDataCreateWithBytesNoCopy(nullptr, u8(buf), 6, kRtAllocatorNull));
     EXPECT_EQ(RtDataGetBytePtr(view), u8(buf)); // a view, not a copy
     EXPECT_TRUE(RtEqual(copy, view));
     EXPECT_EQ(RtHash(copy), RtHash(view));
@@ -33,30 +29,24 @@ TEST_F(DataTests, ImmutableAndNoCopy) {
     RtDataAppendBytes(const_cast<RtMutableDataRef>(copy), u8("z"), 1); // refused: immutable
     EXPECT_EQ(RtDataGetLength(copy), 6);
     // Copies of an owning immutable data share it; copies of a view do not.
-    RtDataRef again = RtDataCreateCopy(nullptr, copy);
-    RtDataRef frozen = RtDataCreateCopy(nullptr, view);
-    EXPECT_EQ(again, copy);
-    EXPECT_NE(RtDataGetBytePtr(frozen), u8(buf));
+    EXPECT_EQ(own(RtDataCreateCopy(nullptr, copy)), copy);
+    EXPECT_NE(RtDataGetBytePtr(own(RtDataCreateCopy(nullptr, view))), u8(buf));
     // A malloc'd buffer handed over is freed with the data (ASan would report a leak).
     auto *owned = static_cast<uint8_t *>(std::malloc(3));
     std::memcpy(owned, "xyz", 3);
-    RtDataRef adopted = RtDataCreateWithBytesNoCopy(nullptr, owned, 3, kRtAllocatorDefault);
-    EXPECT_EQ(bytesOf(adopted), "xyz");
+    EXPECT_EQ(takeData(RtDataCreateWithBytesNoCopy(nullptr, owned, 3, kRtAllocatorDefault)), "xyz");
     uint8_t part[3] = {};
     RtDataGetBytes(copy, RtRangeMake(2, 3), part);
     EXPECT_EQ(std::string(reinterpret_cast<char *>(part), 3), "cde");
     RtDataGetBytes(copy, RtRangeMake(5, 3), part); // out of range: untouched
     EXPECT_EQ(part[0], 'c');
     EXPECT_NE(description(copy).find("length = 6, bytes = 0x616263646566"), std::string::npos);
-    RtDataRef empty = RtDataCreate(nullptr, nullptr, 0);
-    EXPECT_EQ(RtDataGetLength(empty), 0);
+    EXPECT_EQ(RtDataGetLength(own(RtDataCreate(nullptr, nullptr, 0))), 0);
     EXPECT_EQ(RtDataCreate(nullptr, nullptr, 4), nullptr);
-    for (RtDataRef d : {copy, view, again, frozen, adopted, empty})
-        RtRelease(d);
 }
 
 TEST_F(DataTests, MutableEditing) {
-    RtMutableDataRef m = RtDataCreateMutable(nullptr, 0);
+    RtMutableDataRef m = own(RtDataCreateMutable(nullptr, 0));
     std::string expected;
     // Growth is amortised: many small appends keep earlier bytes intact.
     for (int i = 0; i < 10000; i++) {
@@ -79,11 +69,8 @@ TEST_F(DataTests, MutableEditing) {
     EXPECT_EQ(std::memcmp(RtDataGetBytePtr(m), RtDataGetBytePtr(m) + 6, 6), 0);
     RtDataReplaceBytes(m, RtRangeMake(10, 5), u8("x"), 1); // range past the end: ignored
     EXPECT_EQ(RtDataGetLength(m), 12);
-    RtMutableDataRef copy = RtDataCreateMutableCopy(nullptr, 0, m);
-    RtDataGetMutableBytePtr(copy)[0] = 'Q';
+    RtDataGetMutableBytePtr(own(RtDataCreateMutableCopy(nullptr, 0, m)))[0] = 'Q';
     EXPECT_EQ(RtDataGetBytePtr(m)[0], '-');
-    RtRelease(m);
-    RtRelease(copy);
 }
 
 } // namespace

@@ -14,25 +14,23 @@ namespace {
 class DictionaryTests : public LeakChecked {};
 
 RtMutableDictionaryRef newDict() {
-    return RtDictionaryCreateMutable(nullptr, 0, &kRtTypeDictionaryKeyCallBacks,
-                                     &kRtTypeDictionaryValueCallBacks);
+    return RtDictionaryCreateMutable(nullptr, 0, &kRtTypeDictionaryKeyCallBacks, &kRtTypeDictionaryValueCallBacks);
 }
 
+// Edits and lookups by the texts of keys and values.
 void set(RtMutableDictionaryRef d, const std::string &k, const std::string &v) {
-    RtStringRef ks = str(k.c_str()), vs = str(v.c_str());
+    RtStringRef ks = str(k), vs = str(v);
     RtDictionarySetValue(d, ks, vs);
     RtRelease(ks);
     RtRelease(vs);
 }
-
 void remove(RtMutableDictionaryRef d, const std::string &k) {
-    RtStringRef ks = str(k.c_str());
+    RtStringRef ks = str(k);
     RtDictionaryRemoveValue(d, ks);
     RtRelease(ks);
 }
-
 std::string get(RtDictionaryRef d, const std::string &k) {
-    RtStringRef ks = str(k.c_str());
+    RtStringRef ks = str(k);
     const void *v = RtDictionaryGetValue(d, ks);
     RtRelease(ks);
     return v ? text(static_cast<RtStringRef>(v)) : "<absent>";
@@ -50,27 +48,24 @@ std::string order(RtDictionaryRef d) {
 }
 
 TEST_F(DictionaryTests, InsertionOrderSurvivesRemovalAndReplacement) {
-    RtMutableDictionaryRef d = newDict();
+    RtMutableDictionaryRef d = own(newDict());
     for (const char *k : {"b", "a", "d", "c"})
         set(d, k, std::string(k) + "1");
     remove(d, "a");
     set(d, "d", "d2"); // replaced in place
     set(d, "a", "a2"); // re-added at the end
     EXPECT_EQ(order(d), "b=b1 d=d2 c=c1 a=a2");
-    RtStringRef b = str("b"), ignored = str("ignored");
+    RtStringRef b = own(str("b")), ignored = own(str("ignored"));
     RtDictionaryAddValue(d, b, ignored);     // the key is present: Add keeps the old value
     RtDictionaryReplaceValue(d, ignored, b); // the key is absent: Replace adds nothing
     EXPECT_EQ(get(d, "b"), "b1");
     EXPECT_EQ(RtDictionaryGetCount(d), 4);
-    RtRelease(b);
-    RtRelease(ignored);
     RtDictionaryRemoveAllValues(d);
-    RtRelease(d);
 }
 
 TEST_F(DictionaryTests, OrderAndLookupsMatchAReferenceUnderRandomEdits) {
     // Enough keys for the hashed index, and enough removals to force compaction many times.
-    RtMutableDictionaryRef d = newDict();
+    RtMutableDictionaryRef d = own(newDict());
     std::vector<std::pair<std::string, std::string>> reference; // insertion order
     std::mt19937 rng(7);
     for (int step = 0; step < 20000; step++) {
@@ -102,7 +97,6 @@ TEST_F(DictionaryTests, OrderAndLookupsMatchAReferenceUnderRandomEdits) {
             if (kv.first == k) want = kv.second;
         EXPECT_EQ(get(d, k), want) << k;
     }
-    RtRelease(d);
 }
 
 // Custom callbacks record what the dictionary owns.
@@ -118,11 +112,10 @@ void _drop(RtAllocatorRef, const void *v) {
 TEST_F(DictionaryTests, CallbacksDecideOwnership) {
     // NULL callbacks: pointer keys, identity, nothing retained.
     static const char k1[] = "same", k2[] = "same";
-    RtMutableDictionaryRef raw = RtDictionaryCreateMutable(nullptr, 0, nullptr, nullptr);
+    RtMutableDictionaryRef raw = own(RtDictionaryCreateMutable(nullptr, 0, nullptr, nullptr));
     RtDictionarySetValue(raw, k1, k2);
     EXPECT_EQ(RtDictionaryGetValue(raw, k1), k2);
     EXPECT_FALSE(RtDictionaryContainsKey(raw, k2));
-    RtRelease(raw);
 
     RtDictionaryKeyCallBacks keys = {0, _hold, _drop, nullptr, nullptr, nullptr};
     RtDictionaryValueCallBacks values = {0, _hold, _drop, nullptr, nullptr};
@@ -141,49 +134,36 @@ TEST_F(DictionaryTests, CallbacksDecideOwnership) {
         EXPECT_EQ(kv.second, 0);
 
     // Copy-string keys: a mutable key is frozen, so changing it later moves nothing.
-    RtMutableDictionaryRef byName = RtDictionaryCreateMutable(
-        nullptr, 0, &kRtCopyStringDictionaryKeyCallBacks, &kRtTypeDictionaryValueCallBacks);
-    RtMutableStringRef name = RtStringCreateMutable(nullptr, 0);
+    RtMutableDictionaryRef byName = own(RtDictionaryCreateMutable(
+        nullptr, 0, &kRtCopyStringDictionaryKeyCallBacks, &kRtTypeDictionaryValueCallBacks));
+    RtMutableStringRef name = own(RtStringCreateMutable(nullptr, 0));
     RtStringAppendCString(name, "host", kRtStringEncodingUTF8);
     RtDictionarySetValue(byName, name, kRtBooleanTrue);
     RtStringAppendCString(name, "name", kRtStringEncodingUTF8);
     EXPECT_EQ(RtDictionaryGetValue(byName, RTSTR("host")), kRtBooleanTrue);
     EXPECT_EQ(RtDictionaryGetValue(byName, name), nullptr);
-    RtRelease(name);
-    RtRelease(byName);
 }
 
 TEST_F(DictionaryTests, CopiesEqualityAndDescription) {
-    RtStringRef k[] = {str("one"), str("two")};
-    int one = 1;
-    RtNumberRef n = RtNumberCreate(nullptr, kRtNumberIntType, &one);
-    RtMutableArrayRef list = RtArrayCreateMutable(nullptr, 0, &kRtTypeArrayCallBacks);
+    const void *k[] = {own(str("one")), own(str("two"))};
+    RtNumberRef n = own(num(kRtNumberIntType, 1));
+    RtMutableArrayRef list = own(RtArrayCreateMutable(nullptr, 0, &kRtTypeArrayCallBacks));
     RtArrayAppendValue(list, n);
     const void *values[] = {n, list};
     RtDictionaryRef fixed =
-        RtDictionaryCreate(nullptr, reinterpret_cast<const void **>(k), values, 2,
-                           &kRtTypeDictionaryKeyCallBacks, &kRtTypeDictionaryValueCallBacks);
+        own(RtDictionaryCreate(nullptr, k, values, 2, &kRtTypeDictionaryKeyCallBacks, &kRtTypeDictionaryValueCallBacks));
     EXPECT_EQ(description(fixed), "{\n    \"one\" = 1;\n    \"two\" = (\n        1\n    );\n}");
     RtDictionarySetValue(const_cast<RtMutableDictionaryRef>(fixed), k[0], k[1]); // refused: immutable
     EXPECT_EQ(RtDictionaryGetValue(fixed, k[0]), n);
-    EXPECT_EQ(RtDictionaryCreateCopy(nullptr, fixed), fixed); // immutable copy of immutable: shared
-    RtRelease(fixed);
-    RtMutableDictionaryRef m = RtDictionaryCreateMutableCopy(nullptr, 0, fixed);
+    EXPECT_EQ(own(RtDictionaryCreateCopy(nullptr, fixed)), fixed); // immutable copy of immutable: shared
+    RtMutableDictionaryRef m = own(RtDictionaryCreateMutableCopy(nullptr, 0, fixed));
     EXPECT_TRUE(RtEqual(m, fixed));
-    double real = 1.0;
-    RtNumberRef d = RtNumberCreate(nullptr, kRtNumberDoubleType, &real);
-    RtDictionarySetValue(m, k[0], d); // equal by value: still equal
+    RtDictionarySetValue(m, k[0], own(num(kRtNumberDoubleType, 1.0))); // equal by value: still equal
     EXPECT_TRUE(RtEqual(m, fixed));
     RtDictionaryRemoveValue(m, k[1]);
     EXPECT_FALSE(RtEqual(m, fixed));
     EXPECT_TRUE(RtDictionaryContainsValue(m, n));
-    RtDictionaryRef frozen = RtDictionaryCreateCopy(nullptr, m);
-    EXPECT_NE(static_cast<const void *>(frozen), m);
-    for (RtTypeRef v :
-         {static_cast<RtTypeRef>(frozen), static_cast<RtTypeRef>(m), static_cast<RtTypeRef>(fixed),
-          static_cast<RtTypeRef>(list), static_cast<RtTypeRef>(n), static_cast<RtTypeRef>(d),
-          static_cast<RtTypeRef>(k[0]), static_cast<RtTypeRef>(k[1])})
-        RtRelease(v);
+    EXPECT_NE(static_cast<const void *>(own(RtDictionaryCreateCopy(nullptr, m))), m);
 }
 
 } // namespace

@@ -13,28 +13,16 @@ namespace {
 
 class PropertyListTests : public LeakChecked {};
 
-RtDataRef data(const std::string &s) {
-    return RtDataCreate(nullptr, reinterpret_cast<const uint8_t *>(s.data()), RtIndex(s.size()));
-}
-
-std::string textOf(RtDataRef d) {
-    return std::string(reinterpret_cast<const char *>(RtDataGetBytePtr(d)), size_t(RtDataGetLength(d)));
-}
-
 // Reads xml; on failure returns NULL and stores the error text in *error.
 RtTypeRef read(const std::string &xml, std::string *error = nullptr,
                RtOptionFlags options = kRtPropertyListImmutable) {
-    RtDataRef d = data(xml);
+    RtDataRef d = dataOf(xml);
     RtStringRef err = nullptr;
     RtTypeRef v = RtPropertyListCreateFromXMLData(nullptr, d, options, &err);
     RtRelease(d);
-    if (error) *error = text(err);
-    RtRelease(err);
+    std::string e = take(err);
+    if (error) *error = e;
     return v;
-}
-
-template <typename T> RtNumberRef num(RtNumberType type, T v) {
-    return RtNumberCreate(nullptr, type, &v);
 }
 
 // Adds value under key to d and releases value.
@@ -46,8 +34,7 @@ void put(RtMutableDictionaryRef d, const char *key, RtTypeRef value) {
 }
 
 RtMutableDictionaryRef newDict() {
-    return RtDictionaryCreateMutable(nullptr, 0, &kRtTypeDictionaryKeyCallBacks,
-                                     &kRtTypeDictionaryValueCallBacks);
+    return RtDictionaryCreateMutable(nullptr, 0, &kRtTypeDictionaryKeyCallBacks, &kRtTypeDictionaryValueCallBacks);
 }
 
 // A tree holding every kind, nested, with awkward texts and extreme numbers.
@@ -101,8 +88,7 @@ TEST_F(PropertyListTests, WrittenForm) {
     const uint8_t bytes[] = {0, 1, 2, 0xff};
     put(d, "bytes", RtDataCreate(nullptr, bytes, 4));
     put(d, "pi", num<double>(kRtNumberDoubleType, 3.25));
-    RtDataRef xml = RtPropertyListCreateXMLData(nullptr, d);
-    EXPECT_EQ(textOf(xml), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+    EXPECT_EQ(takeData(RtPropertyListCreateXMLData(nullptr, d)), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
                            "<plist version=\"1.0\">\n"
                            "<dict>\n"
                            "\t<key>b</key>\n"
@@ -123,18 +109,17 @@ TEST_F(PropertyListTests, WrittenForm) {
                            "\t<real>3.25</real>\n"
                            "</dict>\n"
                            "</plist>\n");
-    RtRelease(xml);
     RtRelease(d);
 }
 
 TEST_F(PropertyListTests, RoundTripsEveryKind) {
-    RtDictionaryRef original = everyKind();
-    RtDataRef xml = RtPropertyListCreateXMLData(nullptr, original);
+    RtDictionaryRef original = own(everyKind());
+    RtDataRef xml = own(RtPropertyListCreateXMLData(nullptr, original));
     ASSERT_NE(xml, nullptr);
     for (RtOptionFlags option : {kRtPropertyListImmutable, kRtPropertyListMutableContainers,
                                  kRtPropertyListMutableContainersAndLeaves}) {
         std::string error;
-        RtTypeRef back = read(textOf(xml), &error, option);
+        RtTypeRef back = own(read(bytesOf(xml), &error, option));
         ASSERT_NE(back, nullptr) << error;
         EXPECT_TRUE(RtEqual(original, back)) << description(back);
         // Mutability as asked: containers are mutable unless immutable was asked for.
@@ -142,59 +127,39 @@ TEST_F(PropertyListTests, RoundTripsEveryKind) {
             const_cast<void *>(RtDictionaryGetValue(static_cast<RtDictionaryRef>(back), RTSTR("list"))));
         RtArrayAppendValue(list, kRtNull);
         EXPECT_EQ(RtArrayGetCount(list), option == kRtPropertyListImmutable ? 3 : 4);
-        RtRelease(back);
     }
     // Reading the written form and writing it again gives the same bytes.
-    RtTypeRef back = read(textOf(xml));
-    RtDataRef again = RtPropertyListCreateXMLData(nullptr, back);
-    EXPECT_TRUE(RtEqual(xml, again));
-    RtRelease(again);
-    RtRelease(back);
-    RtRelease(xml);
-    RtRelease(original);
+    EXPECT_EQ(takeData(RtPropertyListCreateXMLData(nullptr, own(read(bytesOf(xml))))), bytesOf(xml));
 }
 
 TEST_F(PropertyListTests, ConstantStringsComeBackAsTheConstants) {
     RtStringRef constant = RTSTR("RtPropertyListTestsProtocolConstant");
-    RtMutableDictionaryRef d = newDict();
+    RtMutableDictionaryRef d = own(newDict());
     RtDictionarySetValue(d, RTSTR("RtPropertyListTestsKeyConstant"), constant);
     put(d, "plain", str("not registered anywhere"));
-    RtDataRef xml = RtPropertyListCreateXMLData(nullptr, d);
-    RtTypeRef back = read(textOf(xml));
-    auto dict = static_cast<RtDictionaryRef>(back);
+    std::string xml = takeData(RtPropertyListCreateXMLData(nullptr, d));
     const void *keys[2], *values[2];
-    RtDictionaryGetKeysAndValues(dict, keys, values);
+    RtDictionaryGetKeysAndValues(static_cast<RtDictionaryRef>(own(read(xml))), keys, values);
     EXPECT_EQ(keys[0], RTSTR("RtPropertyListTestsKeyConstant"));
     EXPECT_EQ(values[0], constant); // the very object, not an equal copy
     EXPECT_EQ(RtStringGetRegisteredConstant(static_cast<RtStringRef>(values[1])), nullptr);
     // A mutable leaf cannot be the constant: equal text, different object.
-    RtTypeRef leaves = read(textOf(xml), nullptr, kRtPropertyListMutableContainersAndLeaves);
+    RtTypeRef leaves = own(read(xml, nullptr, kRtPropertyListMutableContainersAndLeaves));
     const void *v =
         RtDictionaryGetValue(static_cast<RtDictionaryRef>(leaves), RTSTR("RtPropertyListTestsKeyConstant"));
     EXPECT_NE(v, constant);
     EXPECT_TRUE(RtEqual(v, constant));
-    RtRelease(leaves);
-    RtRelease(back);
-    RtRelease(xml);
-    RtRelease(d);
 }
 
 TEST_F(PropertyListTests, WriterRefusesWhatAPropertyListCannotHold) {
-    RtStringRef control = str("bell\x07");
-    RtStringRef s = str("http://host/");
-    RtURLRef u = RtURLCreateWithString(nullptr, s, nullptr);
-    RtMutableDictionaryRef numericKey = RtDictionaryCreateMutable(nullptr, 0, &kRtTypeDictionaryKeyCallBacks,
-                                                                  &kRtTypeDictionaryValueCallBacks);
+    RtMutableDictionaryRef numericKey = own(newDict());
     RtDictionarySetValue(numericKey, kRtBooleanTrue, kRtBooleanTrue);
-    RtMutableArrayRef self = RtArrayCreateMutable(nullptr, 0, nullptr); // holds itself, unretained
+    RtMutableArrayRef self = own(RtArrayCreateMutable(nullptr, 0, nullptr)); // holds itself, unretained
     RtArrayAppendValue(self, self);
-    for (RtTypeRef bad :
-         {static_cast<RtTypeRef>(kRtNull), static_cast<RtTypeRef>(u), static_cast<RtTypeRef>(numericKey),
-          static_cast<RtTypeRef>(control), static_cast<RtTypeRef>(self), static_cast<RtTypeRef>(nullptr)})
+    RtTypeRef url = own(RtURLCreateWithString(nullptr, own(str("http://host/")), nullptr));
+    for (RtTypeRef bad : {RtTypeRef(kRtNull), url, RtTypeRef(numericKey), RtTypeRef(own(str("bell\x07"))),
+                          RtTypeRef(self), RtTypeRef(nullptr)})
         EXPECT_EQ(RtPropertyListCreateXMLData(nullptr, bad), nullptr) << description(bad);
-    for (RtTypeRef v : {static_cast<RtTypeRef>(control), static_cast<RtTypeRef>(s), static_cast<RtTypeRef>(u),
-                        static_cast<RtTypeRef>(numericKey), static_cast<RtTypeRef>(self)})
-        RtRelease(v);
 }
 
 TEST_F(PropertyListTests, MalformedDocumentsGiveNullAndAnError) {
@@ -236,19 +201,15 @@ TEST_F(PropertyListTests, MalformedDocumentsGiveNullAndAnError) {
     };
     for (auto &c : cases) {
         std::string error;
-        RtTypeRef v = read(c.xml, &error);
-        EXPECT_EQ(v, nullptr) << c.xml.substr(0, 200);
+        EXPECT_EQ(own(read(c.xml, &error)), nullptr) << c.xml.substr(0, 200);
         EXPECT_NE(error.find(c.error), std::string::npos) << "error was: " << error;
-        RtRelease(v);
     }
     // NULL data and NULL error pointer are tolerated.
     RtStringRef err = nullptr;
     EXPECT_EQ(RtPropertyListCreateFromXMLData(nullptr, nullptr, 0, &err), nullptr);
     EXPECT_NE(err, nullptr);
     RtRelease(err);
-    RtDataRef bad = data("<plist>");
-    EXPECT_EQ(RtPropertyListCreateFromXMLData(nullptr, bad, 0, nullptr), nullptr);
-    RtRelease(bad);
+    EXPECT_EQ(RtPropertyListCreateFromXMLData(nullptr, own(dataOf("<plist>")), 0, nullptr), nullptr);
 }
 
 TEST_F(PropertyListTests, ReaderIsLenientWhereItIsHarmless) {
@@ -256,11 +217,11 @@ TEST_F(PropertyListTests, ReaderIsLenientWhereItIsHarmless) {
     // integers, spelled-out infinities and base64 split across lines.
     std::string error;
     RtTypeRef v =
-        read("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+        own(read("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
              "<!DOCTYPE plist SYSTEM \"http://127.0.0.1:9/never-fetched.dtd\">\n"
              "<array><integer> 0x10 </integer><integer>+7</integer><real>-Infinity</real>"
              "<real>1E3</real><data>AA\n  EC\t/w==</data><date>2001-01-01T00:00:00.25Z</date></array>",
-             &error);
+             &error));
     ASSERT_NE(v, nullptr) << error;
     auto at = [&](RtIndex i) { return formatted(RtArrayGetValueAtIndex(static_cast<RtArrayRef>(v), i)); };
     EXPECT_EQ(at(0), "16");
@@ -268,10 +229,8 @@ TEST_F(PropertyListTests, ReaderIsLenientWhereItIsHarmless) {
     EXPECT_EQ(at(2), "-infinity");
     EXPECT_EQ(at(3), "1000");
     EXPECT_EQ(at(5), "2001-01-01 00:00:00.25 +0000");
-    RtDataRef d = static_cast<RtDataRef>(RtArrayGetValueAtIndex(static_cast<RtArrayRef>(v), 4));
-    EXPECT_EQ(RtDataGetLength(d), 4);
-    EXPECT_EQ(RtDataGetBytePtr(d)[3], 0xff);
-    RtRelease(v);
+    EXPECT_EQ(bytesOf(static_cast<RtDataRef>(RtArrayGetValueAtIndex(static_cast<RtArrayRef>(v), 4))),
+              std::string("\0\x01\x02\xff", 4));
 }
 
 } // namespace

@@ -1,8 +1,6 @@
 // Run loop: mode isolation, results of a run, timers, descriptor watchers, signalling and waking
 // across threads, and objects that remove or release themselves from their own callbacks.
-#include <RtCore/RtCore.h>
-
-#include <gtest/gtest.h>
+#include "RtValueTestSupport.h"
 
 #include <atomic>
 #include <fcntl.h>
@@ -11,6 +9,8 @@
 #include <thread>
 #include <unistd.h>
 #include <vector>
+
+using namespace rttest;
 
 namespace {
 
@@ -23,18 +23,10 @@ struct Probe {
     std::function<void()> onPerform;
 };
 
-std::string text(RtStringRef s) {
-    if (!s) return "(null)";
-    char buf[256];
-    return RtStringGetCString(s, buf, sizeof buf, kRtStringEncodingUTF8) ? buf : "?";
-}
-
 void _perform(void *info) {
     auto *p = static_cast<Probe *>(info);
     p->performs++;
-    RtStringRef mode = RtRunLoopCopyCurrentMode(RtRunLoopGetCurrent());
-    p->modesSeen.push_back(text(mode));
-    RtRelease(mode);
+    p->modesSeen.push_back(take(RtRunLoopCopyCurrentMode(RtRunLoopGetCurrent())));
     if (p->onPerform) p->onPerform();
 }
 void _schedule(void *info, RtRunLoopRef, RtStringRef) { static_cast<Probe *>(info)->schedules++; }
@@ -61,20 +53,16 @@ RtRunLoopTimerRef makeTimer(TimerProbe &p, RtTimeInterval in, RtTimeInterval int
     return RtRunLoopTimerCreate(kRtAllocatorDefault, RtAbsoluteTimeGetCurrent() + in, interval, 0, 0, _timerFired, &ctx);
 }
 
-class RtRunLoopTest : public ::testing::Test {
+class RtRunLoopTest : public LeakChecked {
   protected:
-    void SetUp() override { fLive = RtRuntimeGetLiveObjectCount(); }
-    void TearDown() override { EXPECT_EQ(fLive, RtRuntimeGetLiveObjectCount()) << "runtime objects leaked"; }
-
     RtRunLoopRef fLoop = RtRunLoopGetCurrent();
     RtStringRef fModeA = RTSTR("RtRunLoopTest.A");
     RtStringRef fModeB = RTSTR("RtRunLoopTest.B");
-    long fLive = 0;
 };
 
 TEST_F(RtRunLoopTest, OnlyWhatIsInTheRunningModeFires) {
     Probe a, b;
-    RtRunLoopSourceRef sa = makeSource(a), sb = makeSource(b);
+    RtRunLoopSourceRef sa = own(makeSource(a)), sb = own(makeSource(b));
     RtRunLoopAddSource(fLoop, sa, fModeA);
     RtRunLoopAddSource(fLoop, sa, fModeA); // a second add is a no-op
     RtRunLoopAddSource(fLoop, sb, fModeB);
@@ -95,22 +83,18 @@ TEST_F(RtRunLoopTest, OnlyWhatIsInTheRunningModeFires) {
     EXPECT_EQ(nullptr, RtRunLoopCopyCurrentMode(fLoop));
 
     // A mode string equal to another by text is the same mode.
-    RtStringRef sameText = RtStringCreateWithCString(kRtAllocatorDefault, "RtRunLoopTest.A", kRtStringEncodingUTF8);
-    EXPECT_TRUE(RtRunLoopContainsSource(fLoop, sa, sameText));
-    RtRelease(sameText);
+    EXPECT_TRUE(RtRunLoopContainsSource(fLoop, sa, own(str("RtRunLoopTest.A"))));
 
     RtRunLoopRemoveSource(fLoop, sa, fModeA);
     RtRunLoopRemoveSource(fLoop, sb, fModeB);
     EXPECT_EQ(1, a.cancels);
     EXPECT_EQ(kRtRunLoopRunFinished, RtRunLoopRunInMode(fModeA, 1.0e30, false));
     EXPECT_EQ(kRtRunLoopRunFinished, RtRunLoopRunInMode(RTSTR("RtRunLoopTest.never"), 1.0e30, false));
-    RtRelease(sa);
-    RtRelease(sb);
 }
 
 TEST_F(RtRunLoopTest, RunResults) {
     Probe idle;
-    RtRunLoopSourceRef s = makeSource(idle);
+    RtRunLoopSourceRef s = own(makeSource(idle));
     RtRunLoopAddSource(fLoop, s, fModeA);
     // Something to wait for but nothing happening: the limit passes.
     EXPECT_EQ(kRtRunLoopRunTimedOut, RtRunLoopRunInMode(fModeA, 0.02, false));
@@ -124,7 +108,7 @@ TEST_F(RtRunLoopTest, RunResults) {
     // Stop from inside a callback ends the run that is going on.
     TimerProbe tp;
     tp.onFire = [&](RtRunLoopTimerRef) { RtRunLoopStop(fLoop); };
-    RtRunLoopTimerRef t = makeTimer(tp, 0);
+    RtRunLoopTimerRef t = own(makeTimer(tp, 0));
     RtRunLoopAddTimer(fLoop, t, fModeA);
     EXPECT_EQ(kRtRunLoopRunStopped, RtRunLoopRunInMode(fModeA, 1.0e30, false));
     EXPECT_EQ(1, tp.fires);
@@ -135,14 +119,12 @@ TEST_F(RtRunLoopTest, RunResults) {
     idle.onPerform = [&] { RtRunLoopRemoveSource(fLoop, s, fModeA); };
     RtRunLoopSourceSignal(s);
     EXPECT_EQ(kRtRunLoopRunFinished, RtRunLoopRunInMode(fModeA, 1.0e30, false));
-    RtRelease(t);
-    RtRelease(s);
 }
 
 TEST_F(RtRunLoopTest, Timers) {
     // Repeating: fires until it invalidates itself on the third firing.
     TimerProbe rep;
-    RtRunLoopTimerRef repeating = makeTimer(rep, 0, 0.001);
+    RtRunLoopTimerRef repeating = own(makeTimer(rep, 0, 0.001));
     rep.onFire = [&](RtRunLoopTimerRef timer) {
         if (rep.fires == 3) RtRunLoopTimerInvalidate(timer);
     };
@@ -150,13 +132,10 @@ TEST_F(RtRunLoopTest, Timers) {
     RtRunLoopAddTimer(fLoop, repeating, fModeA);
     EXPECT_EQ(kRtRunLoopRunFinished, RtRunLoopRunInMode(fModeA, 1.0e30, false));
     EXPECT_EQ(3, rep.fires);
-    RtRelease(repeating);
 
     // Removed before it is due: never fires. A timer in another mode does not fire either.
     TimerProbe removed, other, guard;
-    RtRunLoopTimerRef r = makeTimer(removed, 0);
-    RtRunLoopTimerRef o = makeTimer(other, 0);
-    RtRunLoopTimerRef g = makeTimer(guard, 0.01);
+    RtRunLoopTimerRef r = own(makeTimer(removed, 0)), o = own(makeTimer(other, 0)), g = own(makeTimer(guard, 0.01));
     RtRunLoopAddTimer(fLoop, r, fModeA);
     RtRunLoopAddTimer(fLoop, o, fModeB);
     RtRunLoopAddTimer(fLoop, g, fModeA);
@@ -185,11 +164,7 @@ TEST_F(RtRunLoopTest, Timers) {
     RtRunLoopAddTimer(fLoop, t, fModeA);
     EXPECT_EQ(kRtRunLoopRunFinished, RtRunLoopRunInMode(fModeA, 1.0e30, false));
     EXPECT_EQ(1, self.fires);
-
     RtRunLoopTimerInvalidate(o);
-    RtRelease(r);
-    RtRelease(o);
-    RtRelease(g);
 }
 
 TEST_F(RtRunLoopTest, SourcesRemovedOrReleasedFromCallbacks) {
@@ -218,7 +193,7 @@ TEST_F(RtRunLoopTest, SourcesRemovedOrReleasedFromCallbacks) {
     // Order decides among signalled sources; returnAfterSourceHandled returns after one.
     first.onPerform = nullptr;
     Probe early;
-    RtRunLoopSourceRef s0 = makeSource(early, -5);
+    RtRunLoopSourceRef s0 = own(makeSource(early, -5));
     RtRunLoopAddSource(fLoop, s0, fModeA);
     RtRunLoopSourceSignal(s1);
     RtRunLoopSourceSignal(s0);
@@ -230,7 +205,6 @@ TEST_F(RtRunLoopTest, SourcesRemovedOrReleasedFromCallbacks) {
 
     RtRunLoopSourceInvalidate(s0);
     RtRunLoopSourceInvalidate(s1);
-    RtRelease(s0);
     RtRelease(s1);
     RtRelease(s2);
 }
@@ -238,19 +212,13 @@ TEST_F(RtRunLoopTest, SourcesRemovedOrReleasedFromCallbacks) {
 TEST_F(RtRunLoopTest, NestedRunsKeepTheirOwnMode) {
     Probe outer;
     TimerProbe inner;
-    RtRunLoopSourceRef s = makeSource(outer);
-    RtRunLoopTimerRef t = makeTimer(inner, 0);
+    RtRunLoopSourceRef s = own(makeSource(outer));
+    RtRunLoopTimerRef t = own(makeTimer(inner, 0));
     std::vector<std::string> modes;
-    inner.onFire = [&](RtRunLoopTimerRef) {
-        RtStringRef m = RtRunLoopCopyCurrentMode(fLoop);
-        modes.push_back(text(m));
-        RtRelease(m);
-    };
+    inner.onFire = [&](RtRunLoopTimerRef) { modes.push_back(take(RtRunLoopCopyCurrentMode(fLoop))); };
     outer.onPerform = [&] {
         EXPECT_EQ(kRtRunLoopRunFinished, RtRunLoopRunInMode(fModeB, 1.0e30, false));
-        RtStringRef m = RtRunLoopCopyCurrentMode(fLoop);
-        modes.push_back(text(m));
-        RtRelease(m);
+        modes.push_back(take(RtRunLoopCopyCurrentMode(fLoop)));
     };
     RtRunLoopAddSource(fLoop, s, fModeA);
     RtRunLoopAddTimer(fLoop, t, fModeB);
@@ -258,8 +226,6 @@ TEST_F(RtRunLoopTest, NestedRunsKeepTheirOwnMode) {
     EXPECT_EQ(kRtRunLoopRunHandledSource, RtRunLoopRunInMode(fModeA, 1.0e30, true));
     EXPECT_EQ((std::vector<std::string>{"RtRunLoopTest.B", "RtRunLoopTest.A"}), modes);
     RtRunLoopRemoveSource(fLoop, s, fModeA);
-    RtRelease(s);
-    RtRelease(t);
 }
 
 struct PipeProbe {
@@ -280,8 +246,8 @@ TEST_F(RtRunLoopTest, DescriptorWatchersAreLevelTriggered) {
     ASSERT_EQ(0, pipe(fds));
     PipeProbe rp, wp;
     RtFileDescriptorContext rctx = {0, &rp, nullptr, nullptr, nullptr}, wctx = {0, &wp, nullptr, nullptr, nullptr};
-    RtFileDescriptorRef reader = RtFileDescriptorCreate(kRtAllocatorDefault, fds[0], true, _ready, &rctx);
-    RtFileDescriptorRef writer = RtFileDescriptorCreate(kRtAllocatorDefault, fds[1], true, _ready, &wctx);
+    RtFileDescriptorRef reader = own(RtFileDescriptorCreate(kRtAllocatorDefault, fds[0], true, _ready, &rctx));
+    RtFileDescriptorRef writer = own(RtFileDescriptorCreate(kRtAllocatorDefault, fds[1], true, _ready, &wctx));
     ASSERT_EQ(fds[0], RtFileDescriptorGetNativeDescriptor(reader));
     RtRunLoopAddFileDescriptor(fLoop, reader, fModeA);
     RtRunLoopAddFileDescriptor(fLoop, writer, fModeA);
@@ -317,13 +283,11 @@ TEST_F(RtRunLoopTest, DescriptorWatchersAreLevelTriggered) {
     RtRunLoopRemoveFileDescriptor(fLoop, writer, fModeA);
     EXPECT_EQ(kRtRunLoopRunFinished, RtRunLoopRunInMode(fModeA, 0, false));
     RtFileDescriptorInvalidate(writer);
-    RtRelease(reader);
-    RtRelease(writer);
 }
 
 TEST_F(RtRunLoopTest, SignalDoesNotWakeButWakeUpDoes) {
     Probe p;
-    RtRunLoopSourceRef s = makeSource(p);
+    RtRunLoopSourceRef s = own(makeSource(p));
     RtRunLoopAddSource(fLoop, s, fModeA);
     RtRunLoopRef loop = fLoop;
     std::atomic<bool> stillWaitingAfterSignal{false};
@@ -347,12 +311,11 @@ TEST_F(RtRunLoopTest, SignalDoesNotWakeButWakeUpDoes) {
     EXPECT_EQ(kRtRunLoopRunStopped, RtRunLoopRunInMode(fModeA, 1.0e30, false));
     stopper.join();
     RtRunLoopRemoveSource(fLoop, s, fModeA);
-    RtRelease(s);
 }
 
 TEST_F(RtRunLoopTest, EachThreadHasItsOwnLoopFreedAtExit) {
     Probe left;
-    RtRunLoopSourceRef s = makeSource(left);
+    RtRunLoopSourceRef s = own(makeSource(left));
     RtRunLoopRef theirs = nullptr;
     std::thread worker([&] {
         theirs = RtRunLoopGetCurrent();
@@ -364,7 +327,6 @@ TEST_F(RtRunLoopTest, EachThreadHasItsOwnLoopFreedAtExit) {
     EXPECT_NE(fLoop, theirs);
     EXPECT_EQ(1, left.cancels); // the exiting thread's loop cancelled what it still held
     EXPECT_EQ(1, RtGetRetainCount(s));
-    RtRelease(s);
 }
 
 } // namespace

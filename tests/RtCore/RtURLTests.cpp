@@ -53,23 +53,17 @@ TEST_F(URLTests, InvalidTextGivesNull) {
                             "http://[zz::1]/", "http://[127.0.0.1]/", "http://a@b@c/", "http://host/%zz",
                             "http://host/%4", "http://host/a b", "http://host/<x>", "http://h/\xc3\xa9",
                             "http://host/#a#b", "http://ho[st]/", "1http:x"}) {
-        RtStringRef s = str(bad);
-        RtURLRef u = s ? RtURLCreateWithString(nullptr, s, nullptr) : nullptr;
-        EXPECT_EQ(u, nullptr) << bad;
-        RtRelease(u);
-        RtRelease(s);
+        EXPECT_EQ(own(url(bad)), nullptr) << bad;
     }
     // "a:b:c/d:e" parses as scheme "a"; "1http:x" is a relative path whose first segment has ':'.
-    RtURLRef ok = url("a:b:c/d:e");
-    EXPECT_NE(ok, nullptr);
-    RtRelease(ok);
+    EXPECT_NE(own(url("a:b:c/d:e")), nullptr);
     EXPECT_EQ(RtURLCreateWithString(nullptr, nullptr, nullptr), nullptr);
     EXPECT_EQ(RtURLCopyHostName(nullptr), nullptr);
     EXPECT_EQ(RtURLGetPortNumber(nullptr), -1);
 }
 
 TEST_F(URLTests, ResolvesAgainstABase) {
-    RtURLRef base = url("http://a/b/c/d;p?q");
+    RtURLRef base = own(url("http://a/b/c/d;p?q"));
     auto resolved = [&](const char *ref) {
         RtURLRef u = url(ref, base);
         if (!u) return std::string("<invalid>");
@@ -91,18 +85,16 @@ TEST_F(URLTests, ResolvesAgainstABase) {
     EXPECT_EQ(resolved("../../../g"), "http://a/g");
     EXPECT_EQ(resolved("g/../h"), "http://a/b/c/h");
     EXPECT_EQ(resolved("https://other/x"), "https://other/x");
-    RtURLRef rel = url("../x?k=v", base);
-    RtURLRef abs = RtURLCopyAbsoluteURL(rel);
+    RtURLRef rel = own(url("../x?k=v", base));
+    RtURLRef abs = own(RtURLCopyAbsoluteURL(rel));
     EXPECT_EQ(text(RtURLGetString(abs)), "http://a/b/x?k=v");
     EXPECT_EQ(RtURLGetBaseURL(abs), nullptr);
     EXPECT_EQ(part(RtURLCopyHostName(rel)), "a");
     EXPECT_EQ(part(RtURLCopyPath(rel)), "/b/x");
     EXPECT_FALSE(RtEqual(rel, abs));
-    RtURLRef same = url("../x?k=v", base);
+    RtURLRef same = own(url("../x?k=v", base));
     EXPECT_TRUE(RtEqual(rel, same));
     EXPECT_EQ(RtHash(rel), RtHash(same));
-    for (RtURLRef u : {base, rel, abs, same})
-        RtRelease(u);
 }
 
 } // namespace

@@ -1,5 +1,5 @@
-// Helpers shared by the value tests: readable text of strings and descriptions, and a fixture
-// that fails a test which leaves runtime objects alive.
+// Helpers shared by the runtime tests: readable text of strings, data and descriptions, and a
+// fixture that releases what a test hands it, then fails the test if runtime objects stay alive.
 #pragma once
 
 #include <RtCore/RtCore.h>
@@ -11,12 +11,15 @@
 
 namespace rttest {
 
-// The UTF-8 text of s ("" for NULL).
+// The UTF-8 text of s ("" for NULL; unconvertible characters become '?').
 inline std::string text(RtStringRef s) {
     if (!s) return "";
-    RtIndex len = RtStringGetLength(s);
-    std::vector<char> buf(size_t(RtStringGetMaximumSizeForEncoding(len, kRtStringEncodingUTF8)) + 1);
-    return RtStringGetCString(s, buf.data(), RtIndex(buf.size()), kRtStringEncodingUTF8) ? buf.data() : "";
+    RtIndex used = 0, n = RtStringGetLength(s);
+    RtStringGetBytes(s, RtRangeMake(0, n), kRtStringEncodingUTF8, '?', false, nullptr, 0, &used);
+    std::string out(size_t(used), '\0');
+    RtStringGetBytes(s, RtRangeMake(0, n), kRtStringEncodingUTF8, '?', false, reinterpret_cast<uint8_t *>(&out[0]),
+                     used, &used);
+    return out;
 }
 
 // text() of a new string, released.
@@ -33,16 +36,47 @@ inline std::string formatted(RtTypeRef v) {
     return take(RtCopyFormattingDescription(v));
 }
 
-inline RtStringRef str(const char *utf8) {
-    return RtStringCreateWithCString(kRtAllocatorDefault, utf8, kRtStringEncodingUTF8);
+inline RtStringRef str(const std::string &utf8) {
+    return RtStringCreateWithCString(kRtAllocatorDefault, utf8.c_str(), kRtStringEncodingUTF8);
 }
 
-// Every test of this fixture must release all it creates.
+inline RtDataRef dataOf(const std::string &bytes) {
+    return RtDataCreate(kRtAllocatorDefault, reinterpret_cast<const uint8_t *>(bytes.data()), RtIndex(bytes.size()));
+}
+
+// The bytes of d ("" for NULL).
+inline std::string bytesOf(RtDataRef d) {
+    return d ? std::string(reinterpret_cast<const char *>(RtDataGetBytePtr(d)), size_t(RtDataGetLength(d))) : "";
+}
+
+// bytesOf() of a new data, released.
+inline std::string takeData(RtDataRef d) {
+    std::string t = bytesOf(d);
+    RtRelease(d);
+    return t;
+}
+
+template <typename T> RtNumberRef num(RtNumberType type, T value) {
+    return RtNumberCreate(kRtAllocatorDefault, type, &value);
+}
+
+// Every test of this fixture must release all it creates; own() hands an object over to be
+// released when the test ends, before the count is checked.
 class LeakChecked : public ::testing::Test {
   protected:
     void SetUp() override { fLive = RtRuntimeGetLiveObjectCount(); }
-    void TearDown() override { EXPECT_EQ(RtRuntimeGetLiveObjectCount(), fLive) << "runtime objects leaked"; }
+    void TearDown() override {
+        for (auto it = fOwned.rbegin(); it != fOwned.rend(); ++it)
+            RtRelease(*it);
+        fOwned.clear();
+        EXPECT_EQ(RtRuntimeGetLiveObjectCount(), fLive) << "runtime objects leaked";
+    }
+    template <typename T> T own(T v) {
+        fOwned.push_back(v);
+        return v;
+    }
     long fLive = 0;
+    std::vector<RtTypeRef> fOwned;
 };
 
 } // namespace rttest
