@@ -2,6 +2,7 @@
 // callback records, copies, equality and descriptions.
 #include "RtValueTestSupport.h"
 
+#include <algorithm>
 #include <map>
 #include <random>
 #include <string>
@@ -47,56 +48,38 @@ std::string order(RtDictionaryRef d) {
     return out;
 }
 
-TEST_F(DictionaryTests, InsertionOrderSurvivesRemovalAndReplacement) {
-    RtMutableDictionaryRef d = own(newDict());
-    for (const char *k : {"b", "a", "d", "c"})
-        set(d, k, std::string(k) + "1");
-    remove(d, "a");
-    set(d, "d", "d2"); // replaced in place
-    set(d, "a", "a2"); // re-added at the end
-    EXPECT_EQ(order(d), "b=b1 d=d2 c=c1 a=a2");
-    RtStringRef b = own(str("b")), ignored = own(str("ignored"));
-    RtDictionaryAddValue(d, b, ignored);     // the key is present: Add keeps the old value
-    RtDictionaryReplaceValue(d, ignored, b); // the key is absent: Replace adds nothing
-    EXPECT_EQ(get(d, "b"), "b1");
-    EXPECT_EQ(RtDictionaryGetCount(d), 4);
-    RtDictionaryRemoveAllValues(d);
-}
-
 TEST_F(DictionaryTests, OrderAndLookupsMatchAReferenceUnderRandomEdits) {
-    // Enough keys for the hashed index, and enough removals to force compaction many times.
+    // Replacing keeps a key's place; removing and adding again moves it to the end. Enough keys
+    // for the hashed index, and enough removals to force compaction many times.
     RtMutableDictionaryRef d = own(newDict());
     std::vector<std::pair<std::string, std::string>> reference; // insertion order
     std::mt19937 rng(7);
     for (int step = 0; step < 20000; step++) {
-        std::string k = "key" + std::to_string(rng() % 300);
-        auto it = reference.begin();
-        while (it != reference.end() && it->first != k)
-            ++it;
-        if (rng() % 3 == 0) {
-            remove(d, k);
-            if (it != reference.end()) reference.erase(it);
-        } else {
-            std::string v = std::to_string(step);
-            set(d, k, v);
-            if (it != reference.end())
-                it->second = v;
-            else
-                reference.emplace_back(k, v);
-        }
+        std::string k = "key" + std::to_string(rng() % 300), v = std::to_string(step);
+        auto it = std::find_if(reference.begin(), reference.end(), [&](auto &kv) { return kv.first == k; });
+        bool removing = rng() % 3 == 0;
+        removing ? remove(d, k) : set(d, k, v);
+        if (it != reference.end() && removing) reference.erase(it);
+        else if (it != reference.end()) it->second = v;
+        else if (!removing) reference.emplace_back(k, v);
     }
     std::string expected;
-    for (size_t i = 0; i < reference.size(); i++)
-        expected += (i ? " " : "") + reference[i].first + "=" + reference[i].second;
+    for (auto &kv : reference)
+        expected += (expected.empty() ? "" : " ") + kv.first + "=" + kv.second;
     EXPECT_EQ(RtDictionaryGetCount(d), RtIndex(reference.size()));
     EXPECT_EQ(order(d), expected);
     for (int i = 0; i < 300; i++) {
         std::string k = "key" + std::to_string(i);
-        std::string want = "<absent>";
-        for (auto &kv : reference)
-            if (kv.first == k) want = kv.second;
-        EXPECT_EQ(get(d, k), want) << k;
+        auto it = std::find_if(reference.begin(), reference.end(), [&](auto &kv) { return kv.first == k; });
+        EXPECT_EQ(get(d, k), it == reference.end() ? "<absent>" : it->second) << k;
     }
+
+    RtStringRef present = own(str(reference[0].first)), absent = own(str("absent"));
+    RtDictionaryAddValue(d, present, absent);     // the key is present: Add keeps the old value
+    RtDictionaryReplaceValue(d, absent, present); // the key is absent: Replace adds nothing
+    EXPECT_EQ(order(d), expected);
+    RtDictionaryRemoveAllValues(d);
+    EXPECT_EQ(RtDictionaryGetCount(d), 0);
 }
 
 // Custom callbacks record what the dictionary owns.

@@ -58,10 +58,10 @@ RtDictionaryRef everyKind() {
     put(root, "no", kRtBooleanFalse);
     put(root, "date", RtDateCreate(nullptr, 700000000.0));
     put(root, "date fraction", RtDateCreate(nullptr, -3000000000.5));
-    uint8_t bytes[256];
+    std::string bytes;
     for (int i = 0; i < 256; i++)
-        bytes[i] = uint8_t(i);
-    put(root, "data", RtDataCreate(nullptr, bytes, 256));
+        bytes += char(i);
+    put(root, "data", dataOf(bytes));
     put(root, "empty data", RtDataCreate(nullptr, nullptr, 0));
     RtMutableArrayRef list = RtArrayCreateMutable(nullptr, 0, &kRtTypeArrayCallBacks);
     RtArrayAppendValue(list, kRtBooleanFalse);
@@ -69,7 +69,7 @@ RtDictionaryRef everyKind() {
     RtArrayAppendValue(list, emptyList);
     RtRelease(emptyList);
     RtMutableDictionaryRef inner = newDict();
-    put(inner, "deeper", RtDataCreate(nullptr, bytes, 5));
+    put(inner, "deeper", dataOf(bytes.substr(0, 5)));
     put(inner, "empty dict", newDict());
     RtArrayAppendValue(list, inner);
     RtRelease(inner);
@@ -88,27 +88,15 @@ TEST_F(PropertyListTests, WrittenForm) {
     const uint8_t bytes[] = {0, 1, 2, 0xff};
     put(d, "bytes", RtDataCreate(nullptr, bytes, 4));
     put(d, "pi", num<double>(kRtNumberDoubleType, 3.25));
-    EXPECT_EQ(takeData(RtPropertyListCreateXMLData(nullptr, d)), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-                           "<plist version=\"1.0\">\n"
-                           "<dict>\n"
-                           "\t<key>b</key>\n"
-                           "\t<integer>1</integer>\n"
-                           "\t<key>a&amp;</key>\n"
-                           "\t<string>x&lt;y</string>\n"
-                           "\t<key>list</key>\n"
-                           "\t<array>\n"
-                           "\t\t<true/>\n"
-                           "\t</array>\n"
-                           "\t<key>when</key>\n"
-                           "\t<date>2001-01-01T00:00:00Z</date>\n"
-                           "\t<key>bytes</key>\n"
-                           "\t<data>\n"
-                           "\tAAEC/w==\n"
-                           "\t</data>\n"
-                           "\t<key>pi</key>\n"
-                           "\t<real>3.25</real>\n"
-                           "</dict>\n"
-                           "</plist>\n");
+    EXPECT_EQ(takeData(RtPropertyListCreateXMLData(nullptr, d)),
+              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
+              "\t<key>b</key>\n\t<integer>1</integer>\n"
+              "\t<key>a&amp;</key>\n\t<string>x&lt;y</string>\n"
+              "\t<key>list</key>\n\t<array>\n\t\t<true/>\n\t</array>\n"
+              "\t<key>when</key>\n\t<date>2001-01-01T00:00:00Z</date>\n"
+              "\t<key>bytes</key>\n\t<data>\n\tAAEC/w==\n\t</data>\n"
+              "\t<key>pi</key>\n\t<real>3.25</real>\n"
+              "</dict>\n</plist>\n");
     RtRelease(d);
 }
 
