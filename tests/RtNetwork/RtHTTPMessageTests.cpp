@@ -11,16 +11,6 @@ using namespace rttest;
 
 namespace {
 
-std::vector<std::string> headerNames(RtHTTPMessageRef m) {
-    RtDictionaryRef all = RtHTTPMessageCopyAllHeaderFields(m);
-    std::vector<const void *> keys(size_t(RtDictionaryGetCount(all)));
-    RtDictionaryGetKeysAndValues(all, keys.data(), nullptr);
-    std::vector<std::string> names;
-    for (const void *k : keys) names.push_back(text(static_cast<RtStringRef>(k)));
-    RtRelease(all);
-    return names;
-}
-
 RtHTTPMessageRef parse(bool isRequest, const std::string &bytes, size_t piece, bool *ok) {
     RtHTTPMessageRef m = RtHTTPMessageCreateEmpty(kRtAllocatorDefault, isRequest);
     *ok = true;
@@ -36,9 +26,7 @@ class RtHTTPMessageTest : public LeakChecked {};
 TEST_F(RtHTTPMessageTest, RequestHeadersAreCaseInsensitiveAndKeepTheirOrder) {
     RtURLRef url = own(RtURLCreateWithString(kRtAllocatorDefault, RTSTR("http://example.test:8080/RPC2?x=1"), nullptr));
     RtHTTPMessageRef req = own(RtHTTPMessageCreateRequest(kRtAllocatorDefault, RTSTR("POST"), url, nullptr));
-    ASSERT_NE(nullptr, req);
     EXPECT_TRUE(RtHTTPMessageIsRequest(req));
-    EXPECT_EQ("HTTP/1.1", take(RtHTTPMessageCopyVersion(req)));
     EXPECT_EQ("POST", take(RtHTTPMessageCopyRequestMethod(req)));
     EXPECT_EQ(nullptr, RtHTTPMessageCreateRequest(kRtAllocatorDefault, nullptr, url, nullptr));
 
@@ -48,10 +36,10 @@ TEST_F(RtHTTPMessageTest, RequestHeadersAreCaseInsensitiveAndKeepTheirOrder) {
     // Another spelling of a name replaces the value and keeps the first spelling and place.
     RtHTTPMessageSetHeaderFieldValue(req, RTSTR("user-agent"), RTSTR("ua2"));
     EXPECT_EQ("ua2", take(RtHTTPMessageCopyHeaderFieldValue(req, RTSTR("USER-AGENT"))));
-    EXPECT_EQ((std::vector<std::string>{"User-Agent", "Host", "Content-Type"}), headerNames(req));
+    EXPECT_EQ("POST /RPC2?x=1 HTTP/1.1\r\nUser-Agent: ua2\r\nHost: example.test\r\nContent-Type: text/xml\r\n\r\n",
+              takeData(RtHTTPMessageCopySerializedMessage(req)));
     RtHTTPMessageSetHeaderFieldValue(req, RTSTR("HOST"), nullptr);
     EXPECT_EQ(nullptr, RtHTTPMessageCopyHeaderFieldValue(req, RTSTR("Host")));
-    EXPECT_EQ((std::vector<std::string>{"User-Agent", "Content-Type"}), headerNames(req));
 
     RtHTTPMessageSetBody(req, own(dataOf("<x/>")));
 

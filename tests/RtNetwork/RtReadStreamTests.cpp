@@ -51,7 +51,8 @@ RtHTTPMessageRef makeRequest(const std::string &url, const std::string &method =
     return req;
 }
 
-// What one exchange produced, as a client of the stream saw it.
+// What one exchange produced, as a client of the stream saw it. It is the stream's client too:
+// it records events and reads on the turn after has-bytes-available, as the library's transport does.
 struct Outcome {
     std::vector<RtStreamEventType> events;
     std::string body;
@@ -60,64 +61,60 @@ struct Outcome {
     int32_t statusCode = 0;
     std::string head; // the response head as serialized again, "" without one
     std::string finalURL;
+    bool fReadPending = false, fDone = false;
+    std::function<void(RtReadStreamRef, RtStreamEventType)> fHook;
 
     size_t count(RtStreamEventType e) const { return size_t(std::count(events.begin(), events.end(), e)); }
-};
-
-// Records events; reads on the turn after has-bytes-available, as the library's transport does.
-struct Client {
-    Outcome *fOut;
-    bool fReadPending = false;
-    bool fDone = false;
-    std::function<void(RtReadStreamRef, RtStreamEventType)> fHook;
+    // The events but has-bytes-available, whose number depends on how the kernel delivers a body.
+    std::vector<RtStreamEventType> milestones() const {
+        std::vector<RtStreamEventType> m;
+        std::copy_if(events.begin(), events.end(), std::back_inserter(m),
+                     [](RtStreamEventType e) { return e != kRtStreamEventHasBytesAvailable; });
+        return m;
+    }
 };
 
 void _clientCallback(RtReadStreamRef stream, RtStreamEventType type, void *info) {
-    auto *c = static_cast<Client *>(info);
-    c->fOut->events.push_back(type);
-    if (type == kRtStreamEventHasBytesAvailable) c->fReadPending = true;
-    if (type == kRtStreamEventEndEncountered || type == kRtStreamEventErrorOccurred) c->fDone = true;
-    if (c->fHook) c->fHook(stream, type);
+    auto *out = static_cast<Outcome *>(info);
+    out->events.push_back(type);
+    out->fReadPending |= type == kRtStreamEventHasBytesAvailable;
+    out->fDone |= type == kRtStreamEventEndEncountered || type == kRtStreamEventErrorOccurred;
+    if (out->fHook) out->fHook(stream, type);
 }
 
-void readAvailable(RtReadStreamRef stream, std::string &into) {
-    uint8_t buf[1024];
-    for (RtIndex n = sizeof buf; n == RtIndex(sizeof buf);) {
-        n = RtReadStreamRead(stream, buf, sizeof buf);
-        if (n > 0) into.append(reinterpret_cast<char *>(buf), size_t(n));
-    }
+// Makes out the client of stream, scheduled in mode of this thread's loop.
+void attach(RtReadStreamRef stream, Outcome &out, RtStringRef mode) {
+    RtStreamClientContext ctx = {0, &out, nullptr, nullptr, nullptr};
+    EXPECT_TRUE(RtReadStreamSetClient(stream, kAllEvents, _clientCallback, &ctx));
+    RtReadStreamScheduleWithRunLoop(stream, RtRunLoopGetCurrent(), mode);
 }
 
-// Runs mode until client is done or a run does not handle a source, reading as bytes arrive.
-int32_t runUntilDone(RtReadStreamRef stream, Client &client, RtStringRef mode, RtTimeInterval limit) {
+// Runs mode until the stream ends or fails, or a run handles no source, reading as bytes arrive.
+int32_t runUntilDone(RtReadStreamRef stream, Outcome &out, RtStringRef mode) {
     int32_t result = kRtRunLoopRunHandledSource;
-    while (!client.fDone && result == kRtRunLoopRunHandledSource &&
-           RtReadStreamGetStatus(stream) != kRtStreamStatusClosed) {
-        result = RtRunLoopRunInMode(mode, limit, true);
-        if (client.fReadPending) {
-            client.fReadPending = false;
-            readAvailable(stream, client.fOut->body);
+    while (!out.fDone && result == kRtRunLoopRunHandledSource && RtReadStreamGetStatus(stream) != kRtStreamStatusClosed) {
+        result = RtRunLoopRunInMode(mode, kGuard, true);
+        uint8_t buf[1024];
+        for (RtIndex n = sizeof buf; out.fReadPending && n == RtIndex(sizeof buf);) {
+            n = RtReadStreamRead(stream, buf, sizeof buf);
+            if (n > 0) out.body.append(reinterpret_cast<char *>(buf), size_t(n));
         }
+        out.fReadPending = false;
     }
     return result;
 }
 
-// Sends request on a stream scheduled in a private mode of this thread's loop and runs that mode
-// until the end or an error, then one more turn to catch stragglers.
+// Sends request on a stream in a private mode and runs that mode until the end or an error,
+// then one more turn to catch stragglers.
 Outcome exchange(RtHTTPMessageRef request, const std::function<void(RtReadStreamRef)> &configure = {},
                  std::function<void(RtReadStreamRef, RtStreamEventType)> hook = {}) {
     Outcome out;
-    Client client{&out, false, false, std::move(hook)};
+    out.fHook = std::move(hook);
     RtReadStreamRef stream = RtReadStreamCreateForHTTPRequest(kRtAllocatorDefault, request);
-    EXPECT_NE(nullptr, stream);
-    if (!stream) return out;
     if (configure) configure(stream);
-    RtStreamClientContext ctx = {0, &client, nullptr, nullptr, nullptr};
-    EXPECT_TRUE(RtReadStreamSetClient(stream, kAllEvents, _clientCallback, &ctx));
-    RtReadStreamScheduleWithRunLoop(stream, RtRunLoopGetCurrent(), kMode);
-    bool opened = RtReadStreamOpen(stream);
-    EXPECT_TRUE(opened);
-    if (opened) runUntilDone(stream, client, kMode, kGuard);
+    attach(stream, out, kMode);
+    EXPECT_TRUE(RtReadStreamOpen(stream));
+    runUntilDone(stream, out, kMode);
     RtRunLoopRunInMode(kMode, 0, false);
 
     out.error = RtReadStreamGetError(stream);
@@ -126,13 +123,10 @@ Outcome exchange(RtHTTPMessageRef request, const std::function<void(RtReadStream
         const_cast<void *>(RtReadStreamCopyProperty(stream, kRtStreamPropertyHTTPResponseHeader)));
     out.statusCode = response ? RtHTTPMessageGetResponseStatusCode(response) : 0;
     out.head = response ? takeData(RtHTTPMessageCopySerializedMessage(response)) : "";
-    RtRelease(response);
     auto *finalURL = static_cast<RtURLRef>(RtReadStreamCopyProperty(stream, kRtStreamPropertyHTTPFinalURL));
     out.finalURL = text(RtURLGetString(finalURL));
-    RtRelease(finalURL);
-    RtReadStreamUnscheduleFromRunLoop(stream, RtRunLoopGetCurrent(), kMode);
-    RtReadStreamClose(stream);
-    RtRelease(stream);
+    for (RtTypeRef x : {RtTypeRef(response), RtTypeRef(finalURL), RtTypeRef(stream)})
+        RtRelease(x); // releasing the stream closes it and takes it out of the loop
     return out;
 }
 
@@ -144,21 +138,19 @@ Outcome exchange(const std::string &url, const std::string &method = "POST", con
     return out;
 }
 
+using Events = std::vector<RtStreamEventType>;
+
 void expectCleanEnd(const Outcome &out) {
-    ASSERT_FALSE(out.events.empty());
-    EXPECT_EQ(kRtStreamEventOpenCompleted, out.events.front());
-    EXPECT_EQ(kRtStreamEventEndEncountered, out.events.back());
-    EXPECT_EQ(1u, out.count(kRtStreamEventOpenCompleted));
-    EXPECT_EQ(1u, out.count(kRtStreamEventEndEncountered));
-    EXPECT_EQ(0u, out.count(kRtStreamEventErrorOccurred));
+    EXPECT_EQ((Events{kRtStreamEventOpenCompleted, kRtStreamEventEndEncountered}), out.milestones());
     EXPECT_EQ(0, out.error.domain);
     EXPECT_EQ(kRtStreamStatusAtEnd, out.status);
 }
 
+// Exactly one error event, last, and nothing after; code is the CURLcode expected, or 0 for any.
 void expectOneError(const Outcome &out, int code) {
-    EXPECT_EQ(1u, out.count(kRtStreamEventErrorOccurred));
-    EXPECT_EQ(0u, out.count(kRtStreamEventEndEncountered));
-    ASSERT_FALSE(out.events.empty());
+    Events m = out.milestones();
+    EXPECT_TRUE(m == Events{kRtStreamEventErrorOccurred} ||
+                m == (Events{kRtStreamEventOpenCompleted, kRtStreamEventErrorOccurred}));
     EXPECT_EQ(kRtStreamEventErrorOccurred, out.events.back());
     EXPECT_EQ(kRtStreamErrorDomainCurl, out.error.domain);
     EXPECT_NE(0, out.error.error);
@@ -248,13 +240,11 @@ TEST_F(RtReadStreamTest, AStreamHearsNothingOutsideItsMode) {
     ScriptedHTTPServer server;
     server.reply("GET", "/", ScriptedReply::with(200, "text/plain", std::string(30000, 'a')));
     // Scheduled in another mode and opened first, as an asynchronous call would be.
+    RtStringRef otherMode = RTSTR("RtReadStreamTest.other");
     Outcome outside;
-    Client client{&outside, false, false, {}};
     RtHTTPMessageRef req = own(makeRequest(server.url("/"), "GET"));
     RtReadStreamRef other = own(RtReadStreamCreateForHTTPRequest(kRtAllocatorDefault, req));
-    RtStreamClientContext ctx = {0, &client, nullptr, nullptr, nullptr};
-    RtReadStreamSetClient(other, kAllEvents, _clientCallback, &ctx);
-    RtReadStreamScheduleWithRunLoop(other, RtRunLoopGetCurrent(), RTSTR("RtReadStreamTest.other"));
+    attach(other, outside, otherMode);
     ASSERT_TRUE(RtReadStreamOpen(other));
 
     // A whole exchange in the private mode: the other stream's transfer may progress, but its
@@ -263,9 +253,8 @@ TEST_F(RtReadStreamTest, AStreamHearsNothingOutsideItsMode) {
     EXPECT_TRUE(outside.events.empty());
 
     // Its own mode delivers everything, in order, with every byte.
-    EXPECT_EQ(kRtRunLoopRunHandledSource, runUntilDone(other, client, RTSTR("RtReadStreamTest.other"), kGuard));
-    EXPECT_EQ(kRtStreamEventOpenCompleted, outside.events.front());
-    EXPECT_EQ(kRtStreamEventEndEncountered, outside.events.back());
+    EXPECT_EQ(kRtRunLoopRunHandledSource, runUntilDone(other, outside, otherMode));
+    EXPECT_EQ((Events{kRtStreamEventOpenCompleted, kRtStreamEventEndEncountered}), outside.milestones());
     EXPECT_EQ(std::string(30000, 'a'), outside.body);
 }
 
@@ -314,7 +303,7 @@ TEST_F(RtReadStreamTest, EveryFaultEndsInExactlyOneError) {
     }
 
     Outcome refused = exchange("http://127.0.0.1:" + std::to_string(hvtest::freeLoopbackPort()) + "/");
-    EXPECT_EQ((std::vector<RtStreamEventType>{kRtStreamEventErrorOccurred}), refused.events);
+    EXPECT_EQ((Events{kRtStreamEventErrorOccurred}), refused.events);
     EXPECT_EQ(CURLE_COULDNT_CONNECT, refused.error.error);
 }
 
@@ -344,15 +333,13 @@ TEST_F(RtReadStreamTest, ClientsMayCloseOrReleaseFromTheirCallback) {
     Outcome out = exchange(req, {}, [](RtReadStreamRef s, RtStreamEventType type) {
         if (type == kRtStreamEventHasBytesAvailable) RtReadStreamClose(s);
     });
-    EXPECT_EQ((std::vector<RtStreamEventType>{kRtStreamEventOpenCompleted, kRtStreamEventHasBytesAvailable}), out.events);
+    EXPECT_EQ((Events{kRtStreamEventOpenCompleted, kRtStreamEventHasBytesAvailable}), out.events);
     EXPECT_EQ(kRtStreamStatusClosed, out.status);
     EXPECT_TRUE(out.body.empty());
 }
 
 TEST_F(RtReadStreamTest, RefusesWhatItCannotStart) {
-    RtHTTPMessageRef response = own(RtHTTPMessageCreateResponse(kRtAllocatorDefault, 200, nullptr, nullptr));
-    EXPECT_EQ(nullptr, RtReadStreamCreateForHTTPRequest(kRtAllocatorDefault, response));
-
+    // (A response message, or a method that is not a token, are refused through the transport.)
     RtHTTPMessageRef req = makeRequest("http://127.0.0.1:9/");
     RtReadStreamRef stream = RtReadStreamCreateForHTTPRequest(kRtAllocatorDefault, req);
     EXPECT_FALSE(RtReadStreamOpen(stream)); // not scheduled
@@ -366,13 +353,6 @@ TEST_F(RtReadStreamTest, RefusesWhatItCannotStart) {
     RtRelease(stream); // still scheduled: releasing takes it out of the loop
     RtRelease(req);
     EXPECT_EQ(kRtRunLoopRunFinished, RtRunLoopRunInMode(kMode, 0, false));
-
-    // A method that is not a token never reaches the network.
-    RtHTTPMessageRef bad = own(makeRequest("http://127.0.0.1:9/", "BAD METHOD"));
-    RtReadStreamRef badStream = own(RtReadStreamCreateForHTTPRequest(kRtAllocatorDefault, bad));
-    RtReadStreamScheduleWithRunLoop(badStream, RtRunLoopGetCurrent(), kMode);
-    EXPECT_FALSE(RtReadStreamOpen(badStream));
-    EXPECT_EQ(kRtStreamErrorDomainPOSIX, RtReadStreamGetError(badStream).domain);
 }
 
 // openssl s_server with a fresh self-signed certificate in a scratch directory.
