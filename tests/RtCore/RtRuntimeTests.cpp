@@ -22,24 +22,19 @@ std::atomic<int> gFinalized{0};
 int &valueOf(RtTypeRef obj) {
     return static_cast<Counter *>(const_cast<void *>(obj))->value;
 }
-void _counterInit(RtTypeRef obj) {
-    valueOf(obj) = 7;
-}
-void _counterFinalize(RtTypeRef) {
-    gFinalized++;
-}
-bool _counterEqual(RtTypeRef a, RtTypeRef b) {
-    return valueOf(a) == valueOf(b);
-}
-RtHashCode _counterHash(RtTypeRef obj) {
-    return RtHashCode(valueOf(obj));
-}
-RtStringRef _counterFormat(RtTypeRef obj, RtDictionaryRef) {
-    return RtStringCreateWithFormat(nullptr, nullptr, RTSTR("#%d"), valueOf(obj));
-}
 
 const RtRuntimeClass kCounterClass = {
-    0, "Counter", _counterInit, nullptr, _counterFinalize, _counterEqual, _counterHash, _counterFormat, nullptr};
+    0,
+    "Counter",
+    [](RtTypeRef obj) { valueOf(obj) = 7; }, // init
+    nullptr,
+    [](RtTypeRef) { gFinalized++; },                                // finalize
+    [](RtTypeRef a, RtTypeRef b) { return valueOf(a) == valueOf(b); }, // equal
+    [](RtTypeRef obj) { return RtHashCode(valueOf(obj)); },          // hash
+    [](RtTypeRef obj, RtDictionaryRef) {                             // formatting description
+        return RtStringCreateWithFormat(nullptr, nullptr, RTSTR("#%d"), valueOf(obj));
+    },
+    nullptr};
 const RtRuntimeClass kBareClass = {0, "Bare", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr};
 
 RtTypeID counterType() {

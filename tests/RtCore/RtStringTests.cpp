@@ -2,6 +2,7 @@
 #include "RtValueTestSupport.h"
 
 #include <cmath>
+#include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -18,13 +19,25 @@ template <typename... Args> std::string fmt(RtStringRef format, Args... args) {
     return take(RtStringCreateWithFormat(nullptr, nullptr, format, args...));
 }
 
-// Formats a non-constant copy of the format too, so both the cached and the one-pass parser run.
+RtIndex formatUTF8(char *buffer, RtIndex size, RtStringRef format, ...) {
+    va_list args;
+    va_start(args, format);
+    RtIndex n = RtStringFormatUTF8(buffer, size, nullptr, format, args);
+    va_end(args);
+    return n;
+}
+
+// Formats a non-constant copy of the format too, so both the cached and the one-pass parser run,
+// and formats into bytes as well, in a buffer of exactly the size asked for.
 template <typename... Args> std::string fmtBoth(const char *format, Args... args) {
     RtStringRef fresh = str(format);
     std::string a = fmt(fresh, args...);
     std::string b = fmt(__RtStringMakeConstantString(format), args...);
+    std::string bytes(size_t(formatUTF8(nullptr, 0, fresh, args...)), '\0');
+    EXPECT_EQ(formatUTF8(&bytes[0], RtIndex(bytes.size()), fresh, args...), RtIndex(bytes.size())) << format;
     RtRelease(fresh);
     EXPECT_EQ(a, b) << format;
+    EXPECT_EQ(a, bytes) << format;
     return a;
 }
 
@@ -111,6 +124,12 @@ TEST_F(RtStringTest, FormatsStringsAndObjects) {
     RtStringAppendFormat(m, nullptr, RTSTR("%@"), m); // appending the string to itself
     EXPECT_EQ(text(m), "name! 12 \xe2\x82\xac\xf0\x9f\x98\x80name! 12 \xe2\x82\xac\xf0\x9f\x98\x80");
     EXPECT_EQ(RtStringCreateWithFormat(nullptr, nullptr, nullptr), nullptr);
+
+    // Into bytes: too small a buffer gets the length needed; a lone surrogate cannot be UTF-8.
+    char small[4];
+    EXPECT_EQ(formatUTF8(small, sizeof small, RTSTR("<s>%@</s>"), wide), 14);
+    const RtUniChar lone[] = {'a', 0xD800, 'b'};
+    EXPECT_EQ(formatUTF8(nullptr, 0, RTSTR("%@"), own(RtStringCreateWithCharacters(nullptr, lone, 3))), -1);
 }
 
 TEST_F(RtStringTest, ConstantsAreUniquedImmortalAndFoundAgain) {
@@ -285,6 +304,16 @@ TEST_F(RtStringTest, ConvertsToBytesWithAndWithoutLossBytes) {
     EXPECT_EQ(bytesOf(ab, kRtStringEncodingUTF16, 0, true), std::string("\xff\xfe" "A\x00\x3d\xd8\x00\xde", 8));
     EXPECT_EQ(bytesOf(ab, kRtStringEncodingUTF32BE, 0), std::string("\0\0\0A\0\x01\xf6\x00", 8));
     EXPECT_EQ(bytesOf(ab, kRtStringEncodingUTF32, 0, true).substr(0, 4), std::string("\xff\xfe\0\0", 4));
+
+    // A long 16-bit string with ASCII runs and characters of every UTF-8 length.
+    std::vector<RtUniChar> units;
+    std::string expected;
+    for (int i = 0; i < 300; i++) {
+        units.insert(units.end(), {'a', 'b', 0xE9, 0x65E5, 0xD83D, 0xDE00});
+        expected += "ab\xC3\xA9\xE6\x97\xA5\xF0\x9F\x98\x80";
+    }
+    RtStringRef longWide = own(RtStringCreateWithCharacters(nullptr, units.data(), RtIndex(units.size())));
+    EXPECT_EQ(bytesOf(longWide, kRtStringEncodingUTF8, 0), expected);
 
     // A lone surrogate is not UTF-8.
     const RtUniChar lone[] = {'x', 0xD800, 'y'};

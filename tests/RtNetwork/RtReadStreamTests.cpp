@@ -36,10 +36,10 @@ const RtOptionFlags kAllEvents = kRtStreamEventOpenCompleted | kRtStreamEventHas
                                  kRtStreamEventErrorOccurred | kRtStreamEventEndEncountered;
 
 RtHTTPMessageRef makeRequest(const std::string &url, const std::string &method = "POST", const std::string &body = "",
-                             RtStringRef version = nullptr, const hvtest::HTTPHeaders &headers = {}) {
+                             const hvtest::HTTPHeaders &headers = {}) {
     RtStringRef u = str(url), m = str(method);
     RtURLRef parsed = RtURLCreateWithString(kRtAllocatorDefault, u, nullptr);
-    RtHTTPMessageRef req = RtHTTPMessageCreateRequest(kRtAllocatorDefault, m, parsed, version);
+    RtHTTPMessageRef req = RtHTTPMessageCreateRequest(kRtAllocatorDefault, m, parsed, nullptr);
     for (auto &[name, value] : headers) {
         RtStringRef n = str(name), v = str(value);
         RtHTTPMessageSetHeaderFieldValue(req, n, v);
@@ -130,9 +130,8 @@ Outcome exchange(RtHTTPMessageRef request, const std::function<void(RtReadStream
     return out;
 }
 
-Outcome exchange(const std::string &url, const std::string &method = "POST", const std::string &body = "",
-                 RtStringRef version = nullptr) {
-    RtHTTPMessageRef req = makeRequest(url, method, body, version);
+Outcome exchange(const std::string &url, const std::string &method = "POST", const std::string &body = "") {
+    RtHTTPMessageRef req = makeRequest(url, method, body);
     Outcome out = exchange(req);
     RtRelease(req);
     return out;
@@ -171,19 +170,20 @@ TEST_F(RtReadStreamTest, RoundTripSendsExactlyTheMessageFields) {
     server.route("POST", "/RPC2", [](const hvtest::RecordedRequest &r) {
         ScriptedReply reply = ScriptedReply::xml("<echo>" + r.body + "</echo>");
         reply.headers.emplace_back("X-Reply", "yes");
+        reply.chunked = true;
         return reply;
     });
     // Long enough (over 1 MB) that libcurl would otherwise ask "Expect: 100-continue".
     std::string body(1100000, 'b');
-    RtHTTPMessageRef req = own(makeRequest(
-        server.url("/RPC2"), "POST", body, nullptr,
-        {{"Host", "127.0.0.1"}, {"User-Agent", "tests"}, {"Content-Type", "text/xml"}, {"X-Custom", "a b"}}));
+    RtHTTPMessageRef req = own(makeRequest(server.url("/RPC2"), "POST", body,
+                                           {{"Host", "127.0.0.1"}, {"User-Agent", "tests"},
+                                            {"Content-Type", "text/xml"}, {"X-Custom", "a b"}}));
     Outcome out = exchange(req);
     expectCleanEnd(out);
     EXPECT_EQ(200, out.statusCode);
     EXPECT_EQ(0u, out.head.find("HTTP/1.1 200 OK\r\n")) << out.head;
     EXPECT_NE(std::string::npos, out.head.find("\r\nX-Reply: yes\r\n")) << out.head;
-    EXPECT_EQ("<echo>" + body + "</echo>", out.body);
+    EXPECT_EQ("<echo>" + body + "</echo>", out.body) << "a large chunked reply arrives whole";
 
     hvtest::RecordedRequest seen = server.lastRequest();
     EXPECT_EQ("POST", seen.method);
@@ -198,42 +198,17 @@ TEST_F(RtReadStreamTest, RoundTripSendsExactlyTheMessageFields) {
     EXPECT_EQ("a b", seen.header("X-Custom"));
 }
 
-TEST_F(RtReadStreamTest, VersionsMethodsAndLargeChunkedReplies) {
+// (HTTP/1.0 both ways and other posting methods are pinned through the transport.)
+TEST_F(RtReadStreamTest, AGetSendsNoBodyAndNoLength) {
     ScriptedHTTPServer server;
     server.route("*", "*", [](const hvtest::RecordedRequest &r) {
-        ScriptedReply reply = ScriptedReply::with(200, "text/plain", r.method + " " + r.version);
-        reply.http10 = r.version == "HTTP/1.0";
-        return reply;
+        return ScriptedReply::with(200, "text/plain", r.method + " " + r.version);
     });
-    const struct {
-        const char *method, *body;
-        RtStringRef version;
-        const char *echo, *statusLine;
-    } rows[] = {{"POST", "x", kRtHTTPVersion1_0, "POST HTTP/1.0", "HTTP/1.0 200 OK\r\n"},
-                {"GET", "", nullptr, "GET HTTP/1.1", "HTTP/1.1 200 OK\r\n"},
-                {"PUT", "payload", nullptr, "PUT HTTP/1.1", "HTTP/1.1 200 OK\r\n"}};
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.echo);
-        Outcome out = exchange(server.url("/"), row.method, row.body, row.version);
-        expectCleanEnd(out);
-        EXPECT_EQ(row.echo, out.body);
-        EXPECT_EQ(0u, out.head.find(row.statusLine));
-        EXPECT_EQ(row.body, server.lastRequest().body);
-        EXPECT_EQ(*row.body != 0, server.lastRequest().hasHeader("Content-Length"));
-    }
-
-    server.route("GET", "/big", [](const hvtest::RecordedRequest &) {
-        ScriptedReply reply = ScriptedReply::with(200, "application/octet-stream", std::string(10000, 'z'));
-        reply.bodyRepeat = 200;
-        reply.chunked = true;
-        return reply;
-    });
-    Outcome big = exchange(server.url("/big"), "GET");
-    expectCleanEnd(big);
-    EXPECT_EQ(2000000u, big.body.size());
-    EXPECT_EQ(std::string::npos, big.body.find_first_not_of('z'));
-    // How many has-bytes events a large body takes depends on how the kernel delivers it.
-    EXPECT_GE(big.count(kRtStreamEventHasBytesAvailable), 1u);
+    Outcome out = exchange(server.url("/"), "GET");
+    expectCleanEnd(out);
+    EXPECT_EQ("GET HTTP/1.1", out.body);
+    EXPECT_EQ("", server.lastRequest().body);
+    EXPECT_FALSE(server.lastRequest().hasHeader("Content-Length"));
 }
 
 TEST_F(RtReadStreamTest, AStreamHearsNothingOutsideItsMode) {
@@ -258,17 +233,14 @@ TEST_F(RtReadStreamTest, AStreamHearsNothingOutsideItsMode) {
     EXPECT_EQ(std::string(30000, 'a'), outside.body);
 }
 
-TEST_F(RtReadStreamTest, RedirectsFollowedOnlyWhenAsked) {
+TEST_F(RtReadStreamTest, RedirectsFollowedOnlyWhenAskedAndTheFinalURLSaysWhere) {
     ScriptedHTTPServer server;
     ScriptedReply moved = ScriptedReply::with(302, "text/plain", "moved");
     moved.headers.emplace_back("Location", server.url("/new"));
     server.reply("GET", "/old", moved);
     server.reply("GET", "/new", ScriptedReply::with(200, "text/plain", "arrived"));
-
     RtHTTPMessageRef req = own(makeRequest(server.url("/old"), "GET"));
-    Outcome off = exchange(req, [](RtReadStreamRef s) {
-        EXPECT_EQ(kRtBooleanFalse, RtReadStreamCopyProperty(s, kRtStreamPropertyHTTPShouldAutoredirect));
-    });
+    Outcome off = exchange(req);
     expectCleanEnd(off);
     EXPECT_EQ(0u, off.head.find("HTTP/1.1 302 Found\r\n"));
     EXPECT_EQ(server.url("/old"), off.finalURL);
@@ -277,7 +249,6 @@ TEST_F(RtReadStreamTest, RedirectsFollowedOnlyWhenAsked) {
         EXPECT_TRUE(RtReadStreamSetProperty(s, kRtStreamPropertyHTTPShouldAutoredirect, kRtBooleanTrue));
     });
     expectCleanEnd(on);
-    EXPECT_EQ(200, on.statusCode);
     EXPECT_EQ("arrived", on.body);
     EXPECT_EQ(server.url("/new"), on.finalURL);
 }
