@@ -16,65 +16,43 @@ class DateTest : public UtilsTest {};
 // The absolute time of a GMT calendar time, computed by the C library (fields normalised as
 // timegm does), independently of the runtime's own calendar code.
 RtAbsoluteTime gmt(int year, int month, int day, int hour = 0, int minute = 0, int second = 0) {
-    struct tm t;
-    memset(&t, 0, sizeof t);
-    t.tm_year = year - 1900;
-    t.tm_mon = month - 1;
-    t.tm_mday = day;
-    t.tm_hour = hour;
-    t.tm_min = minute;
-    t.tm_sec = second;
+    struct tm t = {};
+    t.tm_year = year - 1900, t.tm_mon = month - 1, t.tm_mday = day;
+    t.tm_hour = hour, t.tm_min = minute, t.tm_sec = second;
     return static_cast<RtAbsoluteTime>(timegm(&t)) - kRtAbsoluteTimeIntervalSince1970;
 }
 
-RtAbsoluteTime readDate(const char *p, RtIndex len) {
-    Owned<RtDateRef> date(hvCreateDateFromISO8601(p, len));
-    EXPECT_NE(date.get(), nullptr);
+// Reads the first len characters of p (all of it when len is -1) from a heap buffer of
+// exactly that length, so that a read past the end trips the address sanitizer.
+RtAbsoluteTime readDate(const char *p, RtIndex len = -1) {
+    size_t n = len < 0 ? strlen(p) : static_cast<size_t>(len);
+    std::vector<char> exact(p, p + n);
+    Owned<RtDateRef> date(hvCreateDateFromISO8601(n ? exact.data() : p, RtIndex(n)));
+    EXPECT_NE(date.get(), nullptr) << (p ? p : "(null)") << " / " << len;
     return date.get() ? RtDateGetAbsoluteTime(date) : 0;
 }
 
-RtAbsoluteTime readDate(const char *s) { return readDate(s, static_cast<RtIndex>(strlen(s))); }
-
-TEST_F(DateTest, WritesBothFormsTruncatingSeconds) {
-    Owned<RtDateRef> date(RtDateCreate(kRtAllocatorDefault, gmt(2001, 12, 31, 23, 59, 7) + 0.9));
-    Owned<RtStringRef> compact(isoEncodeDate(date, true));
-    Owned<RtStringRef> dashed(isoEncodeDate(date, false));
-    EXPECT_EQ(text(compact.get()), "20011231T23:59:07Z");
-    EXPECT_EQ(text(dashed.get()), "2001-12-31T23:59:07Z");
-
-    char small[6];
-    memset(small, '#', sizeof small);
-    hvRtDateToISO8601String(small, 5, date, false);
-    EXPECT_STREQ(small, "2001");
-    EXPECT_EQ(small[5], '#'); // nothing written past len
-
-    Owned<RtDateRef> early(RtDateCreate(kRtAllocatorDefault, gmt(987, 3, 4, 5, 6, 7)));
-    Owned<RtStringRef> padded(isoEncodeDate(early, false));
-    EXPECT_EQ(text(padded.get()), "0987-03-04T05:06:07Z");
-}
-
-TEST_F(DateTest, ReadsSeparatorsOptionallyAndIgnoresShortZones) {
+TEST_F(DateTest, ReaderSeparatorsZonesAndFractions) {
     const RtAbsoluteTime expected = gmt(1998, 7, 17, 14, 8, 55);
-    EXPECT_EQ(readDate("19980717T14:08:55"), expected);
-    EXPECT_EQ(readDate("1998-07-17T14:08:55Z"), expected);
-    EXPECT_EQ(readDate("1998-07-17T14:08:55+05"), expected); // a zone of three characters is ignored
-    EXPECT_EQ(readDate("1998-07-17T14:08:55-0"), expected);
-    EXPECT_EQ(readDate("1998-07-17"), gmt(1998, 7, 17));
-    EXPECT_EQ(readDate("1998-07-17 14:08:55"), gmt(1998, 7, 17)); // only T or Z start a time
-    EXPECT_EQ(readDate("1998-07-17T1430"), gmt(1998, 7, 17, 14)); // no colon: the rest is lost
-    EXPECT_EQ(readDate("1998-07-17Z14:08:55+02:00"), expected); // after a Z separator no zone is read
-}
-
-TEST_F(DateTest, ZoneSignAndFractionQuirks) {
-    // A "-" zone subtracts, a "+" zone adds: the reverse of the usual reading, kept on purpose.
-    EXPECT_EQ(readDate("1998-07-17T14:08:55-05:00"), gmt(1998, 7, 17, 9, 8, 55));
-    EXPECT_EQ(readDate("1998-07-17T10:00:00+02:00"), gmt(1998, 7, 17, 12, 0, 0));
-    EXPECT_EQ(readDate("1998-07-17T10:00:00+02:30"), gmt(1998, 7, 17, 12, 30, 0));
-    // A fraction is read as a zone: ".2" is two hours, ".5Z" five.
-    EXPECT_EQ(readDate("1998-07-17T14:08:55.25"), gmt(1998, 7, 17, 16, 8, 55));
-    EXPECT_EQ(readDate("1998-07-17T10:00:00.5Z"), gmt(1998, 7, 17, 15, 0, 0));
-    // Out-of-range results are carried into the next day.
-    EXPECT_EQ(readDate("1998-07-17T23:00:00+02:00"), gmt(1998, 7, 18, 1, 0, 0));
+    const std::pair<const char *, RtAbsoluteTime> cases[] = {
+        {"19980717T14:08:55", expected},
+        {"1998-07-17T14:08:55Z", expected},
+        {"1998-07-17T14:08:55+05", expected}, // a zone of three characters is ignored
+        {"1998-07-17T14:08:55-0", expected},
+        {"1998-07-17", gmt(1998, 7, 17)},
+        {"1998-07-17 14:08:55", gmt(1998, 7, 17)},     // only T or Z start a time
+        {"1998-07-17T1430", gmt(1998, 7, 17, 14)},     // no colon: the rest is lost
+        {"1998-07-17Z14:08:55+02:00", expected},       // after a Z separator no zone is read
+        // A "-" zone subtracts, a "+" zone adds: the reverse of the usual reading, kept on purpose.
+        {"1998-07-17T14:08:55-05:00", gmt(1998, 7, 17, 9, 8, 55)},
+        {"1998-07-17T10:00:00+02:30", gmt(1998, 7, 17, 12, 30, 0)},
+        // A fraction is read as a zone: ".2" is two hours, ".5Z" five.
+        {"1998-07-17T14:08:55.25", gmt(1998, 7, 17, 16, 8, 55)},
+        {"1998-07-17T10:00:00.5Z", gmt(1998, 7, 17, 15, 0, 0)},
+        {"1998-07-17T23:00:00+02:00", gmt(1998, 7, 18, 1, 0, 0)}, // carried into the next day
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(readDate(c.first), c.second) << c.first;
 }
 
 TEST_F(DateTest, FixedWidthReadsStopAtTheLength) {
@@ -84,43 +62,33 @@ TEST_F(DateTest, FixedWidthReadsStopAtTheLength) {
     EXPECT_EQ(readDate(full, 17), gmt(1998, 7, 17, 14, 8, 0));  // seconds after the last ':' are past the end
     EXPECT_EQ(readDate(full, 18), gmt(1998, 7, 17, 14, 8, 50));
     EXPECT_EQ(readDate(full, 7), gmt(1998, 7, 0));
-    EXPECT_EQ(readDate(full, 2), readDate("1900", 4));
+    EXPECT_EQ(readDate(full, 2), readDate("1900"));
     // No text at all still makes a date; a NULL pointer is read as no text.
-    EXPECT_EQ(readDate(full, 0), readDate("", 0));
-    EXPECT_EQ(readDate(nullptr, 25), readDate("", 0));
-    EXPECT_EQ(readDate(full, -3), readDate("", 0));
+    EXPECT_EQ(readDate(full, 0), readDate(""));
+    EXPECT_EQ(readDate(nullptr, 0), readDate(""));
+    Owned<RtDateRef> nullText(hvCreateDateFromISO8601(nullptr, 25)), negative(hvCreateDateFromISO8601(full, -3));
+    EXPECT_EQ(RtDateGetAbsoluteTime(nullText), readDate(""));
+    EXPECT_EQ(RtDateGetAbsoluteTime(negative), readDate(""));
+    // Every prefix of every shape makes some date; so does garbage.
+    for (const char *shape : {full, "19980717T14:08:55+0530", "1998-07-17T10:00:00.5Z", "T:::", "1998-07-17Z", "--::",
+                              "x!?-::TT"})
+        for (size_t len = 0; len <= strlen(shape); len++)
+            readDate(shape, RtIndex(len));
 
-    // Every prefix of every shape, from a heap buffer of exactly that length, so that a read
-    // past the end trips the address sanitizer.
-    for (const char *shape : {"1998-07-17T14:08:55-05:00", "19980717T14:08:55+0530", "1998-07-17T10:00:00.5Z",
-                              "T:::", "1998-07-17Z", "--::"}) {
-        for (size_t len = 0; len <= strlen(shape); len++) {
-            std::vector<char> exact(shape, shape + len);
-            Owned<RtDateRef> date(hvCreateDateFromISO8601(len ? exact.data() : nullptr, static_cast<RtIndex>(len)));
-            EXPECT_NE(date.get(), nullptr) << shape << " / " << len;
-        }
-    }
-    // Garbage makes some date without complaint.
-    Owned<RtDateRef> junk(hvCreateDateFromISO8601("x!?-::TT", 8));
-    EXPECT_NE(junk.get(), nullptr);
-}
-
-TEST_F(DateTest, StringFormRendersAsASCII) {
+    // The string form reads non-ASCII characters as "x" ("xx" is a zone of 0 hours); a very
+    // long text reads like its beginning.
     Owned<RtStringRef> s(newString("1998-07-17T14:08:55\xC3\xA9\xC3\xA9\xC3\xA9"));
     Owned<RtDateRef> date(isoDecodeDate(s));
-    ASSERT_NE(date.get(), nullptr);
-    // The three non-ASCII characters become "xxx": a zone of "xx" reads as 0 hours.
     EXPECT_EQ(RtDateGetAbsoluteTime(date), gmt(1998, 7, 17, 14, 8, 55));
     EXPECT_EQ(isoDecodeDate(nullptr), nullptr);
-
-    // A very long text reads like its beginning.
-    Owned<RtStringRef> longText(newString("1998-07-17T14:08:55-05:00" + std::string(100000, '7')));
+    Owned<RtStringRef> longText(newString(std::string(full) + std::string(100000, '7')));
     Owned<RtDateRef> longDate(isoDecodeDate(longText));
     EXPECT_EQ(RtDateGetAbsoluteTime(longDate), gmt(1998, 7, 17, 9, 8, 55));
 }
 
 TEST_F(DateTest, WriterPrintsEveryFieldAsTheCFormatDoes) {
-    // Years past 9999 and before year 0 (printed unsigned), and every cut of the buffer.
+    // Years past 9999 and before year 0 (printed unsigned), seconds truncated, and every cut of
+    // the buffer, each into a heap buffer of exactly that size.
     for (int year : {-44, 0, 7, 1999, 12345}) {
         RtGregorianDate gd = {year, 2, 3, 4, 5, 6.75};
         Owned<RtDateRef> date(RtDateCreate(kRtAllocatorDefault, RtGregorianDateGetAbsoluteTime(gd)));
@@ -132,10 +100,12 @@ TEST_F(DateTest, WriterPrintsEveryFieldAsTheCFormatDoes) {
                      unsigned(back.year), unsigned(back.month), unsigned(back.day), unsigned(back.hour),
                      unsigned(back.minute), unsigned(back.second));
             for (RtIndex len = 1; len <= 40; len++) {
-                char written[64];
-                hvRtDateToISO8601String(written, len, date, noDashes);
-                EXPECT_EQ(std::string(written), std::string(reference).substr(0, size_t(len - 1))) << year;
+                std::vector<char> written(static_cast<size_t>(len));
+                hvRtDateToISO8601String(written.data(), len, date, noDashes);
+                EXPECT_EQ(std::string(written.data()), std::string(reference).substr(0, size_t(len - 1))) << year;
             }
+            Owned<RtStringRef> encoded(isoEncodeDate(date, noDashes));
+            EXPECT_EQ(text(encoded.get()), reference);
         }
     }
 }

@@ -11,140 +11,93 @@
 
 namespace {
 
-// Each procedure appends its tag to the log passed as info and answers with the tag.
+using Log = std::vector<std::string>;
+
+// The serializer appends "ser<n>" to the log passed as info; the deserializer appends the tag
+// passed as info to gLog. Both answer with what they appended.
+Log gLog;
 RtStringRef taggedSerializer(HVMethodInvocationRef, RtTypeRef, void *info) {
-    auto *log = static_cast<std::vector<std::string> *>(info);
+    auto *log = static_cast<Log *>(info);
     log->push_back("ser" + std::to_string(log->size()));
     return RtStringCreateWithCString(kRtAllocatorDefault, log->back().c_str(), kRtStringEncodingUTF8);
 }
-
-struct DeserCall {
-    std::vector<std::string> *log;
-    const char *tag;
-};
-
 RtTypeRef taggedDeserializer(HVMethodInvocationRef, RtTreeRef, RtTreeRef, void *info) {
-    auto *call = static_cast<DeserCall *>(info);
-    call->log->push_back(call->tag);
-    return RtStringCreateWithCString(kRtAllocatorDefault, call->tag, kRtStringEncodingUTF8);
+    gLog.push_back(static_cast<const char *>(info));
+    return RtStringCreateWithCString(kRtAllocatorDefault, gLog.back().c_str(), kRtStringEncodingUTF8);
 }
 
-std::string text(RtTypeRef str) {
-    char buffer[64] = {0};
-    if (str)
-        RtStringGetCString(static_cast<RtStringRef>(str), buffer, sizeof buffer, kRtStringEncodingUTF8);
+// The text of an owned answer, released here; "(none)" for no answer.
+std::string answer(RtTypeRef owned) {
+    char buffer[64] = "(none)";
+    if (owned)
+        RtStringGetCString(static_cast<RtStringRef>(owned), buffer, sizeof buffer, kRtStringEncodingUTF8);
+    safeRtRelease(owned);
     return buffer;
 }
 
-TEST(OverridesTest, SerializationOwnMatchWinsAfterTheParentRan) {
-    std::vector<std::string> log;
-    HVClientContext context = {0, &log, nullptr, nullptr, nullptr};
-    RecordingInvocation invocation;
-    XMLRPCProtocolHandler handler;
-    handler.setParent(&invocation);
-    invocation.addSerializationOverride(RtStringGetTypeID(), taggedSerializer, &context);
-    handler.addSerializationOverride(RtStringGetTypeID(), taggedSerializer, &context);
-
-    AutoString fromHandler;
-    *fromHandler.getStringPtr() = handler.seriailizeOverride(RTSTR("value"));
-    ASSERT_EQ(2u, log.size()); // the invocation's procedure ran first
-    EXPECT_EQ("ser1", text(fromHandler.getString()));
-
-    // A type without an own match keeps the parent's answer; other types get nothing.
-    invocation.addSerializationOverride(RtNumberGetTypeID(), taggedSerializer, &context);
-    AutoString number;
-    *number.getStringPtr() = handler.seriailizeOverride(internedInt(1));
-    EXPECT_EQ("ser2", text(number.getString()));
-    EXPECT_EQ(nullptr, handler.seriailizeOverride(kRtBooleanTrue));
-}
-
-TEST(OverridesTest, SerializationFirstRegisteredWinsAndContextsAreReleased) {
+TEST(OverridesTest, SerializationOwnMatchWinsAfterTheParentRanAndFirstRegisteredWins) {
+    Log log;
     ContextCounts counts;
-    std::vector<std::string> log;
+    HVClientContext context = {0, &log, nullptr, nullptr, nullptr};
+    HVClientContext counted = countingContext(&counts);
     {
         RecordingInvocation invocation;
-        HVClientContext logging = {0, &log, nullptr, nullptr, nullptr};
-        HVClientContext counted = countingContext(&counts);
-        invocation.addSerializationOverride(RtStringGetTypeID(), taggedSerializer, &logging);
+        XMLRPCProtocolHandler handler;
+        handler.setParent(&invocation);
+        invocation.addSerializationOverride(RtStringGetTypeID(), taggedSerializer, &context);
         invocation.addSerializationOverride(RtStringGetTypeID(), nullptr, &counted); // never reached
-        EXPECT_EQ(1, counts.retains);
-        AutoString answer;
-        *answer.getStringPtr() = invocation.seriailizeOverride(RTSTR("x"));
-        EXPECT_EQ("ser0", text(answer.getString()));
+        handler.addSerializationOverride(RtStringGetTypeID(), taggedSerializer, &context);
+        EXPECT_EQ("ser1", answer(handler.seriailizeOverride(RTSTR("value"))));
+        EXPECT_EQ(2u, log.size()); // the invocation's procedure ran first
+        // A type without an own match keeps the parent's answer; other types get nothing.
+        invocation.addSerializationOverride(RtNumberGetTypeID(), taggedSerializer, &context);
+        EXPECT_EQ("ser2", answer(handler.seriailizeOverride(internedInt(1))));
+        EXPECT_EQ(nullptr, handler.seriailizeOverride(kRtBooleanTrue));
     }
+    EXPECT_EQ(1, counts.retains);
     EXPECT_EQ(1, counts.releases);
 }
 
-class DeserializationOverrides : public ::testing::Test {
-protected:
-    void SetUp() override {
-        const char *doc = "<r xmlns:x='urn:X'><x:Struct/><struct/><x:other/></r>";
-        AutoData data(doc);
-        fTree = RtXMLTreeCreateFromData(kRtAllocatorDefault, data.data, nullptr, kRtXMLParserAllOptions, 0);
-        ASSERT_NE(nullptr, fTree);
-        RtTreeRef root = RtTreeGetFirstChild(fTree);
-        fPrefixed = RtTreeGetFirstChild(root);
-        fPlain = RtTreeGetNextSibling(fPrefixed);
-        fOther = RtTreeGetNextSibling(fPlain);
-        fScope.addValue(RTSTR("x"), RTSTR("urn:X"));
-    }
-    void TearDown() override { safeRtRelease(fTree); }
-
-    struct AutoData {
-        explicit AutoData(const char *text)
-            : data(RtDataCreate(kRtAllocatorDefault, reinterpret_cast<const uint8_t *>(text),
-                                static_cast<RtIndex>(strlen(text)))) {}
-        ~AutoData() { RtRelease(data); }
-        RtDataRef data;
+TEST(OverridesTest, DeserializationWildcardsCaseAndParentPrecedence) {
+    const char doc[] = "<r xmlns:x='urn:X'><x:Struct/><struct/><x:other/></r>";
+    RtDataRef data = RtDataCreate(kRtAllocatorDefault, reinterpret_cast<const uint8_t *>(doc), RtIndex(strlen(doc)));
+    RtTreeRef tree = RtXMLTreeCreateFromData(kRtAllocatorDefault, data, nullptr, kRtXMLParserAllOptions, 0);
+    RtRelease(data);
+    ASSERT_NE(nullptr, tree);
+    RtTreeRef prefixed = RtTreeGetFirstChild(RtTreeGetFirstChild(tree));
+    RtTreeRef plain = RtTreeGetNextSibling(prefixed), other = RtTreeGetNextSibling(plain);
+    AutoDict scope;
+    scope.addValue(RTSTR("x"), RTSTR("urn:X"));
+    auto lookup = [&](HVSerializerBase &object, RtTreeRef element) {
+        return answer(object.deserilizeOverride(element, scope, nullptr, tree));
     };
+    auto context = [](const char *tag) { return HVClientContext{0, const_cast<char *>(tag), nullptr, nullptr, nullptr}; };
+    HVClientContext anyStruct = context("anyStruct"), nullNS = context("nullNS"), anything = context("anything");
+    HVClientContext parentTag = context("parent"), ownTag = context("own");
 
-    std::string lookup(HVSerializerBase &object, RtTreeRef element) {
-        RtTypeRef value = object.deserilizeOverride(element, fScope, nullptr, fTree);
-        std::string answer = value ? text(value) : "(none)";
-        safeRtRelease(value);
-        return answer;
-    }
-
-    RtTreeRef fTree = nullptr;
-    RtTreeRef fPrefixed = nullptr, fPlain = nullptr, fOther = nullptr;
-    AutoDict fScope;
-    std::vector<std::string> fLog;
-};
-
-TEST_F(DeserializationOverrides, WildcardsCaseAndNullPatterns) {
-    RecordingInvocation invocation;
-    DeserCall anyStruct{&fLog, "anyStruct"};
-    DeserCall nullNS{&fLog, "nullNS"};
-    DeserCall anything{&fLog, "anything"};
-    HVClientContext c1 = {0, &anyStruct, nullptr, nullptr, nullptr};
-    HVClientContext c2 = {0, &nullNS, nullptr, nullptr, nullptr};
-    HVClientContext c3 = {0, &anything, nullptr, nullptr, nullptr};
-    invocation.addDeserializationOverride(RTSTR("*"), RTSTR("STRUCT"), taggedDeserializer, &c1);
-    EXPECT_EQ("anyStruct", lookup(invocation, fPrefixed)); // any namespace, name ignoring case
-    EXPECT_EQ("anyStruct", lookup(invocation, fPlain));    // "*" matches a missing namespace too
-    EXPECT_EQ("(none)", lookup(invocation, fOther));
-
+    RecordingInvocation first;
+    first.addDeserializationOverride(RTSTR("*"), RTSTR("STRUCT"), taggedDeserializer, &anyStruct);
+    EXPECT_EQ("anyStruct", lookup(first, prefixed)); // any namespace, name ignoring case
+    EXPECT_EQ("anyStruct", lookup(first, plain));    // "*" matches a missing namespace too
+    EXPECT_EQ("(none)", lookup(first, other));
     RecordingInvocation second;
-    second.addDeserializationOverride(nullptr, RTSTR("other"), taggedDeserializer, &c2);
-    EXPECT_EQ("(none)", lookup(second, fOther)); // a NULL namespace matches only no namespace
-    second.addDeserializationOverride(RTSTR("URN:x"), RTSTR(""), taggedDeserializer, &c3);
-    EXPECT_EQ("anything", lookup(second, fOther)); // namespaces compare ignoring case
-    EXPECT_EQ("(none)", lookup(second, fPlain));
-}
+    second.addDeserializationOverride(nullptr, RTSTR("other"), taggedDeserializer, &nullNS);
+    EXPECT_EQ("(none)", lookup(second, other)); // a NULL namespace matches only no namespace
+    second.addDeserializationOverride(RTSTR("URN:x"), RTSTR(""), taggedDeserializer, &anything);
+    EXPECT_EQ("anything", lookup(second, other)); // namespaces compare ignoring case
+    EXPECT_EQ("(none)", lookup(second, plain));
 
-TEST_F(DeserializationOverrides, TheParentWinsOutright) {
-    RecordingInvocation invocation;
+    // The parent's answer wins outright: the own procedure does not even run.
+    RecordingInvocation parent;
     XMLRPCProtocolHandler handler;
-    handler.setParent(&invocation);
-    DeserCall parentCall{&fLog, "parent"};
-    DeserCall ownCall{&fLog, "own"};
-    HVClientContext parentContext = {0, &parentCall, nullptr, nullptr, nullptr};
-    HVClientContext ownContext = {0, &ownCall, nullptr, nullptr, nullptr};
-    invocation.addDeserializationOverride(RTSTR("urn:X"), RTSTR("Struct"), taggedDeserializer, &parentContext);
-    handler.addDeserializationOverride(RTSTR("*"), RTSTR("*"), taggedDeserializer, &ownContext);
-    EXPECT_EQ("parent", lookup(handler, fPrefixed));
-    EXPECT_EQ(std::vector<std::string>{"parent"}, fLog); // the own procedure never ran
-    EXPECT_EQ("own", lookup(handler, fPlain));           // no parent answer: own match
+    handler.setParent(&parent);
+    parent.addDeserializationOverride(RTSTR("urn:X"), RTSTR("Struct"), taggedDeserializer, &parentTag);
+    handler.addDeserializationOverride(RTSTR("*"), RTSTR("*"), taggedDeserializer, &ownTag);
+    gLog.clear();
+    EXPECT_EQ("parent", lookup(handler, prefixed));
+    EXPECT_EQ(Log{"parent"}, gLog);
+    EXPECT_EQ("own", lookup(handler, plain)); // no parent answer: own match
+    RtRelease(tree);
 }
 
 } // namespace

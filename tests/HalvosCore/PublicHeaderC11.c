@@ -8,26 +8,18 @@
 int publicHeaderWalkInC(void);
 
 static RtStringRef upperCaser(HVMethodInvocationRef invocation, RtTypeRef value, void *info) {
-    (void)invocation;
-    (void)value;
-    (void)info;
+    (void)invocation, (void)value, (void)info;
     return NULL;
 }
 
 static RtTypeRef structReader(HVMethodInvocationRef invocation, RtTreeRef msgRoot, RtTreeRef root, void *info) {
-    (void)invocation;
-    (void)msgRoot;
-    (void)root;
-    (void)info;
+    (void)invocation, (void)msgRoot, (void)root, (void)info;
     return NULL;
 }
 
 int publicHeaderWalkInC(void) {
     RtURLRef url = RtURLCreateWithString(kRtAllocatorDefault, RTSTR("http://127.0.0.1:8080/RPC2"), NULL);
-    RtStringRef protocols[3];
-    protocols[0] = kHVXMLRPCProtocol;
-    protocols[1] = kHVSOAP1999Protocol;
-    protocols[2] = kHVSOAP2001Protocol;
+    RtStringRef protocols[3] = {kHVXMLRPCProtocol, kHVSOAP1999Protocol, kHVSOAP2001Protocol};
     int failed = 0;
     for (int i = 0; i < 3 && !failed; i++) {
         HVMethodInvocationRef inv = HVMethodInvocationCreate(url, RTSTR("examples.getStateName"), protocols[i]);

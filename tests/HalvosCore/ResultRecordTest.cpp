@@ -1,109 +1,57 @@
 // The result record: values, the fault forms, stream-error dictionaries and validation.
 #include "CPlusAutoTypes.h"
 #include "HalvoResult.h"
+#include "XMLRPCTestSupport.h"
 
 #include <gtest/gtest.h>
 
 namespace {
 
-int32_t number(RtDictionaryRef dict, RtStringRef key) {
-    return getIntValue(static_cast<RtNumberRef>(RtDictionaryGetValue(dict, key)));
-}
+using namespace xmlrpctest;
 
-// Runs fill on a fresh record and returns the delivered dictionary (caller releases).
-template <typename Fill> RtDictionaryRef deliver(Fill fill) {
+// Runs fill on a fresh record and returns the delivered dictionary.
+template <typename Fill> Value deliver(Fill fill) {
     HalvoResult result;
     fill(result);
-    return result.copyDictionary();
+    return Value::adopt(result.copyDictionary());
 }
 
-TEST(ResultRecordTest, ValueThenFaultKeepsTheValue) {
-    RtDictionaryRef dict = deliver([](HalvoResult &r) {
-        r.addToResult(kHVMethodInvocationResult, RTSTR("v"));
-        EXPECT_FALSE(r.isFault());
-        r.becomeFault();
-        EXPECT_TRUE(r.isFault());
-    });
-    EXPECT_EQ(RTSTR("v"), RtDictionaryGetValue(dict, kHVMethodInvocationResult));
-    EXPECT_TRUE(HVMethodResultIsFault(dict));
-    EXPECT_EQ(kRtBooleanTrue, RtDictionaryGetValue(dict, RTSTR("/kHVResultIsFault")));
-    RtRelease(dict);
-
-    RtDictionaryRef success = deliver([](HalvoResult &r) { r.addToResult(kHVMethodInvocationResult, internedInt(3)); });
-    EXPECT_FALSE(HVMethodResultIsFault(success));
-    EXPECT_EQ(1, RtDictionaryGetCount(success));
-    RtRelease(success);
+Value fault(Value code, const char *string, Value extra) {
+    return Dict({{"/kHVResultIsFault", B(true)}, {"/FaultCode", code}, {"/FaultString", S(string)}, {"/FaultExtra", extra}});
 }
 
-TEST(ResultRecordTest, TransportFaultForms) {
-    RtDictionaryRef byMessage = deliver([](HalvoResult &r) { r.becomeFault(RTSTR("x")); });
-    EXPECT_TRUE(HVMethodResultIsFault(byMessage));
-    EXPECT_EQ(-65794, number(byMessage, kHVFaultCode));
-    EXPECT_EQ(kHVNetworkStreamFaultString, RtDictionaryGetValue(byMessage, kHVFaultString));
-    EXPECT_TRUE(RtEqual(RTSTR("/RtStreamFault"), RtDictionaryGetValue(byMessage, kHVFaultString)));
-    auto extra = static_cast<RtDictionaryRef>(RtDictionaryGetValue(byMessage, kHVFaultExtra));
-    ASSERT_NE(nullptr, extra);
-    EXPECT_EQ(3, RtDictionaryGetCount(extra));
-    EXPECT_EQ(RTSTR("x"), RtDictionaryGetValue(extra, RTSTR("msg")));
-    EXPECT_EQ(2, number(extra, RTSTR("domain")));
-    EXPECT_EQ(-65794, number(extra, RTSTR("error")));
-    RtRelease(byMessage);
+TEST(ResultRecordTest, ValuesFaultsAndTheFaultMarker) {
+    // A fault keeps the value beside it.
+    EXPECT_TRUE(sameValue(Dict({{"/Result", S("v")}, {"/kHVResultIsFault", B(true)}}), deliver([](HalvoResult &r) {
+                              r.addToResult(kHVMethodInvocationResult, RTSTR("v"));
+                              r.becomeFault();
+                          }).get()));
+    // Transport faults: by message, by stream error, by both; the fault string is the constant.
+    Value byMessage = deliver([](HalvoResult &r) { r.becomeFault(RTSTR("x")); });
+    EXPECT_TRUE(sameValue(fault(I(-65794), "/RtStreamFault", Dict({{"msg", S("x")}, {"domain", I(2)}, {"error", I(-65794)}})),
+                          byMessage.get()));
+    EXPECT_EQ(kHVNetworkStreamFaultString, byMessage["/FaultString"]);
+    RtStreamError timedOut = {-1, HalvoResult::kTimedOutError}, transport = {-1, HalvoResult::kTransportError};
+    EXPECT_TRUE(sameValue(fault(I(-65794), "/RtStreamFault", Dict({{"msg", S("Stream Error")}, {"domain", I(-1)}, {"error", I(-65796)}})),
+                          deliver([&](HalvoResult &r) { r.becomeFault(timedOut); }).get()));
+    EXPECT_TRUE(sameValue(fault(I(-65794), "/RtStreamFault", Dict({{"msg", S("Could not parse XML.")}, {"domain", I(-1)}, {"error", I(-65795)}})),
+                          deliver([&](HalvoResult &r) { r.becomeFault(RTSTR("Could not parse XML."), transport); }).get()));
+    Value empty = Value::adopt(HalvoResult::copyStreamErrorDict(nullptr, 1, 2));
+    EXPECT_TRUE(sameValue(Dict({}), empty.get()));
 
-    RtStreamError timedOut = {-1, HalvoResult::kTimedOutError};
-    RtDictionaryRef byError = deliver([&](HalvoResult &r) { r.becomeFault(timedOut); });
-    extra = static_cast<RtDictionaryRef>(RtDictionaryGetValue(byError, kHVFaultExtra));
-    EXPECT_TRUE(RtEqual(RTSTR("Stream Error"), RtDictionaryGetValue(extra, kHVStreamErrorMessage)));
-    EXPECT_EQ(-1, number(extra, kHVStreamErrorDomain));
-    EXPECT_EQ(-65796, number(extra, kHVStreamErrorError));
-    EXPECT_EQ(-65794, number(byError, kHVFaultCode));
-    RtRelease(byError);
-
-    RtStreamError transport = {-1, HalvoResult::kTransportError};
-    RtDictionaryRef both = deliver([&](HalvoResult &r) { r.becomeFault(RTSTR("Could not parse XML."), transport); });
-    extra = static_cast<RtDictionaryRef>(RtDictionaryGetValue(both, kHVFaultExtra));
-    EXPECT_EQ(RTSTR("Could not parse XML."), RtDictionaryGetValue(extra, kHVStreamErrorMessage));
-    EXPECT_EQ(-65795, number(extra, kHVStreamErrorError));
-    RtRelease(both);
-}
-
-TEST(ResultRecordTest, FaultWithOwnStringCodeAndBody) {
-    const char body[] = "Internal error \xc3\xa9";
-    RtDataRef data = RtDataCreate(kRtAllocatorDefault, reinterpret_cast<const uint8_t *>(body), sizeof body - 1);
-    RtDictionaryRef withBody =
-        deliver([&](HalvoResult &r) { r.becomeFault(RTSTR("HTTP error"), 500, data, kRtStringEncodingUTF8); });
-    EXPECT_EQ(500, number(withBody, kHVFaultCode));
-    EXPECT_EQ(RTSTR("HTTP error"), RtDictionaryGetValue(withBody, kHVFaultString));
-    AutoString expected("Internal error %@", RTSTR("\u00e9"));
-    EXPECT_TRUE(RtEqual(expected.getString(), RtDictionaryGetValue(withBody, kHVFaultExtra)));
-    RtRelease(withBody);
-
-    RtDictionaryRef noBody = deliver([](HalvoResult &r) { r.becomeFault(RTSTR("f"), 7, nullptr, kRtStringEncodingUTF8); });
-    EXPECT_FALSE(RtDictionaryContainsKey(noBody, kHVFaultExtra));
-    EXPECT_TRUE(HVMethodResultIsFault(noBody));
-    RtRelease(noBody);
-
-    // Bytes that are not valid in the encoding leave no extra instead of a NULL entry.
-    const uint8_t bad[] = {0xff, 0xfe, 0x00, 0xc3};
-    RtDataRef badData = RtDataCreate(kRtAllocatorDefault, bad, sizeof bad);
-    RtDictionaryRef badBody =
-        deliver([&](HalvoResult &r) { r.becomeFault(RTSTR("f"), 1, badData, kRtStringEncodingUTF8); });
-    EXPECT_FALSE(RtDictionaryContainsKey(badBody, kHVFaultExtra));
-    RtRelease(badBody);
-    RtRelease(badData);
-    RtRelease(data);
-}
-
-TEST(ResultRecordTest, StreamErrorDictionaryAndMarkerIdentity) {
-    RtDictionaryRef empty = HalvoResult::copyStreamErrorDict(nullptr, 1, 2);
-    ASSERT_NE(nullptr, empty);
-    EXPECT_EQ(0, RtDictionaryGetCount(empty));
-    RtRelease(empty);
+    // A fault of the caller's own string and code, with the body in the given encoding as extra.
+    Value body = Bytes("Internal error \xc3\xa9"), bad = Bytes(std::string("\xff\xfe\x00\xc3", 4));
+    EXPECT_TRUE(sameValue(fault(I(500), "HTTP error", S("Internal error \xc3\xa9")), deliver([&](HalvoResult &r) {
+                              r.becomeFault(RTSTR("HTTP error"), 500, body.data(), kRtStringEncodingUTF8);
+                          }).get()));
+    // No body, or bytes that are not valid in the encoding, leave no extra instead of a NULL entry.
+    for (RtDataRef without : {static_cast<RtDataRef>(nullptr), bad.data()})
+        EXPECT_TRUE(sameValue(fault(I(7), "f", Value()), deliver([&](HalvoResult &r) {
+                                  r.becomeFault(RTSTR("f"), 7, without, kRtStringEncodingUTF8);
+                              }).get()));
 
     // Only the boolean true object marks a fault; a number 1 does not.
-    RtDictionaryRef one = rtTypeCreateDictionary(nullptr, RTSTR("/kHVResultIsFault"), internedInt(1), nullptr);
-    EXPECT_FALSE(HVMethodResultIsFault(one));
-    RtRelease(one);
-    EXPECT_FALSE(HVMethodResultIsFault(nullptr));
+    EXPECT_FALSE(HVMethodResultIsFault(Dict({{"/kHVResultIsFault", I(1)}}).dict()));
 }
 
 TEST(ResultRecordTest, ValidationReportsOnlyDeadEntries) {

@@ -39,12 +39,6 @@ TEST(SOAPEnvelopes, EachFlavourAndBodyStyle) {
     // Without a method namespace the placeholder stands in; without an order nothing is written.
     std::string plain = SOAPHandler().request("ping", params);
     EXPECT_TRUE(contains(plain, "        <ping xmlns=\"urn:halvos:soap\">\r\n        </ping>\r\n")) << plain;
-
-    // A handler for a protocol that only reads like a SOAP constant writes nothing.
-    SOAPProtocolHandler impostor(S("SOAP-2001").str());
-    EXPECT_EQ(nullptr, impostor.createRequest(RTSTR("add"), params.dict(), order.array(), nullptr));
-    EXPECT_EQ(nullptr, impostor.createReply(nullptr, RTSTR("x")));
-    EXPECT_EQ(nullptr, impostor.createFault(nullptr, nullptr));
 }
 
 TEST(SOAPEnvelopes, HeadersAsTextOrEntries) {
@@ -69,16 +63,10 @@ TEST(SOAPEnvelopes, HeadersAsTextOrEntries) {
 }
 
 TEST(SOAPEnvelopes, ValuesOfEveryKind) {
-    Value values = Dict({{"text", S("a&b<c>'d\"")},
-                         {"count", I(-7)},
-                         {"big", I64(3000000000LL)}, // not a 32-bit number: written as 0
-                         {"tenth", D(0.1)},
-                         {"huge", D(1e20)},
-                         {"nine", D(123456789.0)},
-                         {"yes", B(true)},
-                         {"no", B(false)},
-                         {"zero", I(0)},
-                         {"when", Date(31535999.0)}, // 2001-12-31T23:59:59Z
+    // "big" is no 32-bit number and is written as 0; "when" is 2001-12-31T23:59:59Z.
+    Value values = Dict({{"text", S("a&b<c>'d\"")}, {"count", I(-7)}, {"big", I64(3000000000LL)}, {"tenth", D(0.1)},
+                         {"huge", D(1e20)}, {"nine", D(123456789.0)}, {"yes", B(true)}, {"no", B(false)},
+                         {"zero", I(0)}, {"when", Date(31535999.0)},
                          {"blob", Bytes("Man is distinguished, not only by his reason, but by this singular passion")},
                          {"none", Null()}});
     Value order = A({S("text"), S("count"), S("big"), S("tenth"), S("huge"), S("nine"), S("yes"), S("no"), S("zero"),

@@ -2,25 +2,13 @@
 // values (href/id), server faults, headers, overrides, and hostile or malformed replies.
 #include "SOAPTestSupport.h"
 
-#include "DocumentGenerator.h"
 #include "HalvoResult.h"
 #include "HalvoUtils.h"
 #include "SOAPHalvoClosure.h"
 
-
 using namespace soaptest;
 
 namespace {
-
-const char kEnvelopeStart[] = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>"
-                              "<SOAP-ENV:Envelope xmlns:SOAP-ENV=\"http://schemas.xmlsoap.org/soap/envelope/\""
-                              " xmlns:SOAP-ENC=\"http://schemas.xmlsoap.org/soap/encoding/\""
-                              " xmlns:xsd=\"http://www.w3.org/2001/XMLSchema\""
-                              " xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\">";
-
-std::string envelope(const std::string &body, const std::string &header = "") {
-    return kEnvelopeStart + header + "<SOAP-ENV:Body>" + body + "</SOAP-ENV:Body></SOAP-ENV:Envelope>";
-}
 
 // A reply to the method "m" whose response holds params, followed by more Body children.
 std::string response(const std::string &params, const std::string &after = "") {
@@ -55,21 +43,17 @@ TEST(SOAPReplies, ValuesOfEveryKind) {
     const std::pair<const char *, Value> cases[] = {
         {"<v xsi:type=\"xsd:string\">a &amp; b</v>", S("a & b")},
         {"<v xsi:type=\"xsd:string\"><![CDATA[<raw>]]></v>", S("<raw>")},
-        {"<v xsi:type=\"xsd:int\">42</v>", I(42)},
-        {"<v xsi:type=\"xsd:i4\"> 0x1F</v>", I(31)},
+        {"<v xsi:type=\"xsd:int\">42</v>", I(42)}, {"<v xsi:type=\"xsd:i4\"> 0x1F</v>", I(31)},
         {"<v xsi:type=\"xsd:long\">3000000000</v>", I64(3000000000LL)},
-        {"<v xsi:type=\"xsd:boolean\">true</v>", B(true)},
-        {"<v xsi:type=\"xsd:boolean\">1</v>", B(true)},
-        {"<v xsi:type=\"xsd:boolean\">FALSE</v>", B(false)},
-        {"<v xsi:type=\"xsd:double\">-1.5e3</v>", D(-1500)},
+        {"<v xsi:type=\"xsd:boolean\">true</v>", B(true)}, {"<v xsi:type=\"xsd:boolean\">1</v>", B(true)},
+        {"<v xsi:type=\"xsd:boolean\">FALSE</v>", B(false)}, {"<v xsi:type=\"xsd:double\">-1.5e3</v>", D(-1500)},
         {"<v xsi:type=\"xsd:dateTime\">2001-12-31T23:59:59Z</v>", Date(31535999.0)},
         {"<v xsi:type=\"xsd:timeInstant\">2001-12-31T23:59:59Z</v>", Date(31535999.0)},
         {"<v xsi:type=\"xsd:base64Binary\">TWFu</v>", Bytes("Man")},
         {"<v xsi:type=\"SOAP-ENC:base64\">TWE=</v>", Bytes("Ma")},
         {"<v xsi:type=\"xsd:nil\">x</v>", Null()},
         // Empty elements: null, or an empty array when they declare an array type.
-        {"<v/>", Null()},
-        {"<v xsi:type=\"xsd:string\"></v>", Null()},
+        {"<v/>", Null()}, {"<v xsi:type=\"xsd:string\"></v>", Null()},
         {"<v SOAP-ENC:arrayType=\"xsd:int[0]\"/>", A({})},
         // Without a type the shape decides: text is a string, elements make a record.
         {"<v>text</v>", S("text")},
@@ -178,46 +162,9 @@ TEST(SOAPReplies, MultiReferenceValues) {
     ASSERT_EQ(RtDictionaryGetTypeID(), RtGetTypeID(top));
     EXPECT_EQ(RtDictionaryGetValue(top, RTSTR("l")), RtDictionaryGetValue(top, RTSTR("r")));
 
-    // Many ids: every href finds its own anchor.
-    body = "<ns:mResponse xmlns:ns=\"urn:test\"><all SOAP-ENC:arrayType=\"xsd:anyType[5000]\">";
-    std::string anchors;
-    for (int i = 0; i < 5000; i++) {
-        body += "<i href=\"#a" + std::to_string(i) + "\"/>";
-        anchors += "<v id=\"a" + std::to_string(i) + "\"><n xsi:type=\"xsd:int\">" + std::to_string(i) + "</n></v>";
-    }
-    result = handler.readReply(envelope(body + "</all></ns:mResponse>" + anchors));
-    RtArrayRef all = static_cast<RtArrayRef>(result["all"]);
-    ASSERT_EQ(5000, RtArrayGetCount(all));
-    for (int i : {0, 1, 2500, 4999})
-        EXPECT_TRUE(sameValue(Dict({{"n", I(i)}}), RtArrayGetValueAtIndex(all, i))) << i;
-
     // An element that refers to itself and has nothing else is an empty record.
     result = handler.readReply(response("<p href=\"#s\"/>", "<s id=\"s\" href=\"#s\"/>"));
     EXPECT_TRUE(sameValue(success({{"p", Dict({})}}), result.get()));
-}
-
-TEST(SOAPReplies, GeneratedRecordReplies) {
-    // The benchmark's reply, records inline and as multi-references, reads into the records'
-    // own values either way.
-    SOAPHandler handler;
-    for (bool multiRef : {false, true}) {
-        Value result = handler.readReply(hvtest::soapReply(4, multiRef), "getRecords");
-        RtArrayRef records = static_cast<RtArrayRef>(result["return"]);
-        ASSERT_EQ(RtArrayGetTypeID(), RtGetTypeID(records)) << describe(result.get());
-        ASSERT_EQ(4, RtArrayGetCount(records));
-        for (size_t i = 0; i < 4; i++) {
-            hvtest::XMLRPCRecord record = hvtest::xmlrpcRecord(i);
-            Value when = Value::adopt(hvCreateDateFromISO8601(record.when.c_str(), RtIndex(record.when.size())));
-            Value blob = Value::adopt(decodeBinaryData(S(record.base64.c_str()).str()));
-            Value expected = Dict({{"id", I(record.id)},
-                                   {"name", S(record.name.c_str())},
-                                   {"score", D(record.score)},
-                                   {"active", B(record.active)},
-                                   {"when", when},
-                                   {"blob", blob}});
-            EXPECT_TRUE(sameValue(expected, RtArrayGetValueAtIndex(records, RtIndex(i)))) << multiRef << " " << i;
-        }
-    }
 }
 
 TEST(SOAPReplies, BrokenReferencesAreFaults) {
@@ -276,14 +223,6 @@ TEST(SOAPReplies, ServerFaults) {
                                             "</SOAP-ENV:Fault><mResponse><x>1</x></mResponse>"));
     EXPECT_TRUE(HVMethodResultIsFault(both.dict()));
     EXPECT_TRUE(sameValue(Dict({{"x", S("1")}}), both["/Result"]));
-
-    // The debugging entry point reads faults without knowing the method.
-    Value data = Bytes(envelope("<SOAP-ENV:Fault><faultcode>9</faultcode><faultstring>dbg</faultstring></SOAP-ENV:Fault>"));
-    AutoString error;
-    RtTreeRef tree = parseXML(data.data(), false, kRtStringEncodingUTF8, error.getStringPtr());
-    ASSERT_NE(nullptr, tree);
-    EXPECT_TRUE(sameValue(fault(9, "dbg"), Value::adopt(hvDebugSOAPResult(kHVSOAP1999Protocol, tree)).get()));
-    RtRelease(tree);
 }
 
 TEST(SOAPReplies, HeadersAndOverrides) {
@@ -348,13 +287,9 @@ TEST(SOAPReplies, MalformedAndForeignDocuments) {
         deep += "<v>";
     const std::string broken[] = {std::string(kEnvelopeStart) + "<SOAP-ENV:Body>", "", "not xml at all", deep};
     for (const std::string &document : broken) {
-        Value result = handler.readReply(document);
-        EXPECT_TRUE(HVMethodResultIsFault(result.dict())) << document.substr(0, 200);
-        EXPECT_TRUE(sameValue(I(-65794), result["/FaultCode"]));
-        RtDictionaryRef extra = static_cast<RtDictionaryRef>(result["/FaultExtra"]);
-        ASSERT_EQ(RtDictionaryGetTypeID(), RtGetTypeID(extra));
-        EXPECT_TRUE(sameValue(I(-65795), RtDictionaryGetValue(extra, RTSTR("error"))));
-        EXPECT_EQ(RtStringGetTypeID(), RtGetTypeID(RtDictionaryGetValue(extra, RTSTR("msg"))));
+        Value result = handler.readReply(document), extra = Value::retain(result["/FaultExtra"]);
+        EXPECT_TRUE(HVMethodResultIsFault(result.dict()) && sameValue(I(-65794), result["/FaultCode"])) << document.substr(0, 200);
+        EXPECT_TRUE(sameValue(I(-65795), extra["error"]));
+        EXPECT_EQ(RtStringGetTypeID(), RtGetTypeID(extra["msg"]));
     }
-    EXPECT_EQ(nullptr, HVProtocolHandlerCopyReplyDictionary(handler.get(), nullptr, Bytes("<x/>").data()));
 }

@@ -17,12 +17,15 @@ struct SOAPHandler : Handler {
 
 inline std::string soapGolden(const std::string &name) { return readGolden(name, "soap"); }
 
-// The result dictionary of a reply that the reader refused with message.
-inline Value readerFault(const char *message) {
-    return Dict({{"/kHVResultIsFault", B(true)},
-                 {"/FaultCode", I(-65794)},
-                 {"/FaultString", S("/RtStreamFault")},
-                 {"/FaultExtra", Dict({{"msg", S(message)}, {"domain", I(-1)}, {"error", I(-65795)}})}});
+const char kEnvelopeStart[] = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>"
+                              "<SOAP-ENV:Envelope xmlns:SOAP-ENV=\"http://schemas.xmlsoap.org/soap/envelope/\""
+                              " xmlns:SOAP-ENC=\"http://schemas.xmlsoap.org/soap/encoding/\""
+                              " xmlns:xsd=\"http://www.w3.org/2001/XMLSchema\""
+                              " xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\">";
+
+// An envelope declaring the usual prefixes around a Body (and a Header, when given).
+inline std::string envelope(const std::string &body, const std::string &header = "") {
+    return kEnvelopeStart + header + "<SOAP-ENV:Body>" + body + "</SOAP-ENV:Body></SOAP-ENV:Envelope>";
 }
 
 } // namespace soaptest

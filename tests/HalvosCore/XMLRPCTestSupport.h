@@ -107,6 +107,14 @@ inline std::string readGolden(const std::string &name, const std::string &direct
     return bytes.str();
 }
 
+// The result dictionary of a reply that the reader refused with message.
+inline Value readerFault(const char *message) {
+    return Dict({{"/kHVResultIsFault", B(true)},
+                 {"/FaultCode", I(-65794)},
+                 {"/FaultString", S("/RtStreamFault")},
+                 {"/FaultExtra", Dict({{"msg", S(message)}, {"domain", I(-1)}, {"error", I(-65795)}})}});
+}
+
 // A protocol handler (XML-RPC unless another protocol is given) for the life of the object.
 class Handler {
 public:
