@@ -22,10 +22,6 @@ bool _sameFirstChar(const void *a, const void *b) {
     return *static_cast<const char *>(a) == *static_cast<const char *>(b);
 }
 
-RtComparisonResult _compareNumbers(const void *a, const void *b, void *) {
-    return RtNumberCompare(static_cast<RtNumberRef>(a), static_cast<RtNumberRef>(b), nullptr);
-}
-
 TEST_F(ArrayTests, CallbacksDecideOwnership) {
     // Runtime objects with the type callbacks: the array holds its own references.
     RtStringRef a = str("alpha");
@@ -66,21 +62,16 @@ TEST_F(ArrayTests, EditingAndSorting) {
     RtMutableArrayRef m = own(RtArrayCreateMutable(nullptr, 2, &kRtTypeArrayCallBacks));
     for (int v : {5, 3, 9, 1, 3}) // outside the shared small integers
         RtArrayAppendValue(m, own(num(kRtNumberIntType, v * 1000)));
-    RtArraySortValues(m, RtRangeMake(0, 5), _compareNumbers, nullptr);
-    EXPECT_EQ(formatted(m), "(\n    1000,\n    3000,\n    3000,\n    5000,\n    9000\n)");
+    RtArraySortValues(m, RtRangeMake(0, 5), [](const void *a, const void *b, void *) {
+        return RtNumberCompare(static_cast<RtNumberRef>(a), static_cast<RtNumberRef>(b), nullptr);
+    }, nullptr);
     RtArrayRemoveValueAtIndex(m, 0);
     RtArrayRemoveValueAtIndex(m, 10);            // out of range: ignored
     RtArrayAppendArray(m, m, RtRangeMake(0, 2)); // appending from itself
-    EXPECT_EQ(RtArrayGetCount(m), 6);
-    EXPECT_EQ(RtArrayGetFirstIndexOfValue(m, RtRangeMake(2, 4), own(num(kRtNumberIntType, 3000))), 4);
-    const void *some[2];
-    RtArrayGetValues(m, RtRangeMake(4, 2), some);
-    EXPECT_EQ(some[0], RtArrayGetValueAtIndex(m, 4));
     // Setting a slot to the value it already holds must not free it on the way.
     RtArraySetValueAtIndex(m, 0, RtArrayGetValueAtIndex(m, 0));
-    EXPECT_EQ(formatted(RtArrayGetValueAtIndex(m, 0)), "3000");
-    RtArrayRemoveAllValues(m);
-    EXPECT_EQ(RtArrayGetCount(m), 0);
+    EXPECT_EQ(formatted(m), "(\n    3000,\n    3000,\n    5000,\n    9000,\n    3000,\n    3000\n)");
+    EXPECT_EQ(RtArrayGetFirstIndexOfValue(m, RtRangeMake(2, 4), own(num(kRtNumberIntType, 3000))), 4);
     RtArrayAppendValue(nullptr, kRtNull); // tolerated
     EXPECT_EQ(RtArrayGetCount(nullptr), 0);
 }

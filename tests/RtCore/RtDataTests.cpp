@@ -56,13 +56,11 @@ TEST_F(DataTests, MutableEditing) {
     }
     EXPECT_EQ(bytesOf(m), expected);
     RtDataReplaceBytes(m, RtRangeMake(1, 9998), u8("--"), 2);
-    EXPECT_EQ(bytesOf(m), "a--" + expected.substr(9999));
     RtDataDeleteBytes(m, RtRangeMake(0, 1));
     EXPECT_EQ(bytesOf(m), "--" + expected.substr(9999));
     RtDataSetLength(m, 5);
-    EXPECT_EQ(bytesOf(m), std::string("--") + expected[9999] + std::string(2, '\0'));
     RtDataIncreaseLength(m, 1);
-    EXPECT_EQ(RtDataGetLength(m), 6);
+    EXPECT_EQ(bytesOf(m), std::string("--") + expected[9999] + std::string(3, '\0'));
     // Appending a data's own bytes to itself, whatever the buffer does meanwhile.
     RtDataAppendBytes(m, RtDataGetBytePtr(m), RtDataGetLength(m));
     EXPECT_EQ(RtDataGetLength(m), 12);

@@ -107,7 +107,6 @@ TEST_F(NumberTests, EqualAcrossKindsByValueAndSmallIntegersShared) {
 }
 
 TEST_F(NumberTests, DescriptionsAndSingletons) {
-    EXPECT_EQ(formatted(own(num<int16_t>(kRtNumberShortType, -1234))), "-1234");
     EXPECT_EQ(description(own(num<int16_t>(kRtNumberShortType, -1234))), "-1234");
     EXPECT_EQ(formatted(own(num<double>(kRtNumberDoubleType, 0.1))), "0.1");
     EXPECT_EQ(formatted(own(num<float>(kRtNumberFloatType, 0.1f))), "0.1");
@@ -116,7 +115,6 @@ TEST_F(NumberTests, DescriptionsAndSingletons) {
     EXPECT_EQ(formatted(kRtBooleanTrue), "true");
     EXPECT_EQ(formatted(kRtBooleanFalse), "false");
     EXPECT_EQ(formatted(kRtNull), "<null>");
-    EXPECT_FALSE(RtEqual(kRtBooleanTrue, kRtBooleanFalse));
     RtRelease(kRtBooleanTrue);
     RtRelease(kRtNull);
     EXPECT_TRUE(RtBooleanGetValue(kRtBooleanTrue)); // immortal: release does nothing

@@ -12,11 +12,11 @@
 #include <curl/curl.h>
 
 #include <algorithm>
-#include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <string>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
@@ -326,41 +326,27 @@ TEST_F(RtReadStreamTest, RefusesWhatItCannotStart) {
     EXPECT_EQ(kRtRunLoopRunFinished, RtRunLoopRunInMode(kMode, 0, false));
 }
 
-// openssl s_server with a fresh self-signed certificate in a scratch directory.
-struct SelfSignedServer {
-    std::string fDir = "/tmp/rtnet-tls-XXXXXX";
-    pid_t fPid = -1;
-    uint16_t fPort = hvtest::freeLoopbackPort();
-    bool fReady = false;
-
-    SelfSignedServer() {
-        if (!mkdtemp(&fDir[0])) return;
-        std::string make = "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -subj "
-                           "/CN=127.0.0.1 -days 1 -keyout " + fDir + "/key.pem -out " + fDir + "/cert.pem >/dev/null 2>&1";
-        if (std::system(make.c_str()) != 0) return;
-        std::string accept = "127.0.0.1:" + std::to_string(fPort), cert = fDir + "/cert.pem", key = fDir + "/key.pem";
-        if ((fPid = fork()) == 0) {
-            if (!freopen("/dev/null", "w", stdout) || !freopen("/dev/null", "w", stderr)) _exit(126);
-            execlp("openssl", "openssl", "s_server", "-accept", accept.c_str(), "-cert", cert.c_str(), "-key",
-                   key.c_str(), "-www", "-quiet", static_cast<char *>(nullptr));
-            _exit(127);
-        }
-        for (int i = 0; i < 200 && !fReady; i++) // up to ~10 s for the server to listen
-            if (!(fReady = hvtest::TestHTTPConnection(fPort, std::chrono::milliseconds(50)).connected())) usleep(50000);
-    }
-    ~SelfSignedServer() {
-        if (fPid > 0 && kill(fPid, SIGTERM) == 0) waitpid(fPid, nullptr, 0);
-        unlink((fDir + "/key.pem").c_str());
-        unlink((fDir + "/cert.pem").c_str());
-        rmdir(fDir.c_str());
-    }
-};
-
 TEST_F(RtReadStreamTest, HTTPSRefusesACertificateNobodyVouchesFor) {
-    SelfSignedServer tls;
-    if (!tls.fReady) GTEST_SKIP() << "openssl s_server did not start";
-    expectOneError(exchange("https://127.0.0.1:" + std::to_string(tls.fPort) + "/", "GET"),
-                   CURLE_PEER_FAILED_VERIFICATION);
+    // openssl s_server with a fresh self-signed certificate, for one connection (30 s at most).
+    char dir[] = "/tmp/rtnet-tls-XXXXXX";
+    ASSERT_TRUE(mkdtemp(dir));
+    std::string d = dir, port = std::to_string(hvtest::freeLoopbackPort());
+    std::string make = "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -subj /CN=127.0.0.1 "
+                       "-days 1 -keyout " + d + "/key.pem -out " + d + "/cert.pem >/dev/null 2>&1";
+    std::string serve = "exec timeout 30 openssl s_server -naccept 1 -www -accept 127.0.0.1:" + port + " -cert " + d +
+                        "/cert.pem -key " + d + "/key.pem 2>/dev/null";
+    FILE *server = std::system(make.c_str()) == 0 ? popen(serve.c_str(), "r") : nullptr;
+    char line[256] = "";
+    while (server && std::strncmp(line, "ACCEPT", 6) != 0 && fgets(line, sizeof line, server)) {
+    }
+    bool listening = std::strncmp(line, "ACCEPT", 6) == 0;
+    if (listening)
+        expectOneError(exchange("https://127.0.0.1:" + port + "/", "GET"), CURLE_PEER_FAILED_VERIFICATION);
+    if (server) pclose(server);
+    for (const char *file : {"/key.pem", "/cert.pem"})
+        unlink((d + file).c_str());
+    rmdir(dir);
+    if (!listening) GTEST_SKIP() << "openssl s_server did not start";
 }
 
 } // namespace
