@@ -19,7 +19,6 @@ TEST_F(RtBundleTest, RegistersOncePerIdentifier) {
     ASSERT_NE(bundle, nullptr);
     EXPECT_EQ(RtBundleRegister(identifier, nullptr), bundle) << "the first registration stays";
     EXPECT_EQ(RtBundleGetBundleWithIdentifier(RTSTR("org.example.RtBundleTest")), bundle);
-    EXPECT_TRUE(RtEqual(RtBundleGetValueForInfoDictionaryKey(bundle, kRtBundleVersionKey), RTSTR("2.5.1")));
     EXPECT_TRUE(RtEqual(RtBundleGetValueForInfoDictionaryKey(bundle, kRtBundleIdentifierKey), identifier));
     EXPECT_EQ(RtBundleGetValueForInfoDictionaryKey(bundle, RTSTR("Missing")), nullptr);
     EXPECT_EQ(RtDictionaryGetCount(RtBundleGetInfoDictionary(bundle)), 2);

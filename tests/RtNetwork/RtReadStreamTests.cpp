@@ -1,5 +1,4 @@
-// HTTP read stream against real servers on 127.0.0.1: round trips, versions and methods,
-// redirects, every fault ending in exactly one error event, TLS verification, and clients that
+// HTTP read stream against real servers on 127.0.0.1: round trips, a GET, redirects, every fault ending in exactly one error event, TLS verification, and clients that
 // close or release the stream from their callback. Proxies, connection reuse, redirect loops
 // and stalls are pinned through the transport in tests/integration.
 #include <RtNetwork/RtNetwork.h>
@@ -189,13 +188,10 @@ TEST_F(RtReadStreamTest, RoundTripSendsExactlyTheMessageFields) {
     EXPECT_EQ("POST", seen.method);
     EXPECT_EQ("HTTP/1.1", seen.version);
     EXPECT_EQ(body, seen.body);
-    std::vector<std::string> names;
-    for (auto &h : seen.headers) names.push_back(h.first);
-    std::sort(names.begin(), names.end());
-    EXPECT_EQ((std::vector<std::string>{"Content-Length", "Content-Type", "Host", "User-Agent", "X-Custom"}), names);
-    EXPECT_EQ("1100000", seen.header("Content-Length"));
-    EXPECT_EQ("127.0.0.1", seen.header("Host"));
-    EXPECT_EQ("a b", seen.header("X-Custom"));
+    EXPECT_EQ(5u, seen.headers.size()) << "no Expect, Accept or Transfer-Encoding of libcurl's own";
+    for (auto [name, value] : {std::make_pair("Content-Length", "1100000"), {"Content-Type", "text/xml"},
+                               {"Host", "127.0.0.1"}, {"User-Agent", "tests"}, {"X-Custom", "a b"}})
+        EXPECT_EQ(value, seen.header(name)) << name;
 }
 
 // (HTTP/1.0 both ways and other posting methods are pinned through the transport.)
