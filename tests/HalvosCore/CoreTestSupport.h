@@ -40,8 +40,7 @@ inline const void *countingRetain(const void *info) {
 inline void countingRelease(const void *info) { static_cast<ContextCounts *>(const_cast<void *>(info))->releases++; }
 
 inline HVClientContext countingContext(ContextCounts *counts) {
-    HVClientContext context = {0, counts, countingRetain, countingRelease, nullptr};
-    return context;
+    return HVClientContext{0, counts, countingRetain, countingRelease, nullptr};
 }
 
 // Wraps a string the caller already owns (a Copy or Create result).

@@ -11,11 +11,7 @@ namespace {
 // An invocation whose serializer fails; its source is the HTTP transport.
 class NoBodyInvocation : public HalvoMethodInvocation {
 public:
-    NoBodyInvocation() {
-        RtURLRef url = RtURLCreateWithString(kRtAllocatorDefault, RTSTR("http://127.0.0.1:9/RPC2"), nullptr);
-        setServiceEndpoint(url);
-        RtRelease(url);
-    }
+    NoBodyInvocation() { setServiceEndpoint(AutoURL("http://127.0.0.1:9/RPC2").getURL()); }
     RtDictionaryRef copyAgreement() override { return nullptr; }
     RtDataRef constructMessage(AutoString &) override { return nullptr; }
     void parseReply(HalvoResult *, RtTreeRef) override {}

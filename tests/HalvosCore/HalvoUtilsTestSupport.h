@@ -39,21 +39,17 @@ inline RtDataRef newData(const std::string &bytes) {
                         static_cast<RtIndex>(bytes.size()));
 }
 
-// The UTF-8 text of str; "<null>" for NULL so that comparisons print something readable.
-inline std::string text(RtTypeRef value) {
-    if (!value)
-        return "<null>";
-    RtStringRef str = static_cast<RtStringRef>(value);
-    Owned<RtDataRef> bytes(RtStringCreateExternalRepresentation(kRtAllocatorDefault, str, kRtStringEncodingUTF8, 0));
-    if (!bytes.get())
-        return "<unconvertible>";
-    return std::string(reinterpret_cast<const char *>(RtDataGetBytePtr(bytes)), static_cast<size_t>(RtDataGetLength(bytes)));
+inline std::string bytesOf(RtDataRef data) {
+    return data ? std::string(reinterpret_cast<const char *>(RtDataGetBytePtr(data)), size_t(RtDataGetLength(data)))
+                : "<null>";
 }
 
-inline std::string bytesOf(RtDataRef data) {
-    if (!data)
-        return "<null>";
-    return std::string(reinterpret_cast<const char *>(RtDataGetBytePtr(data)), static_cast<size_t>(RtDataGetLength(data)));
+// The UTF-8 text of str; "<null>" for NULL so that comparisons print something readable.
+inline std::string text(RtTypeRef str) {
+    Owned<RtDataRef> bytes(str ? RtStringCreateExternalRepresentation(kRtAllocatorDefault, static_cast<RtStringRef>(str),
+                                                                       kRtStringEncodingUTF8, 0)
+                               : nullptr);
+    return str && !bytes.get() ? "<unconvertible>" : bytesOf(bytes);
 }
 
 // The tree of a document given as text; the error, if any, fails the calling test.

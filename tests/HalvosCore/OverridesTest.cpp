@@ -13,13 +13,12 @@ namespace {
 
 using Log = std::vector<std::string>;
 
-// The serializer appends "ser<n>" to the log passed as info; the deserializer appends the tag
-// passed as info to gLog. Both answer with what they appended.
+// The serializer appends "ser<n>" to gLog, the deserializer the tag passed as info. Both answer
+// with what they appended.
 Log gLog;
-RtStringRef taggedSerializer(HVMethodInvocationRef, RtTypeRef, void *info) {
-    auto *log = static_cast<Log *>(info);
-    log->push_back("ser" + std::to_string(log->size()));
-    return RtStringCreateWithCString(kRtAllocatorDefault, log->back().c_str(), kRtStringEncodingUTF8);
+RtStringRef taggedSerializer(HVMethodInvocationRef, RtTypeRef, void *) {
+    gLog.push_back("ser" + std::to_string(gLog.size()));
+    return RtStringCreateWithCString(kRtAllocatorDefault, gLog.back().c_str(), kRtStringEncodingUTF8);
 }
 RtTypeRef taggedDeserializer(HVMethodInvocationRef, RtTreeRef, RtTreeRef, void *info) {
     gLog.push_back(static_cast<const char *>(info));
@@ -36,10 +35,9 @@ std::string answer(RtTypeRef owned) {
 }
 
 TEST(OverridesTest, SerializationOwnMatchWinsAfterTheParentRanAndFirstRegisteredWins) {
-    Log log;
     ContextCounts counts;
-    HVClientContext context = {0, &log, nullptr, nullptr, nullptr};
-    HVClientContext counted = countingContext(&counts);
+    HVClientContext context = {0, nullptr, nullptr, nullptr, nullptr}, counted = countingContext(&counts);
+    gLog.clear();
     {
         RecordingInvocation invocation;
         XMLRPCProtocolHandler handler;
@@ -48,7 +46,7 @@ TEST(OverridesTest, SerializationOwnMatchWinsAfterTheParentRanAndFirstRegistered
         invocation.addSerializationOverride(RtStringGetTypeID(), nullptr, &counted); // never reached
         handler.addSerializationOverride(RtStringGetTypeID(), taggedSerializer, &context);
         EXPECT_EQ("ser1", answer(handler.seriailizeOverride(RTSTR("value"))));
-        EXPECT_EQ(2u, log.size()); // the invocation's procedure ran first
+        EXPECT_EQ(2u, gLog.size()); // the invocation's procedure ran first
         // A type without an own match keeps the parent's answer; other types get nothing.
         invocation.addSerializationOverride(RtNumberGetTypeID(), taggedSerializer, &context);
         EXPECT_EQ("ser2", answer(handler.seriailizeOverride(internedInt(1))));

@@ -26,21 +26,13 @@ std::set<std::string> documentedSymbols() {
 // Every defined dynamic symbol except the linker's and the sanitizers' own (leading underscore).
 std::set<std::string> exportedSymbols(const std::string &library) {
     std::set<std::string> names;
-    std::string command = "nm -D --defined-only '" + library + "'";
-    FILE *pipe = popen(command.c_str(), "r");
-    if (!pipe)
-        return names;
-    char line[1024];
-    while (fgets(line, sizeof line, pipe)) {
-        std::string text(line);
-        size_t last = text.find_last_of(' ');
-        std::string name = text.substr(last + 1);
-        while (!name.empty() && (name.back() == '\n' || name.back() == '\r'))
-            name.pop_back();
-        if (!name.empty() && name[0] != '_')
+    FILE *pipe = popen(("nm -D --defined-only --format=posix '" + library + "'").c_str(), "r");
+    char name[1024];
+    while (pipe && fscanf(pipe, "%1023s %*[^\n]", name) == 1) // "name type value size" lines
+        if (name[0] != '_')
             names.insert(name);
-    }
-    pclose(pipe);
+    if (pipe)
+        pclose(pipe);
     return names;
 }
 

@@ -44,7 +44,7 @@ TEST(PublicInterfaceTest, NullHandlesDoNothing) {
     HVProtocolHandlerSetDeserializationOverride(nullptr, nullptr, nullptr, nullptr, nullptr);
 }
 
-TEST(PublicInterfaceTest, ProtocolsAreRecognisedByIdentityOnly) {
+TEST(PublicInterfaceTest, ProtocolsByIdentityAndHandlesAsRuntimeObjects) {
     AutoURL url(kDeadEndpoint);
     AutoString lookalike = adopt(RtStringCreateWithCString(kRtAllocatorDefault, "XML-RPC", kRtStringEncodingUTF8));
     ASSERT_NE(kHVXMLRPCProtocol, lookalike.getString());
@@ -56,10 +56,7 @@ TEST(PublicInterfaceTest, ProtocolsAreRecognisedByIdentityOnly) {
     AutoDict agreement; // an agreement whose protocol is an equal but distinct string makes nothing
     agreement.addValue(RTSTR("ProtocolType"), lookalike.getString());
     EXPECT_EQ(nullptr, createInvocationForProtocol(lookalike.getString(), nullptr, nullptr, agreement.getImmutableDict()));
-}
 
-TEST(PublicInterfaceTest, HandlesAreRuntimeObjects) {
-    AutoURL url("http://127.0.0.1:8080/RPC2");
     HVMethodInvocationRef a = HVMethodInvocationCreate(url.getURL(), RTSTR("examples.getStateName"), kHVXMLRPCProtocol);
     HVMethodInvocationRef b = HVMethodInvocationCreate(url.getURL(), RTSTR("m"), kHVXMLRPCProtocol);
     HVProtocolHandlerRef h = HVProtocolHandlerCreate(kRtAllocatorDefault, kHVSOAP2001Protocol);
@@ -75,10 +72,8 @@ TEST(PublicInterfaceTest, HandlesAreRuntimeObjects) {
     AutoString expected("HVMethodInvocation{%d} [%@] [%@]", 2, url.getURL(), static_cast<RtTypeRef>(nullptr));
     EXPECT_TRUE(RtEqual(expected.getString(), adopt(RtCopyDescription(a)).getString()));
     EXPECT_TRUE(RtEqual(RTSTR("OpaqueHVProtocolHandlerRef{1}"), adopt(RtCopyDescription(h)).getString()));
-    RtRelease(a);
-    RtRelease(a);
-    RtRelease(b);
-    RtRelease(h);
+    for (RtTypeRef v : {RtTypeRef(a), RtTypeRef(a), RtTypeRef(b), RtTypeRef(h)})
+        RtRelease(v);
 
     // The last release destroys the object, which no longer knows its handle by then.
     bool destroyed = false;

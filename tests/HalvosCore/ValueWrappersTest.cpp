@@ -27,7 +27,7 @@ TEST(ValueWrappersTest, StringsAndScalarsBalanceTheirReferences) {
     EXPECT_EQ(kRtNumberSInt32Type, RtNumberGetType(AutoScalar(7L).getImmutableRef()));
 }
 
-TEST(ValueWrappersTest, ArraysAndDictionariesCopyOnWrite) {
+TEST(ValueWrappersTest, ArraysDictionariesAndIterators) {
     const void *values[] = {RTSTR("a"), RTSTR("b")};
     RtArrayRef immutable = RtArrayCreate(kRtAllocatorDefault, values, 2, &kRtTypeArrayCallBacks);
     RtRetain(immutable);
@@ -59,9 +59,7 @@ TEST(ValueWrappersTest, ArraysAndDictionariesCopyOnWrite) {
     }
     EXPECT_EQ(1, RtGetRetainCount(base));
     AutoDict owner(base); // a mutable dictionary is taken over
-}
 
-TEST(ValueWrappersTest, IteratorsRetainAndBuildersDropHalfPairs) {
     RtArrayRef array = rtTypeCreateArray(nullptr, RTSTR("x"), nullptr);
     {
         ArrayIterator it(array);

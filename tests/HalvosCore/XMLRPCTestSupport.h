@@ -126,9 +126,8 @@ public:
     void set(RtStringRef key, RtTypeRef value) const { HVProtocolHandlerSetProperty(fRef, key, value); }
 
     std::string request(const char *method, const Value &params, const Value &order = Value()) const {
-        Value name = S(method);
         return text(Value::adopt(
-            HVProtocolHandlerCopyRequestDocument(fRef, name.str(), params.dict(), order.array(), nullptr)));
+            HVProtocolHandlerCopyRequestDocument(fRef, S(method).str(), params.dict(), order.array(), nullptr)));
     }
     std::string reply(const Value &value, const Value &context = Value()) const {
         return text(Value::adopt(HVProtocolHandlerCopyReplyDocument(fRef, context.dict(), value.get())));
@@ -138,14 +137,11 @@ public:
     }
     // The result dictionary of a reply document to method.
     Value readReply(const std::string &document, const char *method = "m") const {
-        Value data = Bytes(document);
-        Value name = S(method);
-        return Value::adopt(HVProtocolHandlerCopyReplyDictionary(fRef, name.str(), data.data()));
+        return Value::adopt(HVProtocolHandlerCopyReplyDictionary(fRef, S(method).str(), Bytes(document).data()));
     }
     // The request dictionary of a request document, or a null Value.
     Value readRequest(const std::string &document) const {
-        Value data = Bytes(document);
-        return Value::adopt(HVProtocolHandlerCopyRequestDictionary(fRef, data.data()));
+        return Value::adopt(HVProtocolHandlerCopyRequestDictionary(fRef, Bytes(document).data()));
     }
 
 private:
