@@ -62,9 +62,12 @@ TEST_F(ArrayTests, EditingAndSorting) {
     RtMutableArrayRef m = own(RtArrayCreateMutable(nullptr, 2, &kRtTypeArrayCallBacks));
     for (int v : {5, 3, 9, 1, 3}) // outside the shared small integers
         RtArrayAppendValue(m, own(num(kRtNumberIntType, v * 1000)));
-    RtArraySortValues(m, RtRangeMake(0, 5), [](const void *a, const void *b, void *) {
-        return RtNumberCompare(static_cast<RtNumberRef>(a), static_cast<RtNumberRef>(b), nullptr);
-    }, nullptr);
+    RtArraySortValues(
+        m, RtRangeMake(0, 5),
+        [](const void *a, const void *b, void *) {
+            return RtNumberCompare(static_cast<RtNumberRef>(a), static_cast<RtNumberRef>(b), nullptr);
+        },
+        nullptr);
     RtArrayRemoveValueAtIndex(m, 0);
     RtArrayRemoveValueAtIndex(m, 10);            // out of range: ignored
     RtArrayAppendArray(m, m, RtRangeMake(0, 2)); // appending from itself

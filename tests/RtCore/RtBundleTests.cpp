@@ -12,8 +12,8 @@ TEST_F(RtBundleTest, RegistersOncePerIdentifier) {
     EXPECT_EQ(RtBundleGetBundleWithIdentifier(identifier), nullptr);
     const void *keys[] = {kRtBundleVersionKey};
     const void *values[] = {RTSTR("2.5.1")};
-    RtDictionaryRef info = own(
-        RtDictionaryCreate(nullptr, keys, values, 1, &kRtTypeDictionaryKeyCallBacks, &kRtTypeDictionaryValueCallBacks));
+    RtDictionaryRef info = own(RtDictionaryCreate(nullptr, keys, values, 1, &kRtTypeDictionaryKeyCallBacks,
+                                                  &kRtTypeDictionaryValueCallBacks));
     RtBundleRef bundle = RtBundleRegister(identifier, info);
     fLive += 2; // the registry keeps the bundle and its information dictionary for good
     ASSERT_NE(bundle, nullptr);

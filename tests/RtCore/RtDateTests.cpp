@@ -18,7 +18,8 @@ RtAbsoluteTime at(int y, int mo, int d, int h, int mi, double s) {
 std::string fields(RtAbsoluteTime t) {
     RtGregorianDate g = RtAbsoluteTimeGetGregorianDate(t);
     char buf[64];
-    std::snprintf(buf, sizeof buf, "%04d-%02d-%02d %02d:%02d:%g", g.year, g.month, g.day, g.hour, g.minute, g.second);
+    std::snprintf(buf, sizeof buf, "%04d-%02d-%02d %02d:%02d:%g", g.year, g.month, g.day, g.hour, g.minute,
+                  g.second);
     return buf;
 }
 

@@ -15,7 +15,8 @@ namespace {
 class DictionaryTests : public LeakChecked {};
 
 RtMutableDictionaryRef newDict() {
-    return RtDictionaryCreateMutable(nullptr, 0, &kRtTypeDictionaryKeyCallBacks, &kRtTypeDictionaryValueCallBacks);
+    return RtDictionaryCreateMutable(nullptr, 0, &kRtTypeDictionaryKeyCallBacks,
+                                     &kRtTypeDictionaryValueCallBacks);
 }
 
 // Edits and lookups by the texts of keys and values.
@@ -59,9 +60,12 @@ TEST_F(DictionaryTests, OrderAndLookupsMatchAReferenceUnderRandomEdits) {
         auto it = std::find_if(reference.begin(), reference.end(), [&](auto &kv) { return kv.first == k; });
         bool removing = rng() % 3 == 0;
         removing ? remove(d, k) : set(d, k, v);
-        if (it != reference.end() && removing) reference.erase(it);
-        else if (it != reference.end()) it->second = v;
-        else if (!removing) reference.emplace_back(k, v);
+        if (it != reference.end() && removing)
+            reference.erase(it);
+        else if (it != reference.end())
+            it->second = v;
+        else if (!removing)
+            reference.emplace_back(k, v);
     }
     std::string expected;
     for (auto &kv : reference)
@@ -133,8 +137,8 @@ TEST_F(DictionaryTests, CopiesEqualityAndDescription) {
     RtMutableArrayRef list = own(RtArrayCreateMutable(nullptr, 0, &kRtTypeArrayCallBacks));
     RtArrayAppendValue(list, n);
     const void *values[] = {n, list};
-    RtDictionaryRef fixed =
-        own(RtDictionaryCreate(nullptr, k, values, 2, &kRtTypeDictionaryKeyCallBacks, &kRtTypeDictionaryValueCallBacks));
+    RtDictionaryRef fixed = own(RtDictionaryCreate(nullptr, k, values, 2, &kRtTypeDictionaryKeyCallBacks,
+                                                   &kRtTypeDictionaryValueCallBacks));
     EXPECT_EQ(description(fixed), "{\n    \"one\" = 1;\n    \"two\" = (\n        1\n    );\n}");
     RtDictionarySetValue(const_cast<RtMutableDictionaryRef>(fixed), k[0], k[1]); // refused: immutable
     EXPECT_EQ(RtDictionaryGetValue(fixed, k[0]), n);

@@ -23,14 +23,20 @@ long double convert(RtNumberRef n, RtNumberType to, bool *exact) {
     } v{};
     *exact = RtNumberGetValue(n, to, &v);
     switch (to) {
-    case kRtNumberSInt8Type: return v.i8;
-    case kRtNumberSInt16Type: return v.i16;
-    case kRtNumberIntType: return v.i32;
+    case kRtNumberSInt8Type:
+        return v.i8;
+    case kRtNumberSInt16Type:
+        return v.i16;
+    case kRtNumberIntType:
+        return v.i32;
     case kRtNumberFloat32Type:
-    case kRtNumberFloatType: return v.f;
+    case kRtNumberFloatType:
+        return v.f;
     case kRtNumberDoubleType:
-    case kRtNumberFloat64Type: return v.d;
-    default: return v.i64;
+    case kRtNumberFloat64Type:
+        return v.d;
+    default:
+        return v.i64;
     }
 }
 

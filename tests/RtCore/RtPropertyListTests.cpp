@@ -34,7 +34,8 @@ void put(RtMutableDictionaryRef d, const char *key, RtTypeRef value) {
 }
 
 RtMutableDictionaryRef newDict() {
-    return RtDictionaryCreateMutable(nullptr, 0, &kRtTypeDictionaryKeyCallBacks, &kRtTypeDictionaryValueCallBacks);
+    return RtDictionaryCreateMutable(nullptr, 0, &kRtTypeDictionaryKeyCallBacks,
+                                     &kRtTypeDictionaryValueCallBacks);
 }
 
 // A tree holding every kind, nested, with awkward texts and extreme numbers.
@@ -206,10 +207,10 @@ TEST_F(PropertyListTests, ReaderIsLenientWhereItIsHarmless) {
     std::string error;
     RtTypeRef v =
         own(read("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-             "<!DOCTYPE plist SYSTEM \"http://127.0.0.1:9/never-fetched.dtd\">\n"
-             "<array><integer> 0x10 </integer><integer>+7</integer><real>-Infinity</real>"
-             "<real>1E3</real><data>AA\n  EC\t/w==</data><date>2001-01-01T00:00:00.25Z</date></array>",
-             &error));
+                 "<!DOCTYPE plist SYSTEM \"http://127.0.0.1:9/never-fetched.dtd\">\n"
+                 "<array><integer> 0x10 </integer><integer>+7</integer><real>-Infinity</real>"
+                 "<real>1E3</real><data>AA\n  EC\t/w==</data><date>2001-01-01T00:00:00.25Z</date></array>",
+                 &error));
     ASSERT_NE(v, nullptr) << error;
     auto at = [&](RtIndex i) { return formatted(RtArrayGetValueAtIndex(static_cast<RtArrayRef>(v), i)); };
     EXPECT_EQ(at(0), "16");

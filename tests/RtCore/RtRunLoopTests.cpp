@@ -29,23 +29,33 @@ struct Probe {
     }
 };
 
-void _perform(void *info) { static_cast<Probe *>(info)->called(); }
-void _schedule(void *info, RtRunLoopRef, RtStringRef) { static_cast<Probe *>(info)->schedules++; }
-void _cancel(void *info, RtRunLoopRef, RtStringRef) { static_cast<Probe *>(info)->cancels++; }
-void _timerFired(RtRunLoopTimerRef, void *info) { static_cast<Probe *>(info)->called(); }
+void _perform(void *info) {
+    static_cast<Probe *>(info)->called();
+}
+void _schedule(void *info, RtRunLoopRef, RtStringRef) {
+    static_cast<Probe *>(info)->schedules++;
+}
+void _cancel(void *info, RtRunLoopRef, RtStringRef) {
+    static_cast<Probe *>(info)->cancels++;
+}
+void _timerFired(RtRunLoopTimerRef, void *info) {
+    static_cast<Probe *>(info)->called();
+}
 void _ready(RtFileDescriptorRef, RtOptionFlags types, void *info) {
     static_cast<Probe *>(info)->lastTypes = types;
     static_cast<Probe *>(info)->called();
 }
 
 RtRunLoopSourceRef makeSource(Probe &p, RtIndex order = 0) {
-    RtRunLoopSourceContext ctx = {0, &p, nullptr, nullptr, nullptr, nullptr, nullptr, _schedule, _cancel, _perform};
+    RtRunLoopSourceContext ctx = {0,       &p,      nullptr,   nullptr, nullptr,
+                                  nullptr, nullptr, _schedule, _cancel, _perform};
     return RtRunLoopSourceCreate(kRtAllocatorDefault, order, &ctx);
 }
 
 RtRunLoopTimerRef makeTimer(Probe &p, RtTimeInterval in, RtTimeInterval interval = 0) {
     RtRunLoopTimerContext ctx = {0, &p, nullptr, nullptr, nullptr};
-    return RtRunLoopTimerCreate(kRtAllocatorDefault, RtAbsoluteTimeGetCurrent() + in, interval, 0, 0, _timerFired, &ctx);
+    return RtRunLoopTimerCreate(kRtAllocatorDefault, RtAbsoluteTimeGetCurrent() + in, interval, 0, 0,
+                                _timerFired, &ctx);
 }
 
 class RtRunLoopTest : public LeakChecked {
@@ -128,7 +138,8 @@ TEST_F(RtRunLoopTest, Timers) {
 
     // Removed before it is due: never fires. A timer in another mode does not fire either.
     Probe removed, other, guard;
-    RtRunLoopTimerRef r = own(makeTimer(removed, 0)), o = own(makeTimer(other, 0)), g = own(makeTimer(guard, 0.01));
+    RtRunLoopTimerRef r = own(makeTimer(removed, 0)), o = own(makeTimer(other, 0)),
+                      g = own(makeTimer(guard, 0.01));
     RtRunLoopAddTimer(fLoop, r, fModeA);
     RtRunLoopAddTimer(fLoop, o, fModeB);
     RtRunLoopAddTimer(fLoop, g, fModeA);
@@ -223,9 +234,12 @@ TEST_F(RtRunLoopTest, DescriptorWatchersAreLevelTriggered) {
     int fds[2];
     ASSERT_EQ(0, pipe(fds));
     Probe rp, wp;
-    RtFileDescriptorContext rctx = {0, &rp, nullptr, nullptr, nullptr}, wctx = {0, &wp, nullptr, nullptr, nullptr};
-    RtFileDescriptorRef reader = own(RtFileDescriptorCreate(kRtAllocatorDefault, fds[0], true, _ready, &rctx));
-    RtFileDescriptorRef writer = own(RtFileDescriptorCreate(kRtAllocatorDefault, fds[1], true, _ready, &wctx));
+    RtFileDescriptorContext rctx = {0, &rp, nullptr, nullptr, nullptr},
+                            wctx = {0, &wp, nullptr, nullptr, nullptr};
+    RtFileDescriptorRef reader =
+        own(RtFileDescriptorCreate(kRtAllocatorDefault, fds[0], true, _ready, &rctx));
+    RtFileDescriptorRef writer =
+        own(RtFileDescriptorCreate(kRtAllocatorDefault, fds[1], true, _ready, &wctx));
     RtRunLoopAddFileDescriptor(fLoop, reader, fModeA);
     RtRunLoopAddFileDescriptor(fLoop, writer, fModeA);
 
@@ -269,7 +283,8 @@ TEST_F(RtRunLoopTest, SignalDoesNotWakeButWakeUpDoes) {
     RtRunLoopRef loop = fLoop;
     std::atomic<bool> stillWaitingAfterSignal{false};
     std::thread other([&] {
-        while (!RtRunLoopIsWaiting(loop)) std::this_thread::yield();
+        while (!RtRunLoopIsWaiting(loop))
+            std::this_thread::yield();
         RtRunLoopSourceSignal(s);
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         stillWaitingAfterSignal = RtRunLoopIsWaiting(loop);
@@ -282,7 +297,8 @@ TEST_F(RtRunLoopTest, SignalDoesNotWakeButWakeUpDoes) {
 
     // Stop from another thread ends a run with no time limit.
     std::thread stopper([&] {
-        while (!RtRunLoopIsWaiting(loop)) std::this_thread::yield();
+        while (!RtRunLoopIsWaiting(loop))
+            std::this_thread::yield();
         RtRunLoopStop(loop);
     });
     EXPECT_EQ(kRtRunLoopRunStopped, RtRunLoopRunInMode(fModeA, 1.0e30, false));

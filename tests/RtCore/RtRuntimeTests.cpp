@@ -28,10 +28,10 @@ const RtRuntimeClass kCounterClass = {
     "Counter",
     [](RtTypeRef obj) { valueOf(obj) = 7; }, // init
     nullptr,
-    [](RtTypeRef) { gFinalized++; },                                // finalize
+    [](RtTypeRef) { gFinalized++; },                                   // finalize
     [](RtTypeRef a, RtTypeRef b) { return valueOf(a) == valueOf(b); }, // equal
-    [](RtTypeRef obj) { return RtHashCode(valueOf(obj)); },          // hash
-    [](RtTypeRef obj, RtDictionaryRef) {                             // formatting description
+    [](RtTypeRef obj) { return RtHashCode(valueOf(obj)); },            // hash
+    [](RtTypeRef obj, RtDictionaryRef) {                               // formatting description
         return RtStringCreateWithFormat(nullptr, nullptr, RTSTR("#%d"), valueOf(obj));
     },
     nullptr};

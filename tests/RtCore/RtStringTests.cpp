@@ -157,7 +157,8 @@ TEST_F(RtStringTest, ConstantsAreUniquedImmortalAndFoundAgain) {
     for (int t = 0; t < 8; t++)
         threads.emplace_back([t, &seen] {
             for (int i = 0; i < 50; i++)
-                seen[size_t(t * 50 + i)] = __RtStringMakeConstantString(("race-" + std::to_string(i)).c_str());
+                seen[size_t(t * 50 + i)] =
+                    __RtStringMakeConstantString(("race-" + std::to_string(i)).c_str());
         });
     for (auto &th : threads)
         th.join();
@@ -194,7 +195,8 @@ TEST_F(RtStringTest, EqualityHashAndDescriptionsIgnoreStorage) {
 
 TEST_F(RtStringTest, IndexesInUTF16UnitsAndHandsOutCStrings) {
     // "a" U+1F600 "b" U+00E9: five UTF-16 units.
-    RtStringRef s = make("a\xf0\x9f\x98\x80" "b\xc3\xa9");
+    RtStringRef s = make("a\xf0\x9f\x98\x80"
+                         "b\xc3\xa9");
     EXPECT_EQ(RtStringGetLength(s), 5);
     EXPECT_EQ(RtStringGetCharacterAtIndex(s, 2), 0xDE00);
     EXPECT_EQ(RtStringGetCharacterAtIndex(s, 4), 0xE9);
@@ -223,7 +225,8 @@ TEST_F(RtStringTest, IndexesInUTF16UnitsAndHandsOutCStrings) {
     EXPECT_FALSE(RtStringGetCString(latin, buf, sizeof buf, kRtStringEncodingASCII)) << "no loss byte";
 
     static const char kStatic[] = "no copy made";
-    RtStringRef wrapped = own(RtStringCreateWithCStringNoCopy(nullptr, kStatic, kRtStringEncodingASCII, kRtAllocatorNull));
+    RtStringRef wrapped =
+        own(RtStringCreateWithCStringNoCopy(nullptr, kStatic, kRtStringEncodingASCII, kRtAllocatorNull));
     EXPECT_EQ(RtStringGetCStringPtr(wrapped, kRtStringEncodingUTF8), kStatic);
     char *owned = strdup("freed with the string"); // ASan reports a leak if it is not
     EXPECT_EQ(take(RtStringCreateWithCStringNoCopy(nullptr, owned, kRtStringEncodingUTF8, nullptr)),
@@ -259,7 +262,8 @@ std::string bytesOf(RtStringRef s, RtStringEncoding encoding, uint8_t lossByte, 
     EXPECT_EQ(used, needed);
     bool whole = converted == all.length;
     if (external) { // the data form says the same
-        EXPECT_EQ(takeData(RtStringCreateExternalRepresentation(nullptr, s, encoding, lossByte)), whole ? out : "");
+        EXPECT_EQ(takeData(RtStringCreateExternalRepresentation(nullptr, s, encoding, lossByte)),
+                  whole ? out : "");
     }
     return whole ? out : "<FAIL>";
 }
@@ -272,20 +276,35 @@ RtStringRef fromBytes(const std::string &bytes, RtStringEncoding encoding, bool 
 TEST_F(RtStringTest, ConvertsToBytesWithAndWithoutLossBytes) {
     // "Grüße €1 😀": Latin-1 letters, a euro sign (in windows-1252 and Latin 9, not Latin 1)
     // and a character outside the BMP.
-    RtStringRef s = make("Gr\xc3\xbc\xc3\x9f" "e \xe2\x82\xac" "1 \xf0\x9f\x98\x80");
+    RtStringRef s = make("Gr\xc3\xbc\xc3\x9f"
+                         "e \xe2\x82\xac"
+                         "1 \xf0\x9f\x98\x80");
     const struct {
         RtStringEncoding encoding;
         uint8_t lossByte;
         const char *bytes; // one loss byte per character
     } rows[] = {{kRtStringEncodingISOLatin1, 0, "<FAIL>"},
-                {kRtStringEncodingISOLatin1, '?', "Gr\xfc\xdf" "e ?1 ?"},
+                {kRtStringEncodingISOLatin1, '?',
+                 "Gr\xfc\xdf"
+                 "e ?1 ?"},
                 {kRtStringEncodingASCII, '.', "Gr..e .1 ."},
-                {kRtStringEncodingDefault8Bit, '.', "Gr\xfc\xdf" "e .1 ."},
-                {kRtStringEncodingWindowsLatin1, '?', "Gr\xfc\xdf" "e \x80" "1 ?"},
-                {0x020F /* ISO-8859-15 */, '?', "Gr\xfc\xdf" "e \xa4" "1 ?"}};
+                {kRtStringEncodingDefault8Bit, '.',
+                 "Gr\xfc\xdf"
+                 "e .1 ."},
+                {kRtStringEncodingWindowsLatin1, '?',
+                 "Gr\xfc\xdf"
+                 "e \x80"
+                 "1 ?"},
+                {0x020F /* ISO-8859-15 */, '?',
+                 "Gr\xfc\xdf"
+                 "e \xa4"
+                 "1 ?"}};
     for (const auto &row : rows)
-        EXPECT_EQ(bytesOf(s, row.encoding, row.lossByte), row.bytes) << row.encoding << " " << int(row.lossByte);
-    EXPECT_EQ(bytesOf(s, kRtStringEncodingUTF8, 0), text(s));
+        EXPECT_EQ(bytesOf(s, row.encoding, row.lossByte), row.bytes)
+            << row.encoding << " " << int(row.lossByte);
+    EXPECT_EQ(bytesOf(s, kRtStringEncodingUTF8, 0), "Gr\xc3\xbc\xc3\x9f"
+                                                    "e \xe2\x82\xac"
+                                                    "1 \xf0\x9f\x98\x80");
 
     // Without a loss byte the conversion stops before the first unrepresentable character.
     uint8_t buf[64];
@@ -301,7 +320,9 @@ TEST_F(RtStringTest, ConvertsToBytesWithAndWithoutLossBytes) {
     RtStringRef ab = make("A\xf0\x9f\x98\x80");
     EXPECT_EQ(bytesOf(ab, kRtStringEncodingUTF16BE, 0), std::string("\0A\xd8\x3d\xde\x00", 6));
     EXPECT_EQ(bytesOf(ab, kRtStringEncodingUTF16LE, 0), std::string("A\x00\x3d\xd8\x00\xde", 6));
-    EXPECT_EQ(bytesOf(ab, kRtStringEncodingUTF16, 0, true), std::string("\xff\xfe" "A\x00\x3d\xd8\x00\xde", 8));
+    EXPECT_EQ(bytesOf(ab, kRtStringEncodingUTF16, 0, true), std::string("\xff\xfe"
+                                                                        "A\x00\x3d\xd8\x00\xde",
+                                                                        8));
     EXPECT_EQ(bytesOf(ab, kRtStringEncodingUTF32BE, 0), std::string("\0\0\0A\0\x01\xf6\x00", 8));
     EXPECT_EQ(bytesOf(ab, kRtStringEncodingUTF32, 0, true).substr(0, 4), std::string("\xff\xfe\0\0", 4));
 
@@ -375,12 +396,18 @@ TEST_F(RtStringTest, MapsIANANamesBothWays) {
         RtStringEncoding encoding;
         bool canonical; // the name the encoding maps back to
     } names[] = {
-        {"UTF-8", kRtStringEncodingUTF8, true},        {"utf8", kRtStringEncodingUTF8, false},
-        {"latin1", kRtStringEncodingISOLatin1, false}, {"ISO_8859-1:1987", kRtStringEncodingISOLatin1, false},
-        {"US-ASCII", kRtStringEncodingASCII, true},    {"ANSI_X3.4-1968", kRtStringEncodingASCII, false},
-        {"windows-1252", kRtStringEncodingWindowsLatin1, true}, {"cp1252", kRtStringEncodingWindowsLatin1, false},
-        {"utf-16le", kRtStringEncodingUTF16LE, false}, {"ISO-8859-2", kRtStringEncodingISOLatin2, false},
-        {"bogus", kRtStringEncodingInvalidId, false},  {"", kRtStringEncodingInvalidId, false},
+        {"UTF-8", kRtStringEncodingUTF8, true},
+        {"utf8", kRtStringEncodingUTF8, false},
+        {"latin1", kRtStringEncodingISOLatin1, false},
+        {"ISO_8859-1:1987", kRtStringEncodingISOLatin1, false},
+        {"US-ASCII", kRtStringEncodingASCII, true},
+        {"ANSI_X3.4-1968", kRtStringEncodingASCII, false},
+        {"windows-1252", kRtStringEncodingWindowsLatin1, true},
+        {"cp1252", kRtStringEncodingWindowsLatin1, false},
+        {"utf-16le", kRtStringEncodingUTF16LE, false},
+        {"ISO-8859-2", kRtStringEncodingISOLatin2, false},
+        {"bogus", kRtStringEncodingInvalidId, false},
+        {"", kRtStringEncodingInvalidId, false},
     };
     for (const auto &n : names) {
         EXPECT_EQ(RtStringConvertIANACharSetNameToEncoding(make(n.name)), n.encoding) << n.name;
@@ -406,12 +433,13 @@ TEST_F(RtStringTest, ComparesAndHashesWithOptions) {
 
     // Equal ignoring case hashes equal ignoring case: ASCII, Latin-1 and wide storage, a
     // character outside the BMP, the Kelvin sign and final sigma (folding to "k" and "σ").
-    const char *pairs[][2] = {{"Id12", "iD12"},
-                              {"Caf\xC3\xA9", "CAF\xC3\x89"},
-                              {"\xCE\xA3\xCE\x9F\xCE\xA6 \xC3\x89t\xC3\xA9", "\xCF\x83\xCE\xBF\xCF\x86 \xC3\xA9T\xC3\x89"},
-                              {"x\xF0\x90\x90\x80y", "X\xF0\x90\x90\xA8Y"},
-                              {"\xE2\x84\xAA", "k"},
-                              {"\xCF\x82", "\xCF\x83"}};
+    const char *pairs[][2] = {
+        {"Id12", "iD12"},
+        {"Caf\xC3\xA9", "CAF\xC3\x89"},
+        {"\xCE\xA3\xCE\x9F\xCE\xA6 \xC3\x89t\xC3\xA9", "\xCF\x83\xCE\xBF\xCF\x86 \xC3\xA9T\xC3\x89"},
+        {"x\xF0\x90\x90\x80y", "X\xF0\x90\x90\xA8Y"},
+        {"\xE2\x84\xAA", "k"},
+        {"\xCF\x82", "\xCF\x83"}};
     for (const auto &pair : pairs) {
         RtStringRef a = make(pair[0]), b = make(pair[1]);
         EXPECT_EQ(kRtCompareEqualTo, RtStringCompare(a, b, kRtCompareCaseInsensitive)) << pair[0];
@@ -431,14 +459,21 @@ TEST_F(RtStringTest, ComparesAndHashesWithOptions) {
 
 TEST_F(RtStringTest, FindsWithOptionsAndTestsAffixes) {
     RtStringRef s = make("text/XML; charset=\"utf-8\"; CHARSET=x");
-    const RtOptionFlags kCase = kRtCompareCaseInsensitive, kBack = kRtCompareBackwards, kAnchor = kRtCompareAnchored;
+    const RtOptionFlags kCase = kRtCompareCaseInsensitive, kBack = kRtCompareBackwards,
+                        kAnchor = kRtCompareAnchored;
     const struct {
         const char *pattern;
         RtOptionFlags options;
         RtIndex location;
-    } finds[] = {{"charset=", 0, 10},      {"charset=", kCase | kBack, 27}, {"xml", 0, kRtNotFound},
-                 {"xml", kCase, 5},        {"TEXT", kCase | kAnchor, 0},    {"XML", kAnchor, kRtNotFound},
-                 {"=X", kAnchor | kBack | kCase, 34}, {"", 0, kRtNotFound}, {"\xe2\x82\xac", 0, kRtNotFound}};
+    } finds[] = {{"charset=", 0, 10},
+                 {"charset=", kCase | kBack, 27},
+                 {"xml", 0, kRtNotFound},
+                 {"xml", kCase, 5},
+                 {"TEXT", kCase | kAnchor, 0},
+                 {"XML", kAnchor, kRtNotFound},
+                 {"=X", kAnchor | kBack | kCase, 34},
+                 {"", 0, kRtNotFound},
+                 {"\xe2\x82\xac", 0, kRtNotFound}};
     for (const auto &f : finds) {
         RtRange r = RtStringFind(s, make(f.pattern), f.options);
         EXPECT_EQ(r.location, f.location) << f.pattern << " " << f.options;
@@ -446,7 +481,8 @@ TEST_F(RtStringTest, FindsWithOptionsAndTestsAffixes) {
     }
 
     RtRange found;
-    EXPECT_FALSE(RtStringFindWithOptions(s, RTSTR("text"), RtRangeMake(1, 20), 0, &found)) << "outside the range";
+    EXPECT_FALSE(RtStringFindWithOptions(s, RTSTR("text"), RtRangeMake(1, 20), 0, &found))
+        << "outside the range";
     EXPECT_TRUE(RtStringFindWithOptions(s, RTSTR("utf"), RtRangeMake(1, 24), 0, &found));
     EXPECT_EQ(found.location, 19);
     EXPECT_FALSE(RtStringFindWithOptions(s, RTSTR("utf"), RtRangeMake(30, 50), 0, &found)) << "invalid range";
@@ -474,8 +510,9 @@ TEST_F(RtStringTest, FindsAndReplacesWithinARange) {
     EXPECT_EQ(RtStringFindAndReplace(m, RTSTR("+"), RTSTR(""), RtRangeMake(2, 4), 0), 2);
     EXPECT_EQ(text(m), "a+bc+d");
     EXPECT_EQ(RtStringFindAndReplace(m, RTSTR("+"), RTSTR("-"), all(), kRtCompareAnchored), 0);
-    EXPECT_EQ(RtStringFindAndReplace(m, RTSTR("+d"), RTSTR("!"), all(), kRtCompareAnchored | kRtCompareBackwards),
-              1);
+    EXPECT_EQ(
+        RtStringFindAndReplace(m, RTSTR("+d"), RTSTR("!"), all(), kRtCompareAnchored | kRtCompareBackwards),
+        1);
     EXPECT_EQ(text(m), "a+bc!");
     EXPECT_EQ(RtStringFindAndReplace(m, RTSTR("zz"), RTSTR("y"), RtRangeMake(0, 5), 0), 0);
     EXPECT_EQ(RtStringFindAndReplace(m, RTSTR("a"), RTSTR("y"), RtRangeMake(3, 9), 0), 0) << "invalid range";
@@ -512,9 +549,14 @@ TEST_F(RtStringTest, ReadsNumbersAndSeparatesIntoArrays) {
         int32_t i;
         double d;
     } numbers[] = {
-        {"42", 42, 42.0},       {"  -17xyz", -17, -17.0}, {"+3.75", 3, 3.75},
-        {"1e3", 1, 1000.0},     {"abc", 0, 0.0},          {"", 0, 0.0},
-        {"\t.5", 0, 0.5},       {"99999999999", INT32_MAX, 99999999999.0},
+        {"42", 42, 42.0},
+        {"  -17xyz", -17, -17.0},
+        {"+3.75", 3, 3.75},
+        {"1e3", 1, 1000.0},
+        {"abc", 0, 0.0},
+        {"", 0, 0.0},
+        {"\t.5", 0, 0.5},
+        {"99999999999", INT32_MAX, 99999999999.0},
         {"-99999999999", INT32_MIN, -99999999999.0},
     };
     for (const auto &c : numbers) {
@@ -536,7 +578,8 @@ TEST_F(RtStringTest, ReadsNumbersAndSeparatesIntoArrays) {
         {"\xe2\x82\xac|\xf0\x9f\x98\x80", "|", {"\xe2\x82\xac", "\xf0\x9f\x98\x80"}},
     };
     for (const auto &c : cases) {
-        RtArrayRef pieces = own(RtStringCreateArrayBySeparatingStrings(nullptr, make(c.in), make(c.separator)));
+        RtArrayRef pieces =
+            own(RtStringCreateArrayBySeparatingStrings(nullptr, make(c.in), make(c.separator)));
         ASSERT_NE(pieces, nullptr);
         std::vector<std::string> got;
         for (RtIndex i = 0; i < RtArrayGetCount(pieces); i++)

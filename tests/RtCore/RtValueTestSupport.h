@@ -11,15 +11,24 @@
 
 namespace rttest {
 
+// The bytes of d ("" for NULL).
+inline std::string bytesOf(RtDataRef d) {
+    return d ? std::string(reinterpret_cast<const char *>(RtDataGetBytePtr(d)), size_t(RtDataGetLength(d)))
+             : "";
+}
+
+// bytesOf() of a new data, released.
+inline std::string takeData(RtDataRef d) {
+    std::string t = bytesOf(d);
+    RtRelease(d);
+    return t;
+}
+
 // The UTF-8 text of s ("" for NULL; unconvertible characters become '?').
 inline std::string text(RtStringRef s) {
-    if (!s) return "";
-    RtIndex used = 0, n = RtStringGetLength(s);
-    RtStringGetBytes(s, RtRangeMake(0, n), kRtStringEncodingUTF8, '?', false, nullptr, 0, &used);
-    std::string out(size_t(used), '\0');
-    RtStringGetBytes(s, RtRangeMake(0, n), kRtStringEncodingUTF8, '?', false, reinterpret_cast<uint8_t *>(&out[0]),
-                     used, &used);
-    return out;
+    return s ? takeData(
+                   RtStringCreateExternalRepresentation(kRtAllocatorDefault, s, kRtStringEncodingUTF8, '?'))
+             : "";
 }
 
 // text() of a new string, released.
@@ -39,23 +48,10 @@ inline std::string formatted(RtTypeRef v) {
 inline RtStringRef str(const std::string &utf8) {
     return RtStringCreateWithCString(kRtAllocatorDefault, utf8.c_str(), kRtStringEncodingUTF8);
 }
-
 inline RtDataRef dataOf(const std::string &bytes) {
-    return RtDataCreate(kRtAllocatorDefault, reinterpret_cast<const uint8_t *>(bytes.data()), RtIndex(bytes.size()));
+    return RtDataCreate(kRtAllocatorDefault, reinterpret_cast<const uint8_t *>(bytes.data()),
+                        RtIndex(bytes.size()));
 }
-
-// The bytes of d ("" for NULL).
-inline std::string bytesOf(RtDataRef d) {
-    return d ? std::string(reinterpret_cast<const char *>(RtDataGetBytePtr(d)), size_t(RtDataGetLength(d))) : "";
-}
-
-// bytesOf() of a new data, released.
-inline std::string takeData(RtDataRef d) {
-    std::string t = bytesOf(d);
-    RtRelease(d);
-    return t;
-}
-
 template <typename T> RtNumberRef num(RtNumberType type, T value) {
     return RtNumberCreate(kRtAllocatorDefault, type, &value);
 }

@@ -26,7 +26,8 @@ RtTreeRef parse(const std::string &bytes, RtOptionFlags options = kRtXMLParserAl
 std::string failure(const std::string &bytes) {
     RtDataRef data = dataOf(bytes);
     RtDictionaryRef error = reinterpret_cast<RtDictionaryRef>(uintptr_t(1)); // must be overwritten
-    RtTreeRef tree = RtXMLTreeCreateFromDataWithError(nullptr, data, nullptr, kRtXMLParserAllOptions, 1, &error);
+    RtTreeRef tree =
+        RtXMLTreeCreateFromDataWithError(nullptr, data, nullptr, kRtXMLParserAllOptions, 1, &error);
     RtRelease(data);
     if (tree) {
         RtRelease(tree);
@@ -35,7 +36,8 @@ std::string failure(const std::string &bytes) {
     if (!error) return "no error dictionary";
     auto number = [&](RtStringRef key) {
         long value = -99;
-        RtNumberGetValue(static_cast<RtNumberRef>(RtDictionaryGetValue(error, key)), kRtNumberLongType, &value);
+        RtNumberGetValue(static_cast<RtNumberRef>(RtDictionaryGetValue(error, key)), kRtNumberLongType,
+                         &value);
         return std::to_string(value);
     };
     std::string s = number(kRtXMLTreeErrorStatusCode) + "|" + number(kRtXMLTreeErrorLineNumber) + "|" +
@@ -55,7 +57,9 @@ std::string shape(RtTreeRef t) {
     RtXMLNodeRef node = RtXMLTreeGetNode(t);
     std::string s;
     switch (RtXMLNodeGetTypeCode(node)) {
-    case kRtXMLNodeTypeDocument: s = "#doc"; break;
+    case kRtXMLNodeTypeDocument:
+        s = "#doc";
+        break;
     case kRtXMLNodeTypeElement: {
         s = text(RtXMLNodeGetString(node));
         auto info = static_cast<const RtXMLElementInfo *>(RtXMLNodeGetInfoPtr(node));
@@ -70,16 +74,27 @@ std::string shape(RtTreeRef t) {
         if (info->isEmpty) s += "/";
         break;
     }
-    case kRtXMLNodeTypeText: s = "'" + text(RtXMLNodeGetString(node)) + "'"; break;
-    case kRtXMLNodeTypeEntityReference: s = "&" + text(RtXMLNodeGetString(node)) + ";"; break;
-    case kRtXMLNodeTypeCDATASection: s = "CDATA'" + text(RtXMLNodeGetString(node)) + "'"; break;
-    case kRtXMLNodeTypeComment: s = "!'" + text(RtXMLNodeGetString(node)) + "'"; break;
+    case kRtXMLNodeTypeText:
+        s = "'" + text(RtXMLNodeGetString(node)) + "'";
+        break;
+    case kRtXMLNodeTypeEntityReference:
+        s = "&" + text(RtXMLNodeGetString(node)) + ";";
+        break;
+    case kRtXMLNodeTypeCDATASection:
+        s = "CDATA'" + text(RtXMLNodeGetString(node)) + "'";
+        break;
+    case kRtXMLNodeTypeComment:
+        s = "!'" + text(RtXMLNodeGetString(node)) + "'";
+        break;
     case kRtXMLNodeTypeProcessingInstruction:
         s = "?" + text(RtXMLNodeGetString(node)) + "'" +
             text(*static_cast<const RtStringRef *>(RtXMLNodeGetInfoPtr(node))) + "'";
         break;
-    case kRtXMLNodeTypeDocumentType: s = "DOCTYPE " + text(RtXMLNodeGetString(node)); break;
-    default: s = "?type" + std::to_string(RtXMLNodeGetTypeCode(node));
+    case kRtXMLNodeTypeDocumentType:
+        s = "DOCTYPE " + text(RtXMLNodeGetString(node));
+        break;
+    default:
+        s = "?type" + std::to_string(RtXMLNodeGetTypeCode(node));
     }
     if (RtTreeRef child = RtTreeGetFirstChild(t)) {
         s += "[";
@@ -111,14 +126,16 @@ TEST_F(XMLTreeTests, TrickyDocumentsTakeTheirShape) {
     // Only <x/> is empty; <x></x> is not, nor an element holding whitespace that was dropped.
     EXPECT_EQ(shapeOf("<r><x/><x></x><x> </x><x a='1'/><x a='1'></x></r>"), "#doc[r[x/ x x x{a=1}/ x{a=1}]]");
     // Names keep their prefixes and xmlns attributes stay attributes, in document order.
-    EXPECT_EQ(shapeOf("<SOAP-ENV:Envelope xmlns:SOAP-ENV='urn:e' z='1' a=\"2\" xmlns='urn:d' m:q='&amp;&#65;&lt;'>"
-                      "<SOAP-ENV:Body/></SOAP-ENV:Envelope>"),
-              "#doc[SOAP-ENV:Envelope{xmlns:SOAP-ENV=urn:e,z=1,a=2,xmlns=urn:d,m:q=&A<}[SOAP-ENV:Body/]]");
+    EXPECT_EQ(
+        shapeOf("<SOAP-ENV:Envelope xmlns:SOAP-ENV='urn:e' z='1' a=\"2\" xmlns='urn:d' m:q='&amp;&#65;&lt;'>"
+                "<SOAP-ENV:Body/></SOAP-ENV:Envelope>"),
+        "#doc[SOAP-ENV:Envelope{xmlns:SOAP-ENV=urn:e,z=1,a=2,xmlns=urn:d,m:q=&A<}[SOAP-ENV:Body/]]");
     // Non-ASCII names and text, and a long text made of many pieces.
     std::string longText(100000, 'w');
     EXPECT_EQ(shapeOf("<pr\xC3\xA9nom v='\xE6\x97\xA5'>caf\xC3\xA9 \xE2\x82\xAC</pr\xC3\xA9nom>"),
               "#doc[pr\xC3\xA9nom{v=\xE6\x97\xA5}['caf\xC3\xA9 \xE2\x82\xAC']]");
-    EXPECT_EQ(shapeOf("<a>\n" + longText + "\n" + longText + "</a>"), "#doc[a['\n" + longText + "\n" + longText + "']]");
+    EXPECT_EQ(shapeOf("<a>\n" + longText + "\n" + longText + "</a>"),
+              "#doc[a['\n" + longText + "\n" + longText + "']]");
 }
 
 TEST_F(XMLTreeTests, WhitespaceDeclaredEntitiesAndOptions) {
@@ -158,7 +175,8 @@ TEST_F(XMLTreeTests, NavigationAndOwnership) {
     EXPECT_EQ(RtXMLNodeGetTypeCode(RtXMLTreeGetNode(up)), kRtXMLNodeTypeDocument);
     EXPECT_EQ(shape(up), "#doc[r[a['1'] b/ c['3']]]");
     // Strings handed out are the tree's own but outlive it when retained.
-    RtStringRef name = static_cast<RtStringRef>(RtRetain(RtXMLNodeGetString(RtXMLTreeGetNode(RtTreeGetParent(text3)))));
+    RtStringRef name =
+        static_cast<RtStringRef>(RtRetain(RtXMLNodeGetString(RtXMLTreeGetNode(RtTreeGetParent(text3)))));
     RtRelease(text3); // the document dies here
     EXPECT_EQ(text(name), "c");
     RtRelease(name);
@@ -166,7 +184,8 @@ TEST_F(XMLTreeTests, NavigationAndOwnership) {
     // NULL and foreign objects are refused, not followed.
     EXPECT_EQ(RtTreeGetFirstChild(nullptr), nullptr);
     EXPECT_EQ(RtTreeGetChildCount(nullptr), 0);
-    EXPECT_EQ(RtXMLTreeGetNode(reinterpret_cast<RtTreeRef>(const_cast<void *>(static_cast<const void *>(RTSTR("x"))))),
+    EXPECT_EQ(RtXMLTreeGetNode(
+                  reinterpret_cast<RtTreeRef>(const_cast<void *>(static_cast<const void *>(RTSTR("x"))))),
               nullptr);
     EXPECT_EQ(RtXMLNodeGetTypeCode(nullptr), 0);
     EXPECT_EQ(RtXMLNodeGetInfoPtr(nullptr), nullptr);
@@ -187,7 +206,8 @@ bool _acceptNamed(RtTreeRef element, void *info) {
 
 void _record(RtTreeRef child, void *info) {
     auto *drained = static_cast<Drained *>(info);
-    drained->fShapes.push_back(text(RtXMLNodeGetString(RtXMLTreeGetNode(RtTreeGetParent(child)))) + ">" + shape(child));
+    drained->fShapes.push_back(text(RtXMLNodeGetString(RtXMLTreeGetNode(RtTreeGetParent(child)))) + ">" +
+                               shape(child));
     if (!drained->fKept)
         drained->fKept = static_cast<RtStringRef>(RtRetain(RtXMLNodeGetString(RtXMLTreeGetNode(child))));
 }
@@ -197,7 +217,8 @@ std::string drainedShape(const std::string &bytes, Drained &drained, RtIndex dep
     RtDataRef data = dataOf(bytes);
     RtXMLTreeDrainContext context = {depth, _acceptNamed, _record, &drained};
     RtDictionaryRef error = nullptr;
-    RtTreeRef tree = RtXMLTreeCreateFromDataDraining(nullptr, data, kRtXMLParserAllOptions, 1, &context, &error);
+    RtTreeRef tree =
+        RtXMLTreeCreateFromDataDraining(nullptr, data, kRtXMLParserAllOptions, 1, &context, &error);
     std::string s = tree ? shape(tree) : error ? "failed" : "failed without an error";
     for (RtTypeRef x : {RtTypeRef(data), RtTypeRef(tree), RtTypeRef(error)})
         RtRelease(x);
@@ -205,13 +226,15 @@ std::string drainedShape(const std::string &bytes, Drained &drained, RtIndex dep
 }
 
 TEST_F(XMLTreeTests, DrainingHandsOverEachChildOnceComplete) {
-    const std::string doc = "<r><skip><x/></skip><list a='1'>text&amp;<a x=\"1\"><b>1</b></a><!--c--><?pi d?>"
-                            "<![CDATA[z]]><a x=\"1\"/>  <c>a text longer than sixteen bytes</c>tail</list><after/></r>";
+    const std::string doc =
+        "<r><skip><x/></skip><list a='1'>text&amp;<a x=\"1\"><b>1</b></a><!--c--><?pi d?>"
+        "<![CDATA[z]]><a x=\"1\"/>  <c>a text longer than sixteen bytes</c>tail</list><after/></r>";
     Drained drained("list");
     EXPECT_EQ("#doc[r[skip[x/] list{a=1} after/]]", drainedShape(doc, drained, 2));
     const std::vector<std::string> children = {
-        "list>'text'", "list>&amp;", "list>a{x=1}[b['1']]", "list>!'c'", "list>?pi'd'", "list>CDATA'z'",
-        "list>a{x=1}/", "list>c['a text longer than sixteen bytes']", "list>'tail'"};
+        "list>'text'", "list>&amp;",    "list>a{x=1}[b['1']]", "list>!'c'",
+        "list>?pi'd'", "list>CDATA'z'", "list>a{x=1}/",        "list>c['a text longer than sixteen bytes']",
+        "list>'tail'"};
     EXPECT_EQ(children, drained.fShapes);
     // A string taken from a child outlives the child and the document.
     EXPECT_EQ("text", text(drained.fKept));
@@ -269,11 +292,15 @@ TEST_F(XMLTreeTests, Charsets) {
     // Read by expat itself: ISO Latin 1 and UTF-16 with either byte-order mark.
     EXPECT_EQ(shapeOf("<?xml version='1.0' encoding='ISO-8859-1'?><a v='\xE9'>caf\xE9</a>"),
               "#doc[a{v=\xC3\xA9}['caf\xC3\xA9']]");
-    const std::string doc16 = "<?xml version='1.0' encoding='UTF-16'?><a>Gr\xC3\xBC\xC3\x9F" "e &amp; \xC3\xA9</a>";
+    const std::string doc16 = "<?xml version='1.0' encoding='UTF-16'?><a>Gr\xC3\xBC\xC3\x9F"
+                              "e &amp; \xC3\xA9</a>";
     for (auto [mark, encoding] : {std::make_pair("\xFF\xFE", kRtStringEncodingUTF16LE),
                                   std::make_pair("\xFE\xFF", kRtStringEncodingUTF16BE)}) {
-        std::string bytes = mark + takeData(RtStringCreateExternalRepresentation(nullptr, own(str(doc16)), encoding, 0));
-        EXPECT_EQ(shapeOf(bytes), "#doc[a['Gr\xC3\xBC\xC3\x9F" "e ' &amp; ' \xC3\xA9']]") << mark;
+        std::string bytes =
+            mark + takeData(RtStringCreateExternalRepresentation(nullptr, own(str(doc16)), encoding, 0));
+        EXPECT_EQ(shapeOf(bytes), "#doc[a['Gr\xC3\xBC\xC3\x9F"
+                                  "e ' &amp; ' \xC3\xA9']]")
+            << mark;
     }
 
     // Through ICU: windows-1252 (euro sign, curly quotes), KOI8-R, an alias of ASCII.

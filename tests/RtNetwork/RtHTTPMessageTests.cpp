@@ -16,7 +16,8 @@ RtHTTPMessageRef parse(bool isRequest, const std::string &bytes, size_t piece, b
     *ok = true;
     for (size_t at = 0; at < bytes.size() && *ok; at += piece) {
         std::string chunk = bytes.substr(at, piece);
-        *ok = RtHTTPMessageAppendBytes(m, reinterpret_cast<const uint8_t *>(chunk.data()), RtIndex(chunk.size()));
+        *ok = RtHTTPMessageAppendBytes(m, reinterpret_cast<const uint8_t *>(chunk.data()),
+                                       RtIndex(chunk.size()));
     }
     return m;
 }
@@ -24,7 +25,8 @@ RtHTTPMessageRef parse(bool isRequest, const std::string &bytes, size_t piece, b
 class RtHTTPMessageTest : public LeakChecked {};
 
 TEST_F(RtHTTPMessageTest, RequestHeadersAreCaseInsensitiveAndKeepTheirOrder) {
-    RtURLRef url = own(RtURLCreateWithString(kRtAllocatorDefault, RTSTR("http://example.test:8080/RPC2?x=1"), nullptr));
+    RtURLRef url =
+        own(RtURLCreateWithString(kRtAllocatorDefault, RTSTR("http://example.test:8080/RPC2?x=1"), nullptr));
     RtHTTPMessageRef req = own(RtHTTPMessageCreateRequest(kRtAllocatorDefault, RTSTR("POST"), url, nullptr));
     EXPECT_EQ(nullptr, RtHTTPMessageCreateRequest(kRtAllocatorDefault, nullptr, url, nullptr));
 
@@ -34,8 +36,9 @@ TEST_F(RtHTTPMessageTest, RequestHeadersAreCaseInsensitiveAndKeepTheirOrder) {
     // Another spelling of a name replaces the value and keeps the first spelling and place.
     RtHTTPMessageSetHeaderFieldValue(req, RTSTR("user-agent"), RTSTR("ua2"));
     EXPECT_EQ("ua2", take(RtHTTPMessageCopyHeaderFieldValue(req, RTSTR("USER-AGENT"))));
-    EXPECT_EQ("POST /RPC2?x=1 HTTP/1.1\r\nUser-Agent: ua2\r\nHost: example.test\r\nContent-Type: text/xml\r\n\r\n",
-              takeData(RtHTTPMessageCopySerializedMessage(req)));
+    EXPECT_EQ(
+        "POST /RPC2?x=1 HTTP/1.1\r\nUser-Agent: ua2\r\nHost: example.test\r\nContent-Type: text/xml\r\n\r\n",
+        takeData(RtHTTPMessageCopySerializedMessage(req)));
     RtHTTPMessageSetHeaderFieldValue(req, RTSTR("HOST"), nullptr);
     EXPECT_EQ(nullptr, RtHTTPMessageCopyHeaderFieldValue(req, RTSTR("Host")));
 
@@ -52,7 +55,8 @@ TEST_F(RtHTTPMessageTest, RequestHeadersAreCaseInsensitiveAndKeepTheirOrder) {
 }
 
 TEST_F(RtHTTPMessageTest, ResponsesKeepTheirStatusLine) {
-    RtHTTPMessageRef ok = own(RtHTTPMessageCreateResponse(kRtAllocatorDefault, 404, nullptr, kRtHTTPVersion1_0));
+    RtHTTPMessageRef ok =
+        own(RtHTTPMessageCreateResponse(kRtAllocatorDefault, 404, nullptr, kRtHTTPVersion1_0));
     EXPECT_EQ("HTTP/1.0 404 Not Found", take(RtHTTPMessageCopyResponseStatusLine(ok)));
 
     // Parsed in every piece size, the message is the same: status line as sent, folded and
@@ -72,7 +76,8 @@ TEST_F(RtHTTPMessageTest, ResponsesKeepTheirStatusLine) {
         EXPECT_TRUE(RtHTTPMessageIsHeaderComplete(m));
         EXPECT_EQ(500, RtHTTPMessageGetResponseStatusCode(m));
         EXPECT_EQ("HTTP/1.1 500 Server Fell Over  ", take(RtHTTPMessageCopyResponseStatusLine(m)));
-        EXPECT_EQ("text/xml; charset=utf-8", take(RtHTTPMessageCopyHeaderFieldValue(m, RTSTR("content-type"))));
+        EXPECT_EQ("text/xml; charset=utf-8",
+                  take(RtHTTPMessageCopyHeaderFieldValue(m, RTSTR("content-type"))));
         EXPECT_EQ("a, b", take(RtHTTPMessageCopyHeaderFieldValue(m, RTSTR("X-Multi"))));
         EXPECT_EQ("<fault/>\r\n\r\nmore", takeData(RtHTTPMessageCopyBody(m)));
     }
@@ -84,9 +89,9 @@ TEST_F(RtHTTPMessageTest, ResponsesKeepTheirStatusLine) {
 
 TEST_F(RtHTTPMessageTest, ParsingRefusesWhatIsNotAMessage) {
     const char *bad[] = {
-        "SPLORK 42 WHAT\r\n\r\n",               // no HTTP version
-        "HTTP/1.1 2000 OK\r\n\r\n",             // four-digit status
-        "HTTP/1.1 abc OK\r\n\r\n",              // no status code
+        "SPLORK 42 WHAT\r\n\r\n",   // no HTTP version
+        "HTTP/1.1 2000 OK\r\n\r\n", // four-digit status
+        "HTTP/1.1 abc OK\r\n\r\n",  // no status code
         "HTTP/1.1 200 OK\r\nno colon here\r\n\r\n",
         "HTTP/1.1 200 OK\r\nBad Name: x\r\n\r\n", // space in a field name
         "HTTP/1.1 200 OK\r\n folded first\r\n\r\n",
@@ -111,11 +116,13 @@ TEST_F(RtHTTPMessageTest, ParsingRefusesWhatIsNotAMessage) {
 
 TEST_F(RtHTTPMessageTest, ParsedRequestsNameTheirURL) {
     bool good = false;
-    RtHTTPMessageRef req = own(parse(true, "\r\nPOST /RPC2 HTTP/1.0\r\nHost: 127.0.0.1:9\r\n\r\nabc", 5, &good));
+    RtHTTPMessageRef req =
+        own(parse(true, "\r\nPOST /RPC2 HTTP/1.0\r\nHost: 127.0.0.1:9\r\n\r\nabc", 5, &good));
     ASSERT_TRUE(good);
     EXPECT_EQ("HTTP/1.0", take(RtHTTPMessageCopyVersion(req)));
     EXPECT_EQ("http://127.0.0.1:9/RPC2", text(RtURLGetString(own(RtHTTPMessageCopyRequestURL(req)))));
-    EXPECT_EQ("POST /RPC2 HTTP/1.0\r\nHost: 127.0.0.1:9\r\n\r\nabc", takeData(RtHTTPMessageCopySerializedMessage(req)));
+    EXPECT_EQ("POST /RPC2 HTTP/1.0\r\nHost: 127.0.0.1:9\r\n\r\nabc",
+              takeData(RtHTTPMessageCopySerializedMessage(req)));
 }
 
 } // namespace

@@ -1,6 +1,7 @@
-// HTTP read stream against real servers on 127.0.0.1: round trips, a GET, redirects, every fault ending in exactly one error event, TLS verification, and clients that
-// close or release the stream from their callback. Proxies, connection reuse, redirect loops
-// and stalls are pinned through the transport in tests/integration.
+// HTTP read stream against real servers on 127.0.0.1: round trips, a GET, redirects, every fault ending in
+// exactly one error event, TLS verification, and clients that close or release the stream from their
+// callback. Proxies, connection reuse, redirect loops and stalls are pinned through the transport in
+// tests/integration.
 #include <RtNetwork/RtNetwork.h>
 
 #include "../RtCore/RtValueTestSupport.h"
@@ -34,19 +35,21 @@ constexpr RtTimeInterval kGuard = 30;
 const RtOptionFlags kAllEvents = kRtStreamEventOpenCompleted | kRtStreamEventHasBytesAvailable |
                                  kRtStreamEventErrorOccurred | kRtStreamEventEndEncountered;
 
-RtHTTPMessageRef makeRequest(const std::string &url, const std::string &method = "POST", const std::string &body = "",
-                             const hvtest::HTTPHeaders &headers = {}) {
+RtHTTPMessageRef makeRequest(const std::string &url, const std::string &method = "POST",
+                             const std::string &body = "", const hvtest::HTTPHeaders &headers = {}) {
     RtStringRef u = str(url), m = str(method);
     RtURLRef parsed = RtURLCreateWithString(kRtAllocatorDefault, u, nullptr);
     RtHTTPMessageRef req = RtHTTPMessageCreateRequest(kRtAllocatorDefault, m, parsed, nullptr);
     for (auto &[name, value] : headers) {
         RtStringRef n = str(name), v = str(value);
         RtHTTPMessageSetHeaderFieldValue(req, n, v);
-        for (RtTypeRef x : {RtTypeRef(n), RtTypeRef(v)}) RtRelease(x);
+        for (RtTypeRef x : {RtTypeRef(n), RtTypeRef(v)})
+            RtRelease(x);
     }
     RtDataRef d = body.empty() ? nullptr : dataOf(body);
     if (d) RtHTTPMessageSetBody(req, d);
-    for (RtTypeRef x : {RtTypeRef(d), RtTypeRef(parsed), RtTypeRef(u), RtTypeRef(m)}) RtRelease(x);
+    for (RtTypeRef x : {RtTypeRef(d), RtTypeRef(parsed), RtTypeRef(u), RtTypeRef(m)})
+        RtRelease(x);
     return req;
 }
 
@@ -91,7 +94,8 @@ void attach(RtReadStreamRef stream, Outcome &out, RtStringRef mode) {
 // Runs mode until the stream ends or fails, or a run handles no source, reading as bytes arrive.
 int32_t runUntilDone(RtReadStreamRef stream, Outcome &out, RtStringRef mode) {
     int32_t result = kRtRunLoopRunHandledSource;
-    while (!out.fDone && result == kRtRunLoopRunHandledSource && RtReadStreamGetStatus(stream) != kRtStreamStatusClosed) {
+    while (!out.fDone && result == kRtRunLoopRunHandledSource &&
+           RtReadStreamGetStatus(stream) != kRtStreamStatusClosed) {
         result = RtRunLoopRunInMode(mode, kGuard, true);
         uint8_t buf[1024];
         for (RtIndex n = sizeof buf; out.fReadPending && n == RtIndex(sizeof buf);) {
@@ -161,7 +165,9 @@ void expectOneError(const Outcome &out, int code) {
 class RtReadStreamTest : public LeakChecked {
   protected:
     // The first exchange on a thread makes the thread's transfer machinery, which lives on.
-    static void SetUpTestSuite() { exchange("http://127.0.0.1:" + std::to_string(hvtest::freeLoopbackPort()) + "/"); }
+    static void SetUpTestSuite() {
+        exchange("http://127.0.0.1:" + std::to_string(hvtest::freeLoopbackPort()) + "/");
+    }
 };
 
 TEST_F(RtReadStreamTest, RoundTripSendsExactlyTheMessageFields) {
@@ -174,9 +180,9 @@ TEST_F(RtReadStreamTest, RoundTripSendsExactlyTheMessageFields) {
     });
     // Long enough (over 1 MB) that libcurl would otherwise ask "Expect: 100-continue".
     std::string body(1100000, 'b');
-    RtHTTPMessageRef req = own(makeRequest(server.url("/RPC2"), "POST", body,
-                                           {{"Host", "127.0.0.1"}, {"User-Agent", "tests"},
-                                            {"Content-Type", "text/xml"}, {"X-Custom", "a b"}}));
+    RtHTTPMessageRef req = own(makeRequest(
+        server.url("/RPC2"), "POST", body,
+        {{"Host", "127.0.0.1"}, {"User-Agent", "tests"}, {"Content-Type", "text/xml"}, {"X-Custom", "a b"}}));
     Outcome out = exchange(req);
     expectCleanEnd(out);
     EXPECT_EQ(200, out.statusCode);
@@ -189,8 +195,11 @@ TEST_F(RtReadStreamTest, RoundTripSendsExactlyTheMessageFields) {
     EXPECT_EQ("HTTP/1.1", seen.version);
     EXPECT_EQ(body, seen.body);
     EXPECT_EQ(5u, seen.headers.size()) << "no Expect, Accept or Transfer-Encoding of libcurl's own";
-    for (auto [name, value] : {std::make_pair("Content-Length", "1100000"), {"Content-Type", "text/xml"},
-                               {"Host", "127.0.0.1"}, {"User-Agent", "tests"}, {"X-Custom", "a b"}})
+    for (auto [name, value] : {std::make_pair("Content-Length", "1100000"),
+                               {"Content-Type", "text/xml"},
+                               {"Host", "127.0.0.1"},
+                               {"User-Agent", "tests"},
+                               {"X-Custom", "a b"}})
         EXPECT_EQ(value, seen.header(name)) << name;
 }
 
@@ -283,13 +292,14 @@ TEST_F(RtReadStreamTest, ClientsMayCloseOrReleaseFromTheirCallback) {
     RtHTTPMessageRef req = own(makeRequest(server.url("/"), "GET"));
     RtReadStreamRef stream = RtReadStreamCreateForHTTPRequest(kRtAllocatorDefault, req);
     RtStreamClientContext ctx = {0, &calls, nullptr, nullptr, nullptr};
-    RtReadStreamSetClient(stream, kAllEvents,
-                          [](RtReadStreamRef s, RtStreamEventType, void *info) {
-                              ++*static_cast<int *>(info);
-                              RtReadStreamClose(s);
-                              RtRelease(s);
-                          },
-                          &ctx);
+    RtReadStreamSetClient(
+        stream, kAllEvents,
+        [](RtReadStreamRef s, RtStreamEventType, void *info) {
+            ++*static_cast<int *>(info);
+            RtReadStreamClose(s);
+            RtRelease(s);
+        },
+        &ctx);
     RtReadStreamScheduleWithRunLoop(stream, RtRunLoopGetCurrent(), kMode);
     ASSERT_TRUE(RtReadStreamOpen(stream));
     EXPECT_EQ(kRtRunLoopRunHandledSource, RtRunLoopRunInMode(kMode, kGuard, true));
@@ -327,10 +337,12 @@ TEST_F(RtReadStreamTest, HTTPSRefusesACertificateNobodyVouchesFor) {
     char dir[] = "/tmp/rtnet-tls-XXXXXX";
     ASSERT_TRUE(mkdtemp(dir));
     std::string d = dir, port = std::to_string(hvtest::freeLoopbackPort());
-    std::string make = "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -subj /CN=127.0.0.1 "
-                       "-days 1 -keyout " + d + "/key.pem -out " + d + "/cert.pem >/dev/null 2>&1";
-    std::string serve = "exec timeout 30 openssl s_server -naccept 1 -www -accept 127.0.0.1:" + port + " -cert " + d +
-                        "/cert.pem -key " + d + "/key.pem 2>/dev/null";
+    std::string make =
+        "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -subj /CN=127.0.0.1 "
+        "-days 1 -keyout " +
+        d + "/key.pem -out " + d + "/cert.pem >/dev/null 2>&1";
+    std::string serve = "exec timeout 30 openssl s_server -naccept 1 -www -accept 127.0.0.1:" + port +
+                        " -cert " + d + "/cert.pem -key " + d + "/key.pem 2>/dev/null";
     FILE *server = std::system(make.c_str()) == 0 ? popen(serve.c_str(), "r") : nullptr;
     char line[256] = "";
     while (server && std::strncmp(line, "ACCEPT", 6) != 0 && fgets(line, sizeof line, server)) {
