@@ -1,6 +1,9 @@
-// Every way a call can fail before a reply is judged: requests that cannot be built or sent,
-// servers that close, reset, stall or misbehave, the time-out, and perform in the wrong state.
-// Each ends in exactly one fault result on both roads. Also the diagnostic log lines.
+// Every way a call can fail before a reply is judged, each on both roads: requests that cannot
+// be built or sent, the transport's fault matrix (servers that refuse, close, reset, stall, lie
+// about their framing or loop; names that do not resolve; TLS to a plain server; invalid UTF-8),
+// replies that are slow or huge, perform in the wrong state, and the diagnostic log lines. Each
+// call delivers exactly one result (the stall without a time-out none) and leaves no runtime
+// object behind; LeakSanitizer checks the rest of the memory when the suite ends.
 #include "FaultServer.h"
 #include "HalvoUtils.h"
 #include "ScriptedHTTPServer.h"
@@ -12,14 +15,39 @@
 #include <unistd.h>
 
 using namespace hvit;
+using namespace std::chrono_literals;
+using hvtest::FaultScript;
 using testing::HasSubstr;
 
 namespace {
 
-class TransportFaults : public testing::TestWithParam<Road> {};
-
 const char *const kHelloReply = "<?xml version=\"1.0\"?>\n<methodResponse><params><param><value><string>hello"
                                 "</string></value></param></params></methodResponse>\n";
+
+// Counts the runtime objects alive around one test: every call's objects must be gone once its
+// outcome is released. The first calls of the process fill caches that live for good (the
+// thread's run loop, the User-Agent text, the protocols' tables), so warm-up calls run before
+// the count is taken.
+class LiveObjects : public testing::Test {
+protected:
+    void SetUp() override {
+        static bool sWarm = false;
+        if (!sWarm) {
+            hvtest::ScriptedHTTPServer server;
+            server.reply("*", "*", hvtest::ScriptedReply::xml(kHelloReply));
+            Invocation(server.url("/RPC2"), "echo").run(Road::eSync);
+            Invocation(server.url("/RPC2"), "echo", kHVSOAP2001Protocol).run(Road::eAsync);
+            sWarm = true;
+        }
+        fLive = RtRuntimeGetLiveObjectCount();
+    }
+    void TearDown() override { EXPECT_EQ(RtRuntimeGetLiveObjectCount(), fLive) << "runtime objects leaked"; }
+
+private:
+    long fLive = 0;
+};
+
+class TransportFaults : public LiveObjects, public testing::WithParamInterface<Road> {};
 
 } // namespace
 
@@ -56,80 +84,138 @@ TEST_P(TransportFaults, RequestCannotBeSent) {
     EXPECT_EQ(server.requestCount(), 0u);
 }
 
-// Servers that fail the exchange: the stream's own error ({libcurl domain 20, CURLcode}).
-TEST_P(TransportFaults, StreamErrors) {
+// The fault matrix. In url, "{port}" is the fault server's port and "{free}" a port nobody
+// listens on; a row without a script has no server. A message starting with '~' is a part of
+// the message. judged: a reply arrived and was judged, so the debug entries are there.
+TEST_P(TransportFaults, Matrix) {
+    const std::string notUTF8 = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<methodResponse><params><param><value>"
+                                "<string>caf\xE9 \xFF\xFE</string></value></param></params></methodResponse>\n";
+    const std::string local = "http://127.0.0.1:{port}/RPC2";
     struct Row {
         const char *name;
-        hvtest::FaultScript script;
-        int error;
+        FaultScript script;
+        std::string url;
+        int32_t timeout; // seconds; 0 for no time-out property
+        const char *message;
+        int64_t domain, error;
+        bool judged;
+        RtStringRef protocol;
     } rows[] = {
-        // name                script                                          CURLcode
-        {"no reply", hvtest::FaultScript::closeBeforeStatus(), 52},            // GOT_NOTHING
-        {"reset before status", hvtest::FaultScript::resetBeforeStatus(), 56}, // RECV_ERROR
-        {"reset in headers", hvtest::FaultScript::resetMidHeaders(), 56},
-        {"reset in body", hvtest::FaultScript::resetMidBody(), 56},
-        {"body cut short", hvtest::FaultScript::bodyShorterThanLength(), 18}, // PARTIAL_FILE
-        {"broken chunks", hvtest::FaultScript::brokenChunked(), 56},
-        {"redirect loop", hvtest::FaultScript::redirectLoop(), 47}, // TOO_MANY_REDIRECTS
-        {"garbage status line", hvtest::FaultScript::garbageStatusLine(), 1},
+        // name             script                                   url                       time-out message domain error (CURLcode)
+        {"refused", FaultScript(), "http://127.0.0.1:{free}/", 0, "Stream Error", 20, 7, false, kHVXMLRPCProtocol},
+        {"closed before status", FaultScript::closeBeforeStatus(), local, 0, "Stream Error", 20, 52, false, kHVXMLRPCProtocol},
+        {"reset before status", FaultScript::resetBeforeStatus(), local, 0, "Stream Error", 20, 56, false, kHVXMLRPCProtocol},
+        {"reset in headers", FaultScript::resetMidHeaders(), local, 0, "Stream Error", 20, 56, false, kHVXMLRPCProtocol},
+        {"reset in body", FaultScript::resetMidBody(), local, 0, "Stream Error", 20, 56, false, kHVXMLRPCProtocol},
+        {"body shorter", FaultScript::bodyShorterThanLength(), local, 0, "Stream Error", 20, 18, false, kHVXMLRPCProtocol},
+        {"broken chunks", FaultScript::brokenChunked(), local, 0, "Stream Error", 20, 56, false, kHVXMLRPCProtocol},
+        {"redirect loop", FaultScript::redirectLoop(), "http://127.0.0.1:{port}/loop", 0, "Stream Error", 20, 47, false,
+         kHVXMLRPCProtocol},
+        {"garbage status line", FaultScript::garbageStatusLine(), local, 0, "Stream Error", 20, 1, false, kHVXMLRPCProtocol},
+        // A first label over the 63 bytes DNS allows, under .invalid: the resolver refuses the
+        // name itself, so no query leaves the machine.
+        {"unresolvable host", FaultScript(), "http://" + std::string(64, 'n') + ".invalid/RPC2", 0, "Stream Error", 20, 6,
+         false, kHVXMLRPCProtocol},
+        {"TLS to plain HTTP", FaultScript().send("HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\n\r\n").close(),
+         "https://127.0.0.1:{port}/RPC2", 0, "Stream Error", 20, 35, false, kHVXMLRPCProtocol},
+        // The stall outlasts the time-out; the reply that comes after it changes nothing.
+        {"stall past the time-out", FaultScript().readRequest().sleep(1800ms).send(std::string("HTTP/1.1 200 OK\r\n\r\n") + kHelloReply).close(),
+         local, 1, "Timed Out", -1, -65796, false, kHVXMLRPCProtocol},
+        // The body is cut at its declared length, so the parser names the line it stopped at.
+        {"body longer", FaultScript::bodyLongerThanLength(), local, 0, "~(line ", -1, -65795, true, kHVXMLRPCProtocol},
+        {"status 503", FaultScript::reply("503 Come Back Later", "text/plain", "busy"), local, 0,
+         "HTTP/1.1 503 Come Back Later", -1, -65795, true, kHVXMLRPCProtocol},
+        {"invalid UTF-8", FaultScript::reply("200 OK", "text/xml; charset=utf-8", notUTF8), local, 0, "~(line 2, pos ",
+         -1, -65795, true, kHVXMLRPCProtocol},
+        {"invalid UTF-8, SOAP", FaultScript::reply("200 OK", "text/xml; charset=utf-8", notUTF8), local, 0,
+         "~(line 2, pos ", -1, -65795, true, kHVSOAP2001Protocol},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);
-        hvtest::FaultServer server(row.script);
-        Outcome outcome = Invocation(server.url("/loop"), "echo").run(GetParam());
+        std::unique_ptr<hvtest::FaultServer> server;
+        std::string url = row.url;
+        if (!row.script.actions().empty()) {
+            server = std::make_unique<hvtest::FaultServer>(row.script);
+            url.replace(url.find("{port}"), 6, std::to_string(server->port()));
+        } else if (url.find("{free}") != std::string::npos) {
+            url.replace(url.find("{free}"), 6, std::to_string(hvtest::freeLoopbackPort()));
+        }
+        Invocation call(url, "echo", row.protocol);
+        if (row.timeout)
+            call.property(kHVMethodInvocationTimeoutValue, newNumber(row.timeout));
+        Outcome outcome = call.run(GetParam(), row.timeout ? 1.5 : 0.05);
         ASSERT_EQ(outcome.callbacks, 1);
-        expectStreamFault(outcome, "Stream Error", 20, row.error);
+        if (row.message[0] == '~') {
+            EXPECT_THAT(outcome.streamMessage(), HasSubstr(row.message + 1));
+            expectStreamFault(outcome, outcome.streamMessage(), row.domain, row.error);
+        } else {
+            expectStreamFault(outcome, row.message, row.domain, row.error);
+        }
+        if (row.judged)
+            expectDebugEntries(outcome, true);
+        else
+            EXPECT_EQ(outcome.value(kHVDebugOutgoingHeaders), nullptr);
     }
-
-    Outcome refused =
-        Invocation("http://127.0.0.1:" + std::to_string(hvtest::freeLoopbackPort()) + "/", "echo").run(GetParam());
-    ASSERT_EQ(refused.callbacks, 1);
-    expectStreamFault(refused, "Stream Error", 20, 7); // COULDNT_CONNECT
 }
 
-// Replies that arrive whole but wrong, and one that arrives a byte at a time.
-TEST_P(TransportFaults, OddButCompleteReplies) {
-    hvtest::FaultServer longer(hvtest::FaultScript::bodyLongerThanLength());
-    Outcome truncated = Invocation(longer.url("/RPC2"), "echo").run(GetParam());
-    ASSERT_EQ(truncated.callbacks, 1);
-    expectStreamFault(truncated, truncated.streamMessage(), -1, -65795);
-    EXPECT_THAT(truncated.streamMessage(), HasSubstr("(line "));
-
-    hvtest::FaultServer statusLine(hvtest::FaultScript::reply("503 Come Back Later", "text/plain", "busy"));
-    Outcome unavailable = Invocation(statusLine.url("/RPC2"), "echo").run(GetParam());
-    ASSERT_EQ(unavailable.callbacks, 1);
-    expectStreamFault(unavailable, "HTTP/1.1 503 Come Back Later", -1, -65795);
-    expectDebugEntries(unavailable, true);
-
-    hvtest::FaultServer trickle(hvtest::FaultScript::slowTrickle(std::chrono::milliseconds(1)));
+// A reply that arrives a byte at a time, and one of 100 MB, are read whole.
+TEST_P(TransportFaults, SlowAndHugeRepliesArriveWhole) {
+    hvtest::FaultServer trickle(FaultScript::slowTrickle(1ms));
     Outcome slow = Invocation(trickle.url("/RPC2"), "echo").run(GetParam());
     ASSERT_EQ(slow.callbacks, 1);
     EXPECT_EQ(slow.resultText(), "fault server says hello");
-}
 
-// A server that never answers: the time-out property ends the call with "Timed Out".
-TEST_P(TransportFaults, StallPastTheTimeOut) {
-    hvtest::FaultServer server(hvtest::FaultScript::neverAnswer());
-    Invocation call(server.url("/RPC2"), "echo");
-    call.property(kHVMethodInvocationTimeoutValue, newNumber(1));
-    Outcome outcome = call.run(GetParam());
-    ASSERT_EQ(outcome.callbacks, 1);
-    expectStreamFault(outcome, "Timed Out", -1, -65796);
-    EXPECT_EQ(outcome.value(kHVDebugOutgoingHeaders), nullptr);
-}
-
-// A reply that comes after the time-out changes nothing: the result was delivered once.
-TEST_P(TransportFaults, ReplyAfterTheTimeOutIsIgnored) {
+    const size_t kPiece = 100 * 1000, kPieces = 1000;
+    std::string piece;
+    for (size_t i = 0; i < kPiece; i++)
+        piece += static_cast<char>('a' + i % 26);
     hvtest::ScriptedHTTPServer server;
-    hvtest::ScriptedReply late = hvtest::ScriptedReply::xml(kHelloReply);
-    late.delay = std::chrono::milliseconds(2000);
-    server.reply("*", "*", late);
-    Invocation call(server.url("/RPC2"), "echo");
-    call.property(kHVMethodInvocationTimeoutValue, newNumber(1));
-    Outcome outcome = call.run(GetParam(), 1.5);
-    ASSERT_EQ(outcome.callbacks, 1);
-    expectStreamFault(outcome, "Timed Out", -1, -65796);
-    EXPECT_EQ(server.requestCount(), 1u);
+    hvtest::ScriptedReply reply = hvtest::ScriptedReply::xml(piece);
+    reply.bodyRepeat = kPieces;
+    reply.bodyHead = "<?xml version=\"1.0\"?>\n<methodResponse><params><param><value><string>";
+    reply.bodyTail = "</string></value></param></params></methodResponse>\n";
+    server.reply("*", "*", reply);
+    Outcome huge = Invocation(server.url("/RPC2"), "echo").run(GetParam());
+    ASSERT_EQ(huge.callbacks, 1);
+    ASSERT_FALSE(huge.isFault()) << huge.streamMessage();
+    RtTypeRef value = huge.value(kHVMethodInvocationResult);
+    ASSERT_TRUE(value && RtGetTypeID(value) == RtStringGetTypeID());
+    EXPECT_EQ(RtStringGetLength(static_cast<RtStringRef>(value)), static_cast<RtIndex>(kPiece * kPieces));
+}
+
+namespace {
+
+void _countCallback(HVMethodInvocationRef, void *info, RtDictionaryRef result) {
+    ++*static_cast<int *>(info);
+    if (result)
+        RtRelease(result);
+}
+
+} // namespace
+
+// A server that never answers and no time-out property: the call waits as long as its loop runs.
+// The test bounds it with the run loop's own limit, then unschedules and releases the call,
+// which must tear the exchange down without a callback, a crash or a leak.
+using TransportStall = LiveObjects;
+
+TEST_F(TransportStall, WithoutTimeOutEndsWhenReleased) {
+    hvtest::FaultServer server(FaultScript::neverAnswer());
+    int callbacks = 0;
+    {
+        Invocation call(server.url("/RPC2"), "echo");
+        HVClientContext context = {0, &callbacks, nullptr, nullptr, nullptr};
+        HVMethodInvocationSetCallBack(call.get(), _countCallback, &context);
+        HVMethodInvocationScheduleWithRunLoop(call.get(), RtRunLoopGetCurrent(), asyncTestMode());
+        RtAbsoluteTime end = RtAbsoluteTimeGetCurrent() + 1.5;
+        while (RtAbsoluteTimeGetCurrent() < end)
+            RtRunLoopRunInMode(asyncTestMode(), end - RtAbsoluteTimeGetCurrent(), false);
+        EXPECT_EQ(server.connectionCount(), 1u);
+        HVMethodInvocationUnscheduleFromRunLoop(call.get(), RtRunLoopGetCurrent(), asyncTestMode());
+        HVMethodInvocationSetCallBack(call.get(), nullptr, nullptr);
+    }
+    // Nothing is left in the mode that could still call back.
+    EXPECT_EQ(RtRunLoopRunInMode(asyncTestMode(), 0.2, false), kRtRunLoopRunFinished);
+    EXPECT_EQ(callbacks, 0);
 }
 
 namespace {
@@ -144,7 +230,7 @@ void _scheduleInSecondMode(RtRunLoopTimerRef, void *info) {
 // Scheduling a call that is waiting for its reply signals it again: perform finds it still
 // waiting for the stream and ends it with "Timed Out Waiting For Open".
 TEST_P(TransportFaults, PerformWhileWaitingForTheStream) {
-    hvtest::FaultServer server(hvtest::FaultScript::neverAnswer());
+    hvtest::FaultServer server(FaultScript::neverAnswer());
     Invocation call(server.url("/RPC2"), "echo");
     RtRunLoopTimerContext context = {0, const_cast<void *>(static_cast<const void *>(call.get())), nullptr, nullptr,
                                      nullptr};

@@ -5,55 +5,22 @@
 
 #include "PythonPeer.h"
 
-#include <cstdio>
-#include <cstdlib>
-#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace xmlrpctest;
 
 namespace {
 
-struct PythonRun {
-    int status;
-    std::string output;
-};
-
-// Runs the codec with args (no shell: expressions pass untouched) and collects its output.
-PythonRun runCodec(std::vector<std::string> args) {
+// Runs the codec with args (no shell: expressions pass untouched).
+hvtest::Finished runCodec(std::vector<std::string> args) {
     args.insert(args.begin(), {hvtest::PythonPeer::interpreter(), std::string(HV_SOURCE_DIR) + "/tests/interop/xmlrpc_codec.py"});
-    int out[2];
-    if (pipe(out) != 0)
-        return {-1, "pipe failed"};
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(out[1], 1);
-        dup2(out[1], 2);
-        close(out[0]);
-        close(out[1]);
-        std::vector<char *> argv;
-        for (std::string &arg : args)
-            argv.push_back(&arg[0]);
-        argv.push_back(nullptr);
-        execvp(argv[0], argv.data());
-        _exit(127);
-    }
-    close(out[1]);
-    PythonRun run{-1, ""};
-    char buffer[65536];
-    for (ssize_t n; (n = read(out[0], buffer, sizeof buffer)) > 0;)
-        run.output.append(buffer, static_cast<size_t>(n));
-    close(out[0]);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return run;
+    return hvtest::run(args);
 }
 
 std::string pythonWrites(std::vector<std::string> args) {
-    PythonRun run = runCodec(std::move(args));
-    EXPECT_EQ(0, run.status) << run.output;
-    return run.output;
+    hvtest::Finished run = runCodec(std::move(args));
+    EXPECT_EQ(0, run.status) << run.err;
+    return run.out;
 }
 
 // Python's loads of document compared, in Python, with the expected expression.
@@ -63,11 +30,11 @@ std::string pythonWrites(std::vector<std::string> args) {
     if (fd < 0 || write(fd, document.data(), document.size()) != static_cast<ssize_t>(document.size()))
         return ::testing::AssertionFailure() << "cannot write " << path;
     close(fd);
-    PythonRun run = runCodec({"check", path, expected});
+    hvtest::Finished run = runCodec({"check", path, expected});
     unlink(path);
     if (run.status == 0)
         return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << run.output << "\ndocument:\n" << document;
+    return ::testing::AssertionFailure() << run.out << run.err << "\ndocument:\n" << document;
 }
 
 // A big text, so that readers see it in more than one piece; bigTextExpression builds the same
@@ -176,7 +143,7 @@ TEST(XMLRPCInterop, CallsToPythonServer) {
         return result;
     };
 
-    Value echoed = Dict({{"i", I(-7)}, {"s", S("a<b&c'\"d> caf\xC3\xA9")}, {"t", B(true)}, {"d", D(0.25)},
+    Value echoed = Dict({{"i", I(-7)}, {"s", S("a<b&c'\"d> caf\xC3\xA9")}, {"t", B(true)}, {"f", B(false)}, {"d", D(0.25)},
                          {"b", Bytes(std::string("\0\xFF", 2))}, {"a", A({I(1), A({}), Dict({})})}});
     EXPECT_TRUE(sameValue(echoed, call("echo", Dict({{"x", echoed}}), Value())["/Result"]));
     EXPECT_TRUE(sameValue(I(5), call("add", Dict({{"b", I(3)}, {"a", I(2)}}), A({S("a"), S("b")}))["/Result"]));
@@ -185,6 +152,10 @@ TEST(XMLRPCInterop, CallsToPythonServer) {
     EXPECT_TRUE(HVMethodResultIsFault(fault.dict()));
     EXPECT_TRUE(sameValue(I(4), fault["/FaultCode"]));
     EXPECT_TRUE(sameValue(S("Too <many>"), fault["/FaultString"]));
+
+    // Python answers an unknown method with a fault of its own.
+    Value unknown = call("no.such.method", Dict({}), Value());
+    EXPECT_TRUE(HVMethodResultIsFault(unknown.dict())) << describe(unknown.get());
 
     // Python's server converts dates strictly and refuses the "Z" our dates end in: a server fault.
     Value date = call("echo", Dict({{"x", Date(0)}}), Value());
