@@ -36,7 +36,7 @@ TEST_P(TransportCalls, TimeOutsThatDoNotLimit) {
     for (int32_t limit : {0, -5, 30}) {
         SCOPED_TRACE(limit);
         Invocation quick(server.url("/RPC2"), "echo");
-        quick.property(kHVMethodInvocationTimeoutValue, newNumber(limit));
+        quick.property(kHVMethodInvocationTimeoutValue, I(limit));
         Outcome done = quick.run(GetParam());
         ASSERT_EQ(done.callbacks, 1);
         EXPECT_EQ(done.resultText(), "hello") << done.streamMessage();
@@ -47,7 +47,7 @@ TEST_P(TransportCalls, TimeOutsThatDoNotLimit) {
 TEST_P(TransportCalls, StandardRequestOnTheWire) {
     hvtest::ScriptedHTTPServer server;
     server.reply("*", "*", hvtest::ScriptedReply::xml(kHelloReply));
-    Outcome outcome = Invocation(server.url("/RPC2?x=1"), "echo").param("s", newString("hi")).run(GetParam());
+    Outcome outcome = Invocation(server.url("/RPC2?x=1"), "echo").param("s", S("hi")).run(GetParam());
     ASSERT_EQ(outcome.callbacks, 1);
     EXPECT_EQ(outcome.resultText(), "hello");
 
@@ -78,8 +78,8 @@ TEST_P(TransportCalls, HeaderPrecedenceAndPostingMethod) {
     server.reply("*", "*", hvtest::ScriptedReply::xml(kHelloReply));
 
     Invocation put(server.url("/RPC2"), "echo");
-    put.property(kHVPostingMethod, newString("PUT"))
-        .property(kHVHTTPExtraHeaders, newStringDictionary({{"X-Trace", "abc"}, {"Content-Type", "application/xml"}}));
+    put.property(kHVPostingMethod, S("PUT"))
+        .property(kHVHTTPExtraHeaders, Dict({{"X-Trace", S("abc")}, {"Content-Type", S("application/xml")}}));
     Outcome putOutcome = put.run(GetParam());
     ASSERT_EQ(putOutcome.callbacks, 1);
     EXPECT_EQ(putOutcome.resultText(), "hello");
@@ -90,15 +90,15 @@ TEST_P(TransportCalls, HeaderPrecedenceAndPostingMethod) {
     EXPECT_EQ(sent.headerCount("Content-Type"), 1u);
 
     Owned templateURL = newURL(server.url("/from-template"));
-    Owned templateMessage(RtHTTPMessageCreateRequest(kRtAllocatorDefault, RTSTR("POST"), templateURL.as<RtURLRef>(),
+    Owned templateMessage = Owned::adopt(RtHTTPMessageCreateRequest(kRtAllocatorDefault, RTSTR("POST"), as<RtURLRef>(templateURL),
                                                      kRtHTTPVersion1_1));
-    RtHTTPMessageSetHeaderFieldValue(templateMessage.as<RtHTTPMessageRef>(), RTSTR("User-Agent"), RTSTR("Custom/2.0"));
-    RtHTTPMessageSetHeaderFieldValue(templateMessage.as<RtHTTPMessageRef>(), RTSTR("Content-Type"), RTSTR("text/plain"));
-    RtHTTPMessageSetHeaderFieldValue(templateMessage.as<RtHTTPMessageRef>(), RTSTR("X-Template"), RTSTR("kept"));
+    RtHTTPMessageSetHeaderFieldValue(as<RtHTTPMessageRef>(templateMessage), RTSTR("User-Agent"), RTSTR("Custom/2.0"));
+    RtHTTPMessageSetHeaderFieldValue(as<RtHTTPMessageRef>(templateMessage), RTSTR("Content-Type"), RTSTR("text/plain"));
+    RtHTTPMessageSetHeaderFieldValue(as<RtHTTPMessageRef>(templateMessage), RTSTR("X-Template"), RTSTR("kept"));
     Invocation templated(server.url("/RPC2"), "echo");
     templated.property(kHVHTTPMessage, templateMessage)
-        .property(kHVPostingMethod, newString("PUT")) // the template's method stands
-        .property(kHVHTTPExtraHeaders, newStringDictionary({{"content-type", "text/xml; charset=utf-8"}}));
+        .property(kHVPostingMethod, S("PUT")) // the template's method stands
+        .property(kHVHTTPExtraHeaders, Dict({{"content-type", S("text/xml; charset=utf-8")}}));
     Outcome templatedOutcome = templated.run(GetParam());
     ASSERT_EQ(templatedOutcome.callbacks, 1);
     EXPECT_EQ(templatedOutcome.resultText(), "hello");
@@ -201,11 +201,11 @@ TEST(TransportSync, OtherModesDoNotFireDuringInvoke) {
     server.reply("*", "*", hvtest::ScriptedReply::xml(kHelloReply));
     RtRunLoopRef loop = RtRunLoopGetCurrent();
     RtRunLoopSourceContext context = {0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, _otherPerform};
-    Owned source(RtRunLoopSourceCreate(kRtAllocatorDefault, 0, &context));
-    Owned timer(RtRunLoopTimerCreate(kRtAllocatorDefault, RtAbsoluteTimeGetCurrent() - 1, 0, 0, 0, _otherTimer, nullptr));
-    RtRunLoopAddSource(loop, source.as<RtRunLoopSourceRef>(), kRtRunLoopDefaultMode);
-    RtRunLoopAddTimer(loop, timer.as<RtRunLoopTimerRef>(), asyncTestMode());
-    RtRunLoopSourceSignal(source.as<RtRunLoopSourceRef>());
+    Owned source = Owned::adopt(RtRunLoopSourceCreate(kRtAllocatorDefault, 0, &context));
+    Owned timer = Owned::adopt(RtRunLoopTimerCreate(kRtAllocatorDefault, RtAbsoluteTimeGetCurrent() - 1, 0, 0, 0, _otherTimer, nullptr));
+    RtRunLoopAddSource(loop, as<RtRunLoopSourceRef>(source), kRtRunLoopDefaultMode);
+    RtRunLoopAddTimer(loop, as<RtRunLoopTimerRef>(timer), asyncTestMode());
+    RtRunLoopSourceSignal(as<RtRunLoopSourceRef>(source));
     gOtherFired = 0;
 
     Outcome outcome = Invocation(server.url("/RPC2"), "echo").run(Road::eSync);
@@ -216,8 +216,8 @@ TEST(TransportSync, OtherModesDoNotFireDuringInvoke) {
     RtRunLoopRunInMode(kRtRunLoopDefaultMode, 0.05, false);
     RtRunLoopRunInMode(asyncTestMode(), 0.05, false);
     EXPECT_EQ(gOtherFired, 2);
-    RtRunLoopRemoveSource(loop, source.as<RtRunLoopSourceRef>(), kRtRunLoopDefaultMode);
-    RtRunLoopRemoveTimer(loop, timer.as<RtRunLoopTimerRef>(), asyncTestMode());
+    RtRunLoopRemoveSource(loop, as<RtRunLoopSourceRef>(source), kRtRunLoopDefaultMode);
+    RtRunLoopRemoveTimer(loop, as<RtRunLoopTimerRef>(timer), asyncTestMode());
 }
 
 namespace {
@@ -296,7 +296,7 @@ TEST(TransportAsync, ReleaseFromInsideTheCallback) {
         SCOPED_TRACE(url);
         Owned endpoint = newURL(url);
         ReleasingDelivery delivery;
-        delivery.invocation = HVMethodInvocationCreate(endpoint.as<RtURLRef>(), RTSTR("echo"), kHVXMLRPCProtocol);
+        delivery.invocation = HVMethodInvocationCreate(as<RtURLRef>(endpoint), RTSTR("echo"), kHVXMLRPCProtocol);
         HVClientContext context = {0, &delivery, nullptr, nullptr, nullptr};
         HVMethodInvocationSetCallBack(delivery.invocation, _releaseInCallback, &context);
         HVMethodInvocationScheduleWithRunLoop(delivery.invocation, RtRunLoopGetCurrent(), asyncTestMode());

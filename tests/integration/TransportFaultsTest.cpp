@@ -56,7 +56,7 @@ class TransportFaults : public LiveObjects, public testing::WithParamInterface<R
 TEST_P(TransportFaults, RequestCannotBeSent) {
     hvtest::ScriptedHTTPServer server;
     server.reply("*", "*", hvtest::ScriptedReply::xml(kHelloReply));
-    Owned responseMessage(RtHTTPMessageCreateResponse(kRtAllocatorDefault, 200, nullptr, kRtHTTPVersion1_1));
+    Owned responseMessage = Owned::adopt(RtHTTPMessageCreateResponse(kRtAllocatorDefault, 200, nullptr, kRtHTTPVersion1_1));
     struct Row {
         const char *message;
         std::string url;
@@ -142,7 +142,7 @@ TEST_P(TransportFaults, Matrix) {
         }
         Invocation call(url, "echo", row.protocol);
         if (row.timeout)
-            call.property(kHVMethodInvocationTimeoutValue, newNumber(row.timeout));
+            call.property(kHVMethodInvocationTimeoutValue, I(row.timeout));
         Outcome outcome = call.run(GetParam(), row.timeout ? 1.5 : 0.05);
         ASSERT_EQ(outcome.callbacks, 1);
         if (row.message[0] == '~') {
@@ -234,15 +234,15 @@ TEST_P(TransportFaults, PerformWhileWaitingForTheStream) {
     Invocation call(server.url("/RPC2"), "echo");
     RtRunLoopTimerContext context = {0, const_cast<void *>(static_cast<const void *>(call.get())), nullptr, nullptr,
                                      nullptr};
-    Owned timer(RtRunLoopTimerCreate(kRtAllocatorDefault, RtAbsoluteTimeGetCurrent() + 0.3, 0, 0, 0,
+    Owned timer = Owned::adopt(RtRunLoopTimerCreate(kRtAllocatorDefault, RtAbsoluteTimeGetCurrent() + 0.3, 0, 0, 0,
                                      _scheduleInSecondMode, &context));
     RtStringRef callMode = GetParam() == Road::eSync ? RTSTR("HVSYNC") : asyncTestMode();
-    RtRunLoopAddTimer(RtRunLoopGetCurrent(), timer.as<RtRunLoopTimerRef>(), callMode);
+    RtRunLoopAddTimer(RtRunLoopGetCurrent(), as<RtRunLoopTimerRef>(timer), callMode);
 
     Outcome outcome = call.run(GetParam());
     ASSERT_EQ(outcome.callbacks, 1);
     expectStreamFault(outcome, "Timed Out Waiting For Open", -1, -65796);
-    RtRunLoopRemoveTimer(RtRunLoopGetCurrent(), timer.as<RtRunLoopTimerRef>(), callMode);
+    RtRunLoopRemoveTimer(RtRunLoopGetCurrent(), as<RtRunLoopTimerRef>(timer), callMode);
     HVMethodInvocationUnscheduleFromRunLoop(call.get(), RtRunLoopGetCurrent(), RTSTR("HVTransportSecondMode"));
 }
 
@@ -321,7 +321,7 @@ TEST(TransportDiagnostics, VerboseAndTransactionLogLines) {
     late.delay = std::chrono::milliseconds(1800);
     lateServer.reply("*", "*", late);
     Invocation slow(lateServer.url("/RPC2"), "echo");
-    slow.property(kHVMethodInvocationTimeoutValue, newNumber(1));
+    slow.property(kHVMethodInvocationTimeoutValue, I(1));
     DiagnosticCapture timing(1, 1);
     Outcome timedOut = slow.run(Road::eAsync, 1.3);
     log = timing.finish();

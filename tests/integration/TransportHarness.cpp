@@ -8,42 +8,8 @@ namespace hvit {
 
 std::string roadName(const testing::TestParamInfo<Road> &info) { return info.param == Road::eSync ? "Sync" : "Async"; }
 
-Owned &Owned::operator=(Owned &&other) noexcept {
-    if (this != &other) {
-        if (fRef)
-            RtRelease(fRef);
-        fRef = other.fRef;
-        other.fRef = nullptr;
-    }
-    return *this;
-}
-
-Owned::~Owned() {
-    if (fRef)
-        RtRelease(fRef);
-}
-
-Owned newString(const std::string &utf8) {
-    return Owned(RtStringCreateWithBytes(kRtAllocatorDefault, reinterpret_cast<const uint8_t *>(utf8.data()),
-                                         static_cast<RtIndex>(utf8.size()), kRtStringEncodingUTF8, false));
-}
-
-Owned newNumber(int32_t value) { return Owned(RtNumberCreate(kRtAllocatorDefault, kRtNumberSInt32Type, &value)); }
-
 Owned newURL(const std::string &text) {
-    Owned string = newString(text);
-    return Owned(RtURLCreateWithString(kRtAllocatorDefault, string.as<RtStringRef>(), nullptr));
-}
-
-Owned newStringDictionary(std::initializer_list<std::pair<const char *, const char *>> pairs) {
-    RtMutableDictionaryRef dict = RtDictionaryCreateMutable(kRtAllocatorDefault, 0, &kRtCopyStringDictionaryKeyCallBacks,
-                                                            &kRtTypeDictionaryValueCallBacks);
-    for (const auto &pair : pairs) {
-        Owned key = newString(pair.first);
-        Owned value = newString(pair.second);
-        RtDictionarySetValue(dict, key.get(), value.get());
-    }
-    return Owned(dict);
+    return Owned::adopt(RtURLCreateWithString(kRtAllocatorDefault, S(text.c_str()).str(), nullptr));
 }
 
 std::string text(RtTypeRef value) {
@@ -85,9 +51,7 @@ Invocation::Invocation(const std::string &url, const char *method, RtStringRef p
     : fRef(nullptr), fParameters(RtDictionaryCreateMutable(kRtAllocatorDefault, 0, &kRtCopyStringDictionaryKeyCallBacks,
                                                            &kRtTypeDictionaryValueCallBacks)),
       fOrder(RtArrayCreateMutable(kRtAllocatorDefault, 0, &kRtTypeArrayCallBacks)) {
-    Owned endpoint = newURL(url);
-    Owned name = newString(method);
-    fRef = HVMethodInvocationCreate(endpoint.as<RtURLRef>(), name.as<RtStringRef>(), protocol);
+    fRef = HVMethodInvocationCreate(as<RtURLRef>(newURL(url)), S(method).str(), protocol);
     HVMethodInvocationSetParameters(fRef, fParameters, fOrder);
 }
 
@@ -99,7 +63,7 @@ Invocation::~Invocation() {
 }
 
 Invocation &Invocation::param(const char *name, RtTypeRef value) {
-    Owned key = newString(name);
+    Owned key = S(name);
     RtDictionarySetValue(fParameters, key.get(), value);
     RtArrayAppendValue(fOrder, key.get());
     HVMethodInvocationSetParameters(fRef, fParameters, fOrder);
@@ -161,7 +125,7 @@ Outcome runCall(HVMethodInvocationRef invocation, Road road, double lingerSecond
     HVMethodInvocationSetCallBack(invocation, nullptr, nullptr);
     Outcome outcome;
     outcome.callbacks = delivery.callbacks;
-    outcome.result = Owned(delivery.first);
+    outcome.result = Owned::adopt(delivery.first);
     return outcome;
 }
 

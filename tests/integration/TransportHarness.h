@@ -4,6 +4,8 @@
 // reads the result dictionary. Used from the test's thread only.
 #pragma once
 
+#include "../HalvosCore/XMLRPCTestSupport.h"
+
 #include <HalvosCore/HalvosCore.h>
 
 #include <gtest/gtest.h>
@@ -18,28 +20,13 @@ enum class Road { eSync, eAsync };
 // "Sync" / "Async", for parameterised test names.
 std::string roadName(const testing::TestParamInfo<Road> &info);
 
-// Owns one runtime reference.
-class Owned {
-public:
-    explicit Owned(RtTypeRef owned = nullptr) : fRef(owned) {}
-    Owned(Owned &&other) noexcept : fRef(other.fRef) { other.fRef = nullptr; }
-    Owned &operator=(Owned &&other) noexcept;
-    Owned(const Owned &) = delete;
-    Owned &operator=(const Owned &) = delete;
-    ~Owned();
-
-    RtTypeRef get() const { return fRef; }
-    template <class T> T as() const { return static_cast<T>(const_cast<void *>(fRef)); }
-
-private:
-    RtTypeRef fRef;
-};
-
-Owned newString(const std::string &utf8);
-Owned newNumber(int32_t value);
+// Owns one runtime reference: the value type of the XML-RPC tests, with its builders S, I, Dict.
+using Owned = xmlrpctest::Value;
+using xmlrpctest::Dict;
+using xmlrpctest::I;
+using xmlrpctest::S;
+template <class T> T as(const Owned &owned) { return static_cast<T>(const_cast<void *>(owned.get())); }
 Owned newURL(const std::string &text);
-// A dictionary of string pairs, in the order given.
-Owned newStringDictionary(std::initializer_list<std::pair<const char *, const char *>> pairs);
 
 // The UTF-8 text of a string value; "" for NULL or anything that is not a string.
 std::string text(RtTypeRef value);
@@ -51,7 +38,7 @@ struct Outcome {
     Owned result;
     int callbacks = 0;
 
-    RtDictionaryRef dictionary() const { return result.as<RtDictionaryRef>(); }
+    RtDictionaryRef dictionary() const { return result.dict(); }
     RtTypeRef value(RtStringRef key) const;
     bool isFault() const { return HVMethodResultIsFault(dictionary()); }
     std::string resultText() const { return text(value(kHVMethodInvocationResult)); }

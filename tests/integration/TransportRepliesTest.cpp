@@ -114,7 +114,7 @@ TEST_P(TransportReplies, EachScriptedReplyGivesItsResult) {
         server.reply("*", "*", reply);
 
         Invocation call(server.url("/RPC2"), "echo");
-        call.param("text", newString("hello"));
+        call.param("text", S("hello"));
         Outcome outcome = call.run(GetParam());
         ASSERT_EQ(outcome.callbacks, 1);
         expectOutcome(outcome, c.expectation);
@@ -142,7 +142,7 @@ TEST_P(TransportReplies, CharsetsAndHTTP10) {
     Outcome outcome = Invocation(server.url("/RPC2"), "echo").run(GetParam());
     ASSERT_EQ(outcome.callbacks, 1);
     EXPECT_EQ(outcome.resultText(), "hello");
-    Owned statusLine(RtHTTPMessageCopyResponseStatusLine(
+    Owned statusLine = Owned::adopt(RtHTTPMessageCopyResponseStatusLine(
         static_cast<RtHTTPMessageRef>(const_cast<void *>(outcome.value(kHVHTTPResponseMessage)))));
     EXPECT_EQ(text(statusLine.get()), "HTTP/1.0 200 OK");
 

@@ -18,34 +18,19 @@ constexpr std::chrono::milliseconds kSettle{100};
 
 } // namespace
 
-FaultScript &FaultScript::readRequest() {
-    fActions.push_back({Step::eReadRequest, {}, {}});
+FaultScript &FaultScript::add(Step step, std::string bytes, std::chrono::milliseconds interval) {
+    fActions.push_back({step, std::move(bytes), interval});
     return *this;
 }
-FaultScript &FaultScript::send(std::string bytes) {
-    fActions.push_back({Step::eSend, std::move(bytes), {}});
-    return *this;
-}
+FaultScript &FaultScript::readRequest() { return add(Step::eReadRequest); }
+FaultScript &FaultScript::send(std::string bytes) { return add(Step::eSend, std::move(bytes)); }
 FaultScript &FaultScript::trickle(std::string bytes, std::chrono::milliseconds interval) {
-    fActions.push_back({Step::eTrickle, std::move(bytes), interval});
-    return *this;
+    return add(Step::eTrickle, std::move(bytes), interval);
 }
-FaultScript &FaultScript::sleep(std::chrono::milliseconds duration) {
-    fActions.push_back({Step::eSleep, {}, duration});
-    return *this;
-}
-FaultScript &FaultScript::close() {
-    fActions.push_back({Step::eClose, {}, {}});
-    return *this;
-}
-FaultScript &FaultScript::reset() {
-    fActions.push_back({Step::eReset, {}, {}});
-    return *this;
-}
-FaultScript &FaultScript::stall() {
-    fActions.push_back({Step::eStall, {}, {}});
-    return *this;
-}
+FaultScript &FaultScript::sleep(std::chrono::milliseconds duration) { return add(Step::eSleep, {}, duration); }
+FaultScript &FaultScript::close() { return add(Step::eClose); }
+FaultScript &FaultScript::reset() { return add(Step::eReset); }
+FaultScript &FaultScript::stall() { return add(Step::eStall); }
 
 FaultScript FaultScript::closeBeforeStatus() {
     return FaultScript().readRequest().close();
@@ -111,13 +96,9 @@ FaultScript FaultScript::redirectLoop(const std::string &path) {
         .close();
 }
 
-FaultScript FaultScript::raw(std::string bytes) {
-    return FaultScript().readRequest().send(std::move(bytes)).close();
-}
-
 FaultScript FaultScript::reply(const std::string &statusAndReason, const std::string &contentType,
                                const std::string &body) {
-    return raw("HTTP/1.1 " + statusAndReason + "\r\nContent-Type: " + contentType +
+    return FaultScript().readRequest().send("HTTP/1.1 " + statusAndReason + "\r\nContent-Type: " + contentType +
                "\r\nContent-Length: " + std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body);
 }
 

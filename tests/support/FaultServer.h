@@ -59,8 +59,6 @@ class FaultScript {
     static FaultScript garbageStatusLine();
     static FaultScript slowTrickle(std::chrono::milliseconds interval); // a valid reply, byte by byte
     static FaultScript redirectLoop(const std::string &path = "/loop"); // 302 to its own path
-    // Reads the request, sends bytes as they are, closes.
-    static FaultScript raw(std::string bytes);
     // Reads the request, sends a complete HTTP/1.1 reply with this status line tail and body, closes.
     static FaultScript reply(const std::string &statusAndReason, const std::string &contentType,
                              const std::string &body);
@@ -68,6 +66,7 @@ class FaultScript {
     const std::vector<Action> &actions() const { return fActions; }
 
   private:
+    FaultScript &add(Step step, std::string bytes = {}, std::chrono::milliseconds interval = {});
     std::vector<Action> fActions;
 };
 

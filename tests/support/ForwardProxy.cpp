@@ -56,19 +56,8 @@ size_t ForwardProxy::requestCount() const {
 void ForwardProxy::serve(Socket &client) {
     const int stop = fServer->stopFd();
     std::string buffer;
-    size_t length = 0;
-    if (!readHTTPMessage(client.fd(), buffer, length, stop, -1)) return;
-    size_t headEnd = buffer.find("\r\n\r\n") + 4;
     RecordedRequest request;
-    std::string requestLine;
-    parseHead(std::string_view(buffer).substr(0, headEnd), requestLine, request.headers);
-    request.body = buffer.substr(headEnd, length - headEnd);
-    size_t sp1 = requestLine.find(' '), sp2 = requestLine.rfind(' ');
-    if (sp1 != std::string::npos && sp2 > sp1) {
-        request.method = requestLine.substr(0, sp1);
-        request.path = requestLine.substr(sp1 + 1, sp2 - sp1 - 1);
-        request.version = requestLine.substr(sp2 + 1);
-    }
+    if (!readRequest(client.fd(), buffer, request, stop)) return;
     {
         std::lock_guard<std::mutex> hold(fLock);
         fRequests.push_back(request);

@@ -15,7 +15,6 @@
 #ifndef HV_TESTS_SUPPORT_FORWARDPROXY_H
 #define HV_TESTS_SUPPORT_FORWARDPROXY_H
 
-#include "HTTPRecord.h"
 #include "SupportSocket.h"
 
 #include <cstdint>

@@ -1,132 +1,22 @@
 #include "ScriptedHTTPServer.h"
 
-#include <arpa/inet.h>
-#include <cstring>
-#include <microhttpd.h>
-#include <netinet/in.h>
-#include <stdexcept>
-#include <utility>
+#include <cstdio>
 
 namespace hvtest {
 
-// One request in progress: created when its request line arrives, freed when MHD completes it.
-struct ScriptedHTTPServer::Exchange {
-    RecordedRequest fRequest;
-    bool fHeadersSeen = false;
-};
-
 namespace {
 
-// The body source of one queued response; MHD frees it through _freeBody.
-struct BodySource {
-    std::string fHead, fBody, fTail;
-    size_t fRepeat;
-
-    uint64_t size() const { return fHead.size() + uint64_t(fBody.size()) * fRepeat + fTail.size(); }
-    // The bytes from pos up to the end of the part that holds pos.
-    std::pair<const char *, size_t> at(uint64_t pos) const {
-        if (pos < fHead.size()) return {fHead.data() + pos, size_t(fHead.size() - pos)};
-        pos -= fHead.size();
-        uint64_t repeated = uint64_t(fBody.size()) * fRepeat;
-        if (pos < repeated) {
-            size_t offset = size_t(pos % fBody.size());
-            return {fBody.data() + offset, fBody.size() - offset};
-        }
-        pos -= repeated;
-        return {fTail.data() + pos, size_t(fTail.size() - pos)};
-    }
-};
-
-ssize_t _readBody(void *info, uint64_t pos, char *buf, size_t max) {
-    auto *source = static_cast<BodySource *>(info);
-    uint64_t total = source->size();
-    if (pos >= total) return MHD_CONTENT_READER_END_OF_STREAM;
-    size_t written = 0;
-    while (written < max && pos < total) {
-        std::pair<const char *, size_t> part = source->at(pos);
-        size_t n = std::min(max - written, part.second);
-        memcpy(buf + written, part.first, n);
-        written += n;
-        pos += n;
-    }
-    return ssize_t(written);
-}
-
-void _freeBody(void *info) {
-    delete static_cast<BodySource *>(info);
-}
-
-MHD_Result _collectHeader(void *info, MHD_ValueKind, const char *name, const char *value) {
-    static_cast<HTTPHeaders *>(info)->emplace_back(name ? name : "", value ? value : "");
-    return MHD_YES;
+const char *reasonPhrase(int status) {
+    static const std::pair<int, const char *> kPhrases[] = {
+        {200, "OK"},          {202, "Accepted"},           {204, "No Content"},         {301, "Moved Permanently"},
+        {302, "Found"},       {307, "Temporary Redirect"}, {400, "Bad Request"},        {404, "Not Found"},
+        {405, "Method Not Allowed"}, {413, "Payload Too Large"},  {500, "Internal Server Error"}, {503, "Service Unavailable"}};
+    for (const auto &phrase : kPhrases)
+        if (phrase.first == status) return phrase.second;
+    return "Unknown";
 }
 
 } // namespace
-
-struct ScriptedHTTPServerCallbacks {
-    static void *_startRequest(void *info, const char *uri, MHD_Connection *) {
-        auto *exchange = new ScriptedHTTPServer::Exchange;
-        exchange->fRequest.path = uri ? uri : "";
-        return exchange;
-    }
-
-    static void _completeRequest(void *, MHD_Connection *, void **requestInfo, MHD_RequestTerminationCode) {
-        delete static_cast<ScriptedHTTPServer::Exchange *>(*requestInfo);
-        *requestInfo = nullptr;
-    }
-
-    static void _connectionEvent(void *info, MHD_Connection *, void **, MHD_ConnectionNotificationCode code) {
-        if (code != MHD_CONNECTION_NOTIFY_STARTED) return;
-        auto *server = static_cast<ScriptedHTTPServer *>(info);
-        std::lock_guard<std::mutex> hold(server->fLock);
-        ++server->fConnections;
-    }
-
-    static MHD_Result _handle(void *info, MHD_Connection *connection, const char *, const char *method,
-                              const char *version, const char *upload, size_t *uploadSize,
-                              void **requestInfo) {
-        auto *server = static_cast<ScriptedHTTPServer *>(info);
-        auto *exchange = static_cast<ScriptedHTTPServer::Exchange *>(*requestInfo);
-        if (!exchange) return MHD_NO;
-        RecordedRequest &request = exchange->fRequest;
-        // MHD calls once for the head, once per body piece, and once more when the body is complete.
-        if (!exchange->fHeadersSeen) {
-            exchange->fHeadersSeen = true;
-            request.method = method;
-            request.version = version;
-            MHD_get_connection_values(connection, MHD_HEADER_KIND, _collectHeader, &request.headers);
-            return MHD_YES;
-        }
-        if (*uploadSize != 0) {
-            request.body.append(upload, *uploadSize);
-            *uploadSize = 0;
-            return MHD_YES;
-        }
-        server->record(request);
-        ScriptedReply reply = server->dispatch(request);
-        if (reply.delay.count() > 0 && !server->waitUnlessStopping(reply.delay)) return MHD_NO;
-
-        bool empty = reply.body.empty() || reply.bodyRepeat == 0;
-        auto *source = new BodySource{std::move(reply.bodyHead), empty ? std::string(" ") : std::move(reply.body),
-                                      std::move(reply.bodyTail), empty ? 0 : reply.bodyRepeat};
-        MHD_Response *response = MHD_create_response_from_callback(
-            reply.chunked && !reply.http10 ? MHD_SIZE_UNKNOWN : source->size(), 64 * 1024, _readBody, source,
-            _freeBody);
-        if (!response) {
-            delete source;
-            return MHD_NO;
-        }
-        for (const auto &field : reply.headers)
-            MHD_add_response_header(response, field.first.c_str(), field.second.c_str());
-        if (reply.http10)
-            MHD_set_response_options(
-                response, MHD_ResponseFlags(MHD_RF_HTTP_1_0_SERVER | MHD_RF_HTTP_1_0_COMPATIBLE_STRICT),
-                MHD_RO_END);
-        MHD_Result queued = MHD_queue_response(connection, unsigned(reply.status), response);
-        MHD_destroy_response(response);
-        return queued;
-    }
-};
 
 ScriptedReply ScriptedReply::with(int status, std::string contentType, std::string body) {
     ScriptedReply reply;
@@ -137,35 +27,15 @@ ScriptedReply ScriptedReply::with(int status, std::string contentType, std::stri
 }
 
 ScriptedHTTPServer::ScriptedHTTPServer() {
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = 0;
-    // One thread per connection keeps a delayed or stalled reply from holding up the others.
-    unsigned flags =
-        MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_AUTO | MHD_USE_ITC;
-    fDaemon = MHD_start_daemon(flags, 0, nullptr, nullptr, &ScriptedHTTPServerCallbacks::_handle, this,
-                               MHD_OPTION_SOCK_ADDR, &addr, MHD_OPTION_URI_LOG_CALLBACK,
-                               &ScriptedHTTPServerCallbacks::_startRequest, this, MHD_OPTION_NOTIFY_COMPLETED,
-                               &ScriptedHTTPServerCallbacks::_completeRequest, this,
-                               MHD_OPTION_NOTIFY_CONNECTION, &ScriptedHTTPServerCallbacks::_connectionEvent,
-                               this, MHD_OPTION_LISTEN_BACKLOG_SIZE, 256u, MHD_OPTION_END);
-    if (!fDaemon) throw std::runtime_error("ScriptedHTTPServer: the HTTP daemon did not start on 127.0.0.1");
-    const MHD_DaemonInfo *info = MHD_get_daemon_info(fDaemon, MHD_DAEMON_INFO_BIND_PORT);
-    fPort = info ? info->port : 0;
+    fServer = std::make_unique<LoopbackServer>([this](Socket &connection, size_t) { serve(connection); });
 }
 
 ScriptedHTTPServer::~ScriptedHTTPServer() {
-    {
-        std::lock_guard<std::mutex> hold(fLock);
-        fStopping = true;
-    }
-    fChanged.notify_all();
-    MHD_stop_daemon(fDaemon);
+    fServer->stop();
 }
 
 std::string ScriptedHTTPServer::url(const std::string &path) const {
-    return "http://127.0.0.1:" + std::to_string(fPort) + path;
+    return "http://127.0.0.1:" + std::to_string(port()) + path;
 }
 
 void ScriptedHTTPServer::route(std::string method, std::string path, ScriptedHandler handler) {
@@ -183,13 +53,11 @@ ScriptedReply ScriptedHTTPServer::dispatch(const RecordedRequest &request) {
         std::lock_guard<std::mutex> hold(fLock);
         std::string path = request.pathWithoutQuery();
         for (auto it = fRoutes.rbegin(); it != fRoutes.rend() && !handler; ++it)
-            if ((it->fMethod == "*" || it->fMethod == request.method) &&
-                (it->fPath == "*" || it->fPath == path))
+            if ((it->fMethod == "*" || it->fMethod == request.method) && (it->fPath == "*" || it->fPath == path))
                 handler = it->fHandler;
     }
     if (!handler)
-        return ScriptedReply::with(404, "text/plain",
-                                   "no route for " + request.method + " " + request.path + "\n");
+        return ScriptedReply::with(404, "text/plain", "no route for " + request.method + " " + request.path + "\n");
     try {
         return handler(request);
     } catch (const std::exception &e) {
@@ -197,17 +65,46 @@ ScriptedReply ScriptedHTTPServer::dispatch(const RecordedRequest &request) {
     }
 }
 
-void ScriptedHTTPServer::record(const RecordedRequest &request) {
-    {
-        std::lock_guard<std::mutex> hold(fLock);
-        fRequests.push_back(request);
-    }
-    fChanged.notify_all();
-}
+void ScriptedHTTPServer::serve(Socket &connection) {
+    const int fd = connection.fd(), stop = fServer->stopFd();
+    std::string buffer;
+    RecordedRequest request;
+    while (readRequest(fd, buffer, request, stop)) {
+        {
+            std::lock_guard<std::mutex> hold(fLock);
+            fRequests.push_back(request);
+        }
+        fChanged.notify_all();
+        ScriptedReply reply = dispatch(request);
+        if (reply.delay.count() > 0 && !sleepUnlessStopped(stop, reply.delay)) return;
 
-bool ScriptedHTTPServer::waitUnlessStopping(std::chrono::milliseconds delay) {
-    std::unique_lock<std::mutex> hold(fLock);
-    return !fChanged.wait_for(hold, delay, [this] { return fStopping; });
+        bool close = reply.http10 || request.version == "HTTP/1.0" ||
+                     equalsIgnoringCase(request.header("Connection"), "close");
+        bool chunked = reply.chunked && !reply.http10 && request.version != "HTTP/1.0";
+        size_t repeat = reply.body.empty() ? 0 : reply.bodyRepeat;
+        std::string head = std::string(reply.http10 ? "HTTP/1.0 " : "HTTP/1.1 ") + std::to_string(reply.status) + " " +
+                           reasonPhrase(reply.status) + "\r\n";
+        for (const auto &field : reply.headers)
+            head += field.first + ": " + field.second + "\r\n";
+        uint64_t length = reply.bodyHead.size() + uint64_t(reply.body.size()) * repeat + reply.bodyTail.size();
+        head += chunked ? "Transfer-Encoding: chunked\r\n" : "Content-Length: " + std::to_string(length) + "\r\n";
+        head += close ? "Connection: close\r\n\r\n" : "\r\n";
+        auto send = [&](const std::string &bytes) {
+            if (bytes.empty() || !chunked) return sendAll(fd, bytes, stop);
+            char size[24];
+            std::snprintf(size, sizeof size, "%zx\r\n", bytes.size());
+            return sendAll(fd, size + bytes + "\r\n", stop);
+        };
+        bool sent = sendAll(fd, head, stop) && send(reply.bodyHead);
+        for (size_t i = 0; sent && i < repeat; i++)
+            sent = send(reply.body);
+        sent = sent && send(reply.bodyTail) && (!chunked || sendAll(fd, "0\r\n\r\n", stop));
+        if (!sent) return;
+        if (close) break;
+    }
+    if (!buffer.empty()) // not HTTP (a TLS handshake, say)
+        sendAll(fd, "HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\nConnection: close\r\n\r\n", stop);
+    closeGracefully(fd, stop);
 }
 
 std::vector<RecordedRequest> ScriptedHTTPServer::requests() const {
@@ -227,7 +124,7 @@ size_t ScriptedHTTPServer::requestCount() const {
 
 size_t ScriptedHTTPServer::connectionCount() const {
     std::lock_guard<std::mutex> hold(fLock);
-    return fConnections;
+    return fServer->connectionCount() - fConnectionsCleared;
 }
 
 bool ScriptedHTTPServer::waitForRequests(size_t count, std::chrono::milliseconds timeout) const {
@@ -238,7 +135,7 @@ bool ScriptedHTTPServer::waitForRequests(size_t count, std::chrono::milliseconds
 void ScriptedHTTPServer::clearRecords() {
     std::lock_guard<std::mutex> hold(fLock);
     fRequests.clear();
-    fConnections = 0;
+    fConnectionsCleared = fServer->connectionCount();
 }
 
 } // namespace hvtest

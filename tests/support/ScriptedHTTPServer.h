@@ -1,6 +1,6 @@
 // ScriptedHTTPServer: a well-behaved HTTP/1.1 server on 127.0.0.1 with replies scripted by the test.
-// Owns a libmicrohttpd daemon (one thread per connection) and the record of every request.
-// Handlers run on the daemon's connection threads, several at once when clients open several
+// Owns a LoopbackServer (one thread per connection) and the record of every request.
+// Handlers run on the connection threads, several at once when clients open several
 // connections: state they share with the test needs its own lock.
 //
 // Contract:
@@ -8,27 +8,27 @@
 //   destructor stops it, closing open connections and cutting short any reply delay.
 // - route(method, path, handler): requests whose method equals method ("*": any) and whose
 //   target without its query equals path ("*": any) go to handler. Later routes win over
-//   earlier ones. An unrouted request gets 404 with a text body.
-// - Every complete request is recorded before its handler runs: requests(), lastRequest().
-// - connectionCount() counts TCP connections accepted, so two requests over one kept-alive
-//   connection count one.
-// - Replies carry the standard reason phrase for their status; Content-Length (or chunked
-//   framing) and Date are written by the server. Scripts that need another status line or lying
-//   framing belong to FaultServer.
+//   earlier ones. An unrouted request gets 404 with a text body; a throwing handler, 500.
+// - Requests carry a Content-Length body (or none). Every request is recorded before its
+//   handler runs: requests(), lastRequest().
+// - Connections are kept alive across requests, unless the request or the reply is HTTP/1.0
+//   or the request says "Connection: close". connectionCount() counts TCP connections accepted,
+//   so two requests over one kept-alive connection count one.
+// - Replies carry the standard reason phrase for their status and a Content-Length (or chunked
+//   framing). Scripts that need another status line or lying framing belong to FaultServer.
 #ifndef HV_TESTS_SUPPORT_SCRIPTEDHTTPSERVER_H
 #define HV_TESTS_SUPPORT_SCRIPTEDHTTPSERVER_H
 
-#include "HTTPRecord.h"
+#include "SupportSocket.h"
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
-
-struct MHD_Daemon;
 
 namespace hvtest {
 
@@ -51,13 +51,13 @@ using ScriptedHandler = std::function<ScriptedReply(const RecordedRequest &)>;
 
 class ScriptedHTTPServer {
   public:
-    // Starts at once; throws std::runtime_error when the daemon cannot start.
+    // Starts at once; throws std::runtime_error when it cannot listen.
     ScriptedHTTPServer();
     ~ScriptedHTTPServer();
     ScriptedHTTPServer(const ScriptedHTTPServer &) = delete;
     ScriptedHTTPServer &operator=(const ScriptedHTTPServer &) = delete;
 
-    uint16_t port() const { return fPort; }
+    uint16_t port() const { return fServer->port(); }
     // "http://127.0.0.1:<port>" followed by path.
     std::string url(const std::string &path = "/") const;
 
@@ -79,21 +79,16 @@ class ScriptedHTTPServer {
         std::string fMethod, fPath;
         ScriptedHandler fHandler;
     };
-    struct Exchange;
-    friend struct ScriptedHTTPServerCallbacks;
 
+    void serve(Socket &connection);
     ScriptedReply dispatch(const RecordedRequest &request);
-    void record(const RecordedRequest &request);
-    bool waitUnlessStopping(std::chrono::milliseconds delay);
 
-    MHD_Daemon *fDaemon = nullptr;
-    uint16_t fPort = 0;
     mutable std::mutex fLock;
     mutable std::condition_variable fChanged;
-    bool fStopping = false;
     std::vector<Route> fRoutes;
     std::vector<RecordedRequest> fRequests;
-    size_t fConnections = 0;
+    size_t fConnectionsCleared = 0;
+    std::unique_ptr<LoopbackServer> fServer; // last: stopped before the members its threads use
 };
 
 } // namespace hvtest

@@ -208,6 +208,8 @@ bool readHTTPMessage(int fd, std::string &buffer, size_t &messageLength, int sto
                      size_t maxBody) {
     size_t headEnd;
     while ((headEnd = buffer.find("\r\n\r\n")) == std::string::npos) {
+        // A message starts with a printable token; anything else (a TLS handshake) is no HTTP.
+        if (!buffer.empty() && (buffer[0] < 0x20 || buffer[0] > 0x7e)) return false;
         if (buffer.size() > (size_t(1) << 20) || readSome(fd, buffer, stopFd, timeoutMs) <= 0) return false;
     }
     headEnd += 4;
@@ -238,14 +240,28 @@ void parseHead(std::string_view head, std::string &startLine, HTTPHeaders &heade
                 s.remove_suffix(1);
             return std::string(s);
         };
-        if ((line.front() == ' ' || line.front() == '\t') && !headers.empty()) {
-            headers.back().second += " " + trim(line);
-            continue;
-        }
         size_t colon = line.find(':');
         if (colon == std::string_view::npos) continue;
         headers.emplace_back(std::string(line.substr(0, colon)), trim(line.substr(colon + 1)));
     }
+}
+
+bool readRequest(int fd, std::string &buffer, RecordedRequest &request, int stopFd) {
+    size_t length = 0;
+    if (!readHTTPMessage(fd, buffer, length, stopFd, -1)) return false;
+    size_t headEnd = buffer.find("\r\n\r\n") + 4;
+    std::string requestLine;
+    request = RecordedRequest();
+    parseHead(std::string_view(buffer).substr(0, headEnd), requestLine, request.headers);
+    request.body = buffer.substr(headEnd, length - headEnd);
+    buffer.erase(0, length);
+    size_t sp1 = requestLine.find(' '), sp2 = requestLine.rfind(' ');
+    if (sp1 != std::string::npos && sp2 > sp1) {
+        request.method = requestLine.substr(0, sp1);
+        request.path = requestLine.substr(sp1 + 1, sp2 - sp1 - 1);
+        request.version = requestLine.substr(sp2 + 1);
+    }
+    return true;
 }
 
 LoopbackServer::LoopbackServer(Serve serve) : fServe(std::move(serve)), fListener(listenLoopback(fPort)) {
@@ -259,23 +275,10 @@ LoopbackServer::~LoopbackServer() {
 void LoopbackServer::stop() {
     fStop.raise();
     if (fAcceptThread.joinable()) fAcceptThread.join();
-    std::lock_guard<std::mutex> hold(fLock);
-    for (auto &worker : fWorkers)
-        if (worker.fThread.joinable()) worker.fThread.join();
+    for (std::thread &worker : fWorkers)
+        worker.join();
     fWorkers.clear();
     fListener.close();
-}
-
-void LoopbackServer::reapFinished() {
-    std::lock_guard<std::mutex> hold(fLock);
-    for (auto it = fWorkers.begin(); it != fWorkers.end();) {
-        if (it->fDone.load()) {
-            it->fThread.join();
-            it = fWorkers.erase(it);
-        } else {
-            ++it;
-        }
-    }
 }
 
 void LoopbackServer::acceptLoop() {
@@ -287,17 +290,13 @@ void LoopbackServer::acceptLoop() {
         int on = 1;
         setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
         size_t index = fAccepted.fetch_add(1);
-        reapFinished();
-        std::lock_guard<std::mutex> hold(fLock);
-        Worker &worker = fWorkers.emplace_back();
-        worker.fThread = std::thread([this, fd, index, &worker] {
+        fWorkers.emplace_back([this, fd, index] {
             Socket connection(fd);
             try {
                 fServe(connection, index);
             } catch (...) {
                 // A throwing script ends its connection only; the server keeps serving.
             }
-            worker.fDone.store(true);
         });
     }
 }

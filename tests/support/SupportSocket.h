@@ -1,23 +1,48 @@
-// SupportSocket: blocking loopback sockets shared by the test servers and the test client.
-// Owns only the descriptors wrapped in Socket and StopSignal.
+// SupportSocket: blocking loopback sockets and HTTP message reading shared by the test servers
+// and the test client. Owns only the descriptors wrapped in Socket and StopSignal.
 // Every wait also watches a stop descriptor, so a server can interrupt its own threads at once
 // (a client that never reads or never closes cannot hang a server's destructor).
 #ifndef HV_TESTS_SUPPORT_SUPPORTSOCKET_H
 #define HV_TESTS_SUPPORT_SUPPORTSOCKET_H
 
-#include "HTTPRecord.h"
-
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
-#include <list>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
+#include <vector>
 
 namespace hvtest {
+
+
+// Header fields in the order they were sent; a name may repeat.
+using HTTPHeaders = std::vector<std::pair<std::string, std::string>>;
+
+// ASCII case-insensitive equality, as HTTP compares field names.
+bool equalsIgnoringCase(std::string_view a, std::string_view b);
+// The value of the first field named name (any case), or nullptr.
+const std::string *findHeader(const HTTPHeaders &headers, std::string_view name);
+
+// One request as a server received it.
+struct RecordedRequest {
+    std::string method;  // "POST"
+    std::string path;    // the request target as sent, query included ("/RPC2?x=1"; absolute for a proxy)
+    std::string version; // "HTTP/1.1"
+    HTTPHeaders headers; // in arrival order, names as sent
+    std::string body;    // as sent (Content-Length framing)
+
+    // The first value of the field name (any case), or "" when absent.
+    std::string header(std::string_view name) const;
+    bool hasHeader(std::string_view name) const { return findHeader(headers, name) != nullptr; }
+    // How many fields are named name (any case).
+    size_t headerCount(std::string_view name) const;
+    // path without its query.
+    std::string pathWithoutQuery() const { return path.substr(0, path.find('?')); }
+};
+
 
 // A move-only owner of one descriptor, closed on destruction.
 class Socket {
@@ -81,13 +106,14 @@ void closeGracefully(int fd, int stopFd);
 // Reads one HTTP message head and, when it declares a Content-Length, its body into buffer
 // (which may already hold bytes). messageLength receives the length of that message inside
 // buffer; bytes after it (a pipelined request) stay in buffer. False on end of stream, error,
-// stop, timeout, a head over 1 MB or a body over maxBody.
+// stop, timeout, a head over 1 MB, a body over maxBody or bytes that cannot start a message.
 bool readHTTPMessage(int fd, std::string &buffer, size_t &messageLength, int stopFd, int timeoutMs,
                      size_t maxBody = size_t(256) << 20);
 
 // Splits a message head ("start line CRLF fields CRLF CRLF") into its start line and fields.
-// Obsolete folded lines are joined to the field before them.
 void parseHead(std::string_view head, std::string &startLine, HTTPHeaders &headers);
+// Reads one request with readHTTPMessage (no time limit) and takes it out of buffer.
+bool readRequest(int fd, std::string &buffer, RecordedRequest &request, int stopFd);
 
 // LoopbackServer: accepts connections on 127.0.0.1:ephemeral on its own thread and runs serve
 // on a new thread for each, with the connection's index (0, 1, ...). stop() raises stopFd(),
@@ -107,20 +133,14 @@ class LoopbackServer {
     void stop();
 
   private:
-    struct Worker {
-        std::thread fThread;
-        std::atomic<bool> fDone{false};
-    };
     void acceptLoop();
-    void reapFinished();
 
     Serve fServe;
     StopSignal fStop;
     uint16_t fPort = 0; // before fListener: listenLoopback writes it
     Socket fListener;
     std::atomic<size_t> fAccepted{0};
-    std::mutex fLock;
-    std::list<Worker> fWorkers;
+    std::vector<std::thread> fWorkers; // joined by stop(), after the accept thread
     std::thread fAcceptThread;
 };
 

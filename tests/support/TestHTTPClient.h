@@ -10,7 +10,6 @@
 #ifndef HV_TESTS_SUPPORT_TESTHTTPCLIENT_H
 #define HV_TESTS_SUPPORT_TESTHTTPCLIENT_H
 
-#include "HTTPRecord.h"
 #include "SupportSocket.h"
 
 #include <cstdint>
