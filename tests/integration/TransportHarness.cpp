@@ -1,6 +1,7 @@
 // The shared road runner and result readers of the end-to-end call tests.
 #include "TransportHarness.h"
 
+#include <algorithm>
 #include <climits>
 #include <vector>
 
@@ -96,32 +97,26 @@ void _countingCallback(HVMethodInvocationRef, void *info, RtDictionaryRef result
         RtRelease(result);
 }
 
+// Runs mode for seconds, or until nothing in it could deliver any more.
+void linger(RtStringRef mode, double seconds) {
+    RtAbsoluteTime end = RtAbsoluteTimeGetCurrent() + seconds;
+    while (RtAbsoluteTimeGetCurrent() < end)
+        if (RtRunLoopRunInMode(mode, end - RtAbsoluteTimeGetCurrent(), false) == kRtRunLoopRunFinished)
+            break;
+}
+
 } // namespace
 
 Outcome runCall(HVMethodInvocationRef invocation, Road road, double lingerSeconds) {
+    if (road == Road::eAsync)
+        return runConcurrently({invocation}, lingerSeconds)[0];
     Delivery delivery;
+    delivery.first = HVMethodInvocationInvoke(invocation);
+    delivery.callbacks = delivery.first ? 1 : 0;
+    // Invoke ran the call in this private mode; whatever the transport left there runs now.
     HVClientContext context = {0, &delivery, nullptr, nullptr, nullptr};
-    RtRunLoopRef loop = RtRunLoopGetCurrent();
-    RtStringRef lingerMode = asyncTestMode();
-    if (road == Road::eSync) {
-        delivery.first = HVMethodInvocationInvoke(invocation);
-        delivery.callbacks = delivery.first ? 1 : 0;
-        // Invoke ran the call in this private mode; whatever the transport left there runs now.
-        lingerMode = RTSTR("HVSYNC");
-        HVMethodInvocationSetCallBack(invocation, _countingCallback, &context);
-    } else {
-        HVMethodInvocationSetCallBack(invocation, _countingCallback, &context);
-        HVMethodInvocationScheduleWithRunLoop(invocation, loop, asyncTestMode());
-        RtAbsoluteTime guard = RtAbsoluteTimeGetCurrent() + 60;
-        while (delivery.callbacks == 0 && RtAbsoluteTimeGetCurrent() < guard)
-            RtRunLoopRunInMode(asyncTestMode(), 1.0, true);
-    }
-    RtAbsoluteTime end = RtAbsoluteTimeGetCurrent() + lingerSeconds;
-    while (RtAbsoluteTimeGetCurrent() < end)
-        if (RtRunLoopRunInMode(lingerMode, end - RtAbsoluteTimeGetCurrent(), false) == kRtRunLoopRunFinished)
-            break; // nothing left in the mode that could deliver
-
-    HVMethodInvocationUnscheduleFromRunLoop(invocation, loop, asyncTestMode());
+    HVMethodInvocationSetCallBack(invocation, _countingCallback, &context);
+    linger(RTSTR("HVSYNC"), lingerSeconds);
     HVMethodInvocationSetCallBack(invocation, nullptr, nullptr);
     Outcome outcome;
     outcome.callbacks = delivery.callbacks;
@@ -129,35 +124,29 @@ Outcome runCall(HVMethodInvocationRef invocation, Road road, double lingerSecond
     return outcome;
 }
 
-void runConcurrently(HVMethodInvocationRef *invocations, int count, int *callbacks,
-                     void (*check)(int index, RtDictionaryRef result, void *context), void *context) {
-    std::vector<Delivery> deliveries(static_cast<size_t>(count));
+std::vector<Outcome> runConcurrently(const std::vector<HVMethodInvocationRef> &invocations, double lingerSeconds) {
+    std::vector<Delivery> deliveries(invocations.size());
     RtRunLoopRef loop = RtRunLoopGetCurrent();
-    for (int i = 0; i < count; i++) {
-        HVClientContext client = {0, &deliveries[static_cast<size_t>(i)], nullptr, nullptr, nullptr};
+    for (size_t i = 0; i < invocations.size(); i++) {
+        HVClientContext client = {0, &deliveries[i], nullptr, nullptr, nullptr};
         HVMethodInvocationSetCallBack(invocations[i], _countingCallback, &client);
         HVMethodInvocationScheduleWithRunLoop(invocations[i], loop, asyncTestMode());
     }
-    auto allDelivered = [&] {
-        for (const Delivery &delivery : deliveries)
-            if (delivery.callbacks == 0)
-                return false;
-        return true;
+    auto pending = [&] {
+        return std::any_of(deliveries.begin(), deliveries.end(), [](const Delivery &d) { return d.callbacks == 0; });
     };
     RtAbsoluteTime guard = RtAbsoluteTimeGetCurrent() + 60;
-    while (!allDelivered() && RtAbsoluteTimeGetCurrent() < guard)
+    while (pending() && RtAbsoluteTimeGetCurrent() < guard)
         RtRunLoopRunInMode(asyncTestMode(), 1.0, true);
-    RtRunLoopRunInMode(asyncTestMode(), 0.05, false);
-    for (int i = 0; i < count; i++) {
+    linger(asyncTestMode(), lingerSeconds);
+    std::vector<Outcome> outcomes(invocations.size());
+    for (size_t i = 0; i < invocations.size(); i++) {
         HVMethodInvocationUnscheduleFromRunLoop(invocations[i], loop, asyncTestMode());
         HVMethodInvocationSetCallBack(invocations[i], nullptr, nullptr);
-        Delivery &delivery = deliveries[static_cast<size_t>(i)];
-        callbacks[i] = delivery.callbacks;
-        if (check)
-            check(i, delivery.first, context);
-        if (delivery.first)
-            RtRelease(delivery.first);
+        outcomes[i].callbacks = deliveries[i].callbacks;
+        outcomes[i].result = Owned::adopt(deliveries[i].first);
     }
+    return outcomes;
 }
 
 void expectDebugEntries(const Outcome &outcome, bool withResponse) {

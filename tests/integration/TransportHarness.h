@@ -12,6 +12,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace hvit {
 
@@ -82,11 +83,10 @@ RtStringRef asyncTestMode();
 // callback installed, so that a late second delivery would be counted.
 Outcome runCall(HVMethodInvocationRef invocation, Road road, double lingerSeconds = 0.05);
 
-// Starts the calls of several invocations at once on the current loop and runs until every one
-// delivered; returns the callback count of each, in order. Results are checked and released
-// through check (may be null).
-void runConcurrently(HVMethodInvocationRef *invocations, int count, int *callbacks,
-                     void (*check)(int index, RtDictionaryRef result, void *context), void *context);
+// Starts the calls of several invocations at once on the current loop in asyncTestMode(), runs
+// that mode until every one delivered, then for lingerSeconds more; the outcomes, in order.
+std::vector<Outcome> runConcurrently(const std::vector<HVMethodInvocationRef> &invocations,
+                                     double lingerSeconds = 0.05);
 
 // gtest helpers for the result dictionary.
 // The four debug entries of a reply that was processed; the incoming headers only when a

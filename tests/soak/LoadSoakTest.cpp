@@ -6,6 +6,7 @@
 //
 // Counts: the full ones (1,000 calls per thread, 20,000 in sequence) under ./hv test --long,
 // which sets HV_TEST_LONG=1; a tenth of them otherwise, to keep the ordinary run short.
+#include "../HalvosCore/XMLRPCTestSupport.h"
 #include "ToolProcess.h"
 
 #include <HalvosCore/HalvosCore.h>
@@ -28,6 +29,8 @@
 // growth; a small one lets the resident set show what the library really keeps.
 extern "C" const char *__asan_default_options() { return "quarantine_size_mb=4"; }
 
+using namespace xmlrpctest;
+
 namespace {
 
 bool longRun() {
@@ -45,10 +48,6 @@ long residentBytes() {
         std::fclose(statm);
     }
     return resident * sysconf(_SC_PAGESIZE);
-}
-
-RtStringRef newString(const std::string &utf8) {
-    return RtStringCreateWithCString(kRtAllocatorDefault, utf8.c_str(), kRtStringEncodingUTF8);
 }
 
 struct CallKind {
@@ -88,50 +87,31 @@ RtTypeRef echoed(RtDictionaryRef result, bool xmlrpc) {
 // Calls examples.echo(text) on server; "" when the text came back intact, else what went wrong.
 std::string echoOnce(const std::string &base, const CallKind &kind, const std::string &text) {
     bool xmlrpc = kind.protocol == kHVXMLRPCProtocol;
-    RtStringRef urlText = newString(base + (xmlrpc ? "/RPC2" : "/soap"));
-    RtURLRef url = RtURLCreateWithString(kRtAllocatorDefault, urlText, nullptr);
-    HVMethodInvocationRef call = HVMethodInvocationCreate(url, RTSTR("examples.echo"), kind.protocol);
-    RtStringRef value = newString(text);
-    const void *names[] = {RTSTR("value")};
-    const void *values[] = {value};
-    RtDictionaryRef params = RtDictionaryCreate(kRtAllocatorDefault, names, values, 1, &kRtTypeDictionaryKeyCallBacks,
-                                                &kRtTypeDictionaryValueCallBacks);
-    RtArrayRef order = RtArrayCreate(kRtAllocatorDefault, names, 1, &kRtTypeArrayCallBacks);
-    HVMethodInvocationSetParameters(call, params, order);
+    Value url = Value::adopt(RtURLCreateWithString(kRtAllocatorDefault, S((base + (xmlrpc ? "/RPC2" : "/soap")).c_str()).str(), nullptr));
+    HVMethodInvocationRef call = HVMethodInvocationCreate(static_cast<RtURLRef>(url.get()), RTSTR("examples.echo"), kind.protocol);
+    Value value = S(text.c_str());
+    HVMethodInvocationSetParameters(call, Dict({{"value", value}}).dict(), A({S("value")}).array());
 
-    RtDictionaryRef result = nullptr;
+    RtDictionaryRef delivered = nullptr;
     if (!kind.async) {
-        result = HVMethodInvocationInvoke(call);
+        delivered = HVMethodInvocationInvoke(call);
     } else {
-        HVClientContext context = {0, &result, nullptr, nullptr, nullptr};
+        HVClientContext context = {0, &delivered, nullptr, nullptr, nullptr};
         HVMethodInvocationSetCallBack(call, _storeResult, &context);
         HVMethodInvocationScheduleWithRunLoop(call, RtRunLoopGetCurrent(), loadTestMode());
         RtAbsoluteTime guard = RtAbsoluteTimeGetCurrent() + 60;
-        while (!result && RtAbsoluteTimeGetCurrent() < guard)
+        while (!delivered && RtAbsoluteTimeGetCurrent() < guard)
             RtRunLoopRunInMode(loadTestMode(), 1.0, true);
         HVMethodInvocationUnscheduleFromRunLoop(call, RtRunLoopGetCurrent(), loadTestMode());
         HVMethodInvocationSetCallBack(call, nullptr, nullptr);
     }
-
-    std::string problem;
-    if (!result) {
-        problem = "no result";
-    } else if (HVMethodResultIsFault(result) || !RtEqual(echoed(result, xmlrpc), value)) {
-        RtStringRef description = RtCopyDescription(result);
-        char buffer[2048] = "";
-        RtStringGetCString(description, buffer, sizeof buffer, kRtStringEncodingUTF8);
-        problem = buffer;
-        RtRelease(description);
-    }
-    if (result)
-        RtRelease(result);
-    RtRelease(order);
-    RtRelease(params);
-    RtRelease(value);
     RtRelease(call);
-    RtRelease(url);
-    RtRelease(urlText);
-    return problem;
+    Value result = Value::adopt(delivered);
+    if (!result.get())
+        return "no result";
+    if (!HVMethodResultIsFault(result.dict()) && RtEqual(echoed(result.dict(), xmlrpc), value.get()))
+        return "";
+    return describe(result.get());
 }
 
 // Failures seen by any thread: how many, and the first one's story.

@@ -65,10 +65,6 @@ void ForwardProxy::serve(Socket &client) {
 
     std::string host, path;
     uint16_t originPort = 0;
-    if (request.method == "CONNECT") {
-        sendAll(client.fd(), errorReply("501 Not Implemented"), stop);
-        return;
-    }
     if (!splitAbsoluteURI(request.path, host, originPort, path)) {
         sendAll(client.fd(), errorReply("400 Bad Request"), stop);
         return;

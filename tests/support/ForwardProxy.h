@@ -11,7 +11,7 @@
 //   and Keep-Alive, plus "Connection: close", then relays the origin's reply byte for byte and
 //   closes the client connection.
 // - Only loopback origins (127.0.0.1, localhost) are served; others get 502, as does an origin
-//   that refuses the connection. A request not in absolute http:// form gets 400; CONNECT gets 501.
+//   that refuses the connection. A request not in absolute http:// form (CONNECT too) gets 400.
 #ifndef HV_TESTS_SUPPORT_FORWARDPROXY_H
 #define HV_TESTS_SUPPORT_FORWARDPROXY_H
 

@@ -74,7 +74,6 @@ void ScriptedHTTPServer::serve(Socket &connection) {
             std::lock_guard<std::mutex> hold(fLock);
             fRequests.push_back(request);
         }
-        fChanged.notify_all();
         ScriptedReply reply = dispatch(request);
         if (reply.delay.count() > 0 && !sleepUnlessStopped(stop, reply.delay)) return;
 
@@ -120,22 +119,6 @@ RecordedRequest ScriptedHTTPServer::lastRequest() const {
 size_t ScriptedHTTPServer::requestCount() const {
     std::lock_guard<std::mutex> hold(fLock);
     return fRequests.size();
-}
-
-size_t ScriptedHTTPServer::connectionCount() const {
-    std::lock_guard<std::mutex> hold(fLock);
-    return fServer->connectionCount() - fConnectionsCleared;
-}
-
-bool ScriptedHTTPServer::waitForRequests(size_t count, std::chrono::milliseconds timeout) const {
-    std::unique_lock<std::mutex> hold(fLock);
-    return fChanged.wait_for(hold, timeout, [&] { return fRequests.size() >= count; });
-}
-
-void ScriptedHTTPServer::clearRecords() {
-    std::lock_guard<std::mutex> hold(fLock);
-    fRequests.clear();
-    fConnectionsCleared = fServer->connectionCount();
 }
 
 } // namespace hvtest

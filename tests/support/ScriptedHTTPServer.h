@@ -22,7 +22,6 @@
 #include "SupportSocket.h"
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -68,11 +67,7 @@ class ScriptedHTTPServer {
     std::vector<RecordedRequest> requests() const;
     RecordedRequest lastRequest() const; // an empty record when none arrived
     size_t requestCount() const;
-    size_t connectionCount() const;
-    // Waits until at least count requests arrived or timeout passed; true when they did.
-    bool waitForRequests(size_t count, std::chrono::milliseconds timeout) const;
-    // Forgets the recorded requests and the connection count (routes stay).
-    void clearRecords();
+    size_t connectionCount() const { return fServer->connectionCount(); }
 
   private:
     struct Route {
@@ -84,10 +79,8 @@ class ScriptedHTTPServer {
     ScriptedReply dispatch(const RecordedRequest &request);
 
     mutable std::mutex fLock;
-    mutable std::condition_variable fChanged;
     std::vector<Route> fRoutes;
     std::vector<RecordedRequest> fRequests;
-    size_t fConnectionsCleared = 0;
     std::unique_ptr<LoopbackServer> fServer; // last: stopped before the members its threads use
 };
 
