@@ -19,9 +19,6 @@ using testing::HasSubstr;
 
 namespace {
 
-const char *const kHelloReply = "<?xml version=\"1.0\"?>\n<methodResponse><params><param><value><string>hello"
-                                "</string></value></param></params></methodResponse>\n";
-
 class TransportCalls : public testing::TestWithParam<Road> {};
 
 } // namespace
@@ -279,10 +276,7 @@ TEST(TransportAsync, ReleaseFromInsideTheCallback) {
     hvtest::ScriptedHTTPServer server;
     server.reply("POST", "/ok", hvtest::ScriptedReply::xml(kHelloReply));
     server.reply("POST", "/json", hvtest::ScriptedReply::with(200, "application/json", "{}"));
-    hvInitStatics(); // reads the environment once; the switches set below must not be overwritten
-    int savedDebug = gHVDebug, savedVerbose = gHVDebugVerbose;
-    gHVDebug = gHVDebugVerbose = 1;
-    testing::internal::CaptureStderr();
+    DiagnosticCapture verbose(1, 1);
     const std::string urls[] = {server.url("/ok"), server.url("/json"),
                                 "http://127.0.0.1:" + std::to_string(hvtest::freeLoopbackPort()) + "/", "urn:no-host"};
     for (const std::string &url : urls) {
@@ -300,8 +294,5 @@ TEST(TransportAsync, ReleaseFromInsideTheCallback) {
         EXPECT_EQ(delivery.callbacks, 1);
         EXPECT_EQ(delivery.fault, url != urls[0]);
     }
-    std::string log = testing::internal::GetCapturedStderr();
-    gHVDebug = savedDebug;
-    gHVDebugVerbose = savedVerbose;
-    EXPECT_THAT(log, HasSubstr("HTTPClosureSource::perform state 0 (uninit)"));
+    EXPECT_THAT(verbose.finish(), HasSubstr("HTTPClosureSource::perform state 0 (uninit)"));
 }

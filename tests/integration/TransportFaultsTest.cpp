@@ -21,9 +21,6 @@ using testing::HasSubstr;
 
 namespace {
 
-const char *const kHelloReply = "<?xml version=\"1.0\"?>\n<methodResponse><params><param><value><string>hello"
-                                "</string></value></param></params></methodResponse>\n";
-
 // Counts the runtime objects alive around one test: every call's objects must be gone once its
 // outcome is released. The first calls of the process fill caches that live for good (the
 // thread's run loop, the User-Agent text, the protocols' tables), so warm-up calls run before
@@ -93,42 +90,41 @@ TEST_P(TransportFaults, Matrix) {
     const std::string local = "http://127.0.0.1:{port}/RPC2";
     struct Row {
         const char *name;
-        FaultScript script;
+        FaultScript script; // no steps: no server
         std::string url;
-        int32_t timeout; // seconds; 0 for no time-out property
-        const char *message;
         int64_t domain, error;
-        bool judged;
-        RtStringRef protocol;
+        const char *message = "Stream Error";
+        int32_t timeout = 0; // seconds; 0 for no time-out property
+        bool judged = false;
+        RtStringRef protocol = kHVXMLRPCProtocol;
     } rows[] = {
-        // name             script                                   url                       time-out message domain error (CURLcode)
-        {"refused", FaultScript(), "http://127.0.0.1:{free}/", 0, "Stream Error", 20, 7, false, kHVXMLRPCProtocol},
-        {"closed before status", FaultScript::closeBeforeStatus(), local, 0, "Stream Error", 20, 52, false, kHVXMLRPCProtocol},
-        {"reset before status", FaultScript::resetBeforeStatus(), local, 0, "Stream Error", 20, 56, false, kHVXMLRPCProtocol},
-        {"reset in headers", FaultScript::resetMidHeaders(), local, 0, "Stream Error", 20, 56, false, kHVXMLRPCProtocol},
-        {"reset in body", FaultScript::resetMidBody(), local, 0, "Stream Error", 20, 56, false, kHVXMLRPCProtocol},
-        {"body shorter", FaultScript::bodyShorterThanLength(), local, 0, "Stream Error", 20, 18, false, kHVXMLRPCProtocol},
-        {"broken chunks", FaultScript::brokenChunked(), local, 0, "Stream Error", 20, 56, false, kHVXMLRPCProtocol},
-        {"redirect loop", FaultScript::redirectLoop(), "http://127.0.0.1:{port}/loop", 0, "Stream Error", 20, 47, false,
-         kHVXMLRPCProtocol},
-        {"garbage status line", FaultScript::garbageStatusLine(), local, 0, "Stream Error", 20, 1, false, kHVXMLRPCProtocol},
+        // name                 script                              url     domain error (CURLcode in domain 20)
+        {"refused", FaultScript(), "http://127.0.0.1:{free}/", 20, 7},
+        {"closed before status", FaultScript::closeBeforeStatus(), local, 20, 52},
+        {"reset before status", FaultScript::resetBeforeStatus(), local, 20, 56},
+        {"reset in headers", FaultScript::resetMidHeaders(), local, 20, 56},
+        {"reset in body", FaultScript::resetMidBody(), local, 20, 56},
+        {"body shorter", FaultScript::bodyShorterThanLength(), local, 20, 18},
+        {"broken chunks", FaultScript::brokenChunked(), local, 20, 56},
+        {"redirect loop", FaultScript::redirectLoop(), "http://127.0.0.1:{port}/loop", 20, 47},
+        {"garbage status line", FaultScript::garbageStatusLine(), local, 20, 1},
         // A first label over the 63 bytes DNS allows, under .invalid: the resolver refuses the
         // name itself, so no query leaves the machine.
-        {"unresolvable host", FaultScript(), "http://" + std::string(64, 'n') + ".invalid/RPC2", 0, "Stream Error", 20, 6,
-         false, kHVXMLRPCProtocol},
-        {"TLS to plain HTTP", FaultScript().send("HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\n\r\n").close(),
-         "https://127.0.0.1:{port}/RPC2", 0, "Stream Error", 20, 35, false, kHVXMLRPCProtocol},
+        {"unresolvable host", FaultScript(), "http://" + std::string(64, 'n') + ".invalid/RPC2", 20, 6},
+        {"TLS to plain HTTP", FaultScript().send("HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\n\r\n"),
+         "https://127.0.0.1:{port}/RPC2", 20, 35},
         // The stall outlasts the time-out; the reply that comes after it changes nothing.
-        {"stall past the time-out", FaultScript().readRequest().sleep(1800ms).send(std::string("HTTP/1.1 200 OK\r\n\r\n") + kHelloReply).close(),
-         local, 1, "Timed Out", -1, -65796, false, kHVXMLRPCProtocol},
+        {"stall past the time-out",
+         FaultScript().readRequest().sleep(1800ms).send(std::string("HTTP/1.1 200 OK\r\n\r\n") + kHelloReply), local,
+         -1, -65796, "Timed Out", 1},
         // The body is cut at its declared length, so the parser names the line it stopped at.
-        {"body longer", FaultScript::bodyLongerThanLength(), local, 0, "~(line ", -1, -65795, true, kHVXMLRPCProtocol},
-        {"status 503", FaultScript::reply("503 Come Back Later", "text/plain", "busy"), local, 0,
-         "HTTP/1.1 503 Come Back Later", -1, -65795, true, kHVXMLRPCProtocol},
-        {"invalid UTF-8", FaultScript::reply("200 OK", "text/xml; charset=utf-8", notUTF8), local, 0, "~(line 2, pos ",
-         -1, -65795, true, kHVXMLRPCProtocol},
-        {"invalid UTF-8, SOAP", FaultScript::reply("200 OK", "text/xml; charset=utf-8", notUTF8), local, 0,
-         "~(line 2, pos ", -1, -65795, true, kHVSOAP2001Protocol},
+        {"body longer", FaultScript::bodyLongerThanLength(), local, -1, -65795, "~(line ", 0, true},
+        {"status 503", FaultScript::reply("503 Come Back Later", "text/plain", "busy"), local, -1, -65795,
+         "HTTP/1.1 503 Come Back Later", 0, true},
+        {"invalid UTF-8", FaultScript::reply("200 OK", "text/xml; charset=utf-8", notUTF8), local, -1, -65795,
+         "~(line 2, pos ", 0, true},
+        {"invalid UTF-8, SOAP", FaultScript::reply("200 OK", "text/xml; charset=utf-8", notUTF8), local, -1, -65795,
+         "~(line 2, pos ", 0, true, kHVSOAP2001Protocol},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);
@@ -250,24 +246,6 @@ INSTANTIATE_TEST_SUITE_P(Roads, TransportFaults, testing::Values(Road::eSync, Ro
 
 namespace {
 
-// Switches the diagnostics on for one scope and captures standard error.
-class DiagnosticCapture {
-public:
-    DiagnosticCapture(int debug, int verbose) : fDebug((hvInitStatics(), gHVDebug)), fVerbose(gHVDebugVerbose) {
-        gHVDebug = debug;
-        gHVDebugVerbose = verbose;
-        testing::internal::CaptureStderr();
-    }
-    std::string finish() {
-        std::string text = testing::internal::GetCapturedStderr();
-        gHVDebug = fDebug;
-        gHVDebugVerbose = fVerbose;
-        return text;
-    }
-
-private:
-    int fDebug, fVerbose;
-};
 
 // The position of needle in haystack at or after from; fails the test when it is missing.
 size_t expectAfter(const std::string &haystack, const std::string &needle, size_t from) {

@@ -7,6 +7,9 @@
 
 namespace hvit {
 
+const char *const kHelloReply = "<?xml version=\"1.0\"?>\n<methodResponse><params><param><value><string>hello"
+                                "</string></value></param></params></methodResponse>\n";
+
 std::string roadName(const testing::TestParamInfo<Road> &info) { return info.param == Road::eSync ? "Sync" : "Async"; }
 
 Owned newURL(const std::string &text) {

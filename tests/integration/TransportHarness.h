@@ -5,6 +5,7 @@
 #pragma once
 
 #include "../HalvosCore/XMLRPCTestSupport.h"
+#include "HalvoUtils.h"
 
 #include <HalvosCore/HalvosCore.h>
 
@@ -87,6 +88,28 @@ Outcome runCall(HVMethodInvocationRef invocation, Road road, double lingerSecond
 // that mode until every one delivered, then for lingerSeconds more; the outcomes, in order.
 std::vector<Outcome> runConcurrently(const std::vector<HVMethodInvocationRef> &invocations,
                                      double lingerSeconds = 0.05);
+
+// A valid XML-RPC reply whose result is the string "hello".
+extern const char *const kHelloReply;
+
+// Switches the diagnostics on and captures standard error until finish(), which restores both.
+class DiagnosticCapture {
+public:
+    DiagnosticCapture(int debug, int verbose) : fDebug((hvInitStatics(), gHVDebug)), fVerbose(gHVDebugVerbose) {
+        gHVDebug = debug;
+        gHVDebugVerbose = verbose;
+        testing::internal::CaptureStderr();
+    }
+    std::string finish() {
+        std::string text = testing::internal::GetCapturedStderr();
+        gHVDebug = fDebug;
+        gHVDebugVerbose = fVerbose;
+        return text;
+    }
+
+private:
+    int fDebug, fVerbose;
+};
 
 // gtest helpers for the result dictionary.
 // The four debug entries of a reply that was processed; the incoming headers only when a

@@ -5,7 +5,6 @@
 
 #include <gmock/gmock.h>
 
-#include <fstream>
 #include <sstream>
 #include <vector>
 
@@ -13,14 +12,7 @@ using namespace hvit;
 
 namespace {
 
-std::string dataPath(const std::string &name) { return std::string(HV_SOURCE_DIR) + "/tests/data/transport/" + name; }
-
-std::string readFile(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream bytes;
-    bytes << in.rdbuf();
-    return bytes.str();
-}
+std::string readFile(const std::string &name) { return xmlrpctest::readGolden(name, "transport"); }
 
 std::string trim(const std::string &s) {
     size_t start = s.find_first_not_of(' ');
@@ -38,7 +30,7 @@ struct ReplyCase {
 
 std::vector<ReplyCase> loadCases() {
     std::vector<ReplyCase> cases;
-    std::ifstream in(dataPath("reply_cases.txt"));
+    std::istringstream in(readFile("reply_cases.txt"));
     std::string line;
     while (std::getline(in, line)) {
         if (line.empty() || line[0] == '#')
@@ -55,7 +47,7 @@ std::vector<ReplyCase> loadCases() {
         c.name = fields[0];
         c.status = std::stoi(fields[1]);
         c.contentType = fields[2] == "-" ? "" : fields[2];
-        c.body = readFile(dataPath(fields[3]));
+        c.body = readFile(fields[3]);
         c.expectation = fields[4];
         EXPECT_FALSE(c.body.empty()) << "missing body file " << fields[3];
         cases.push_back(c);
@@ -130,8 +122,8 @@ TEST_P(TransportReplies, EachScriptedReplyGivesItsResult) {
 TEST_P(TransportReplies, CharsetsAndHTTP10) {
     hvtest::ScriptedHTTPServer server;
     server.reply("POST", "/latin1",
-                 hvtest::ScriptedReply::with(200, "text/xml; charset=ISO-8859-1", readFile(dataPath("latin1_reply.xml"))));
-    hvtest::ScriptedReply reply = hvtest::ScriptedReply::xml(readFile(dataPath("echo_reply.xml")));
+                 hvtest::ScriptedReply::with(200, "text/xml; charset=ISO-8859-1", readFile("latin1_reply.xml")));
+    hvtest::ScriptedReply reply = hvtest::ScriptedReply::xml(readFile("echo_reply.xml"));
     reply.http10 = true;
     server.reply("POST", "/RPC2", reply);
 

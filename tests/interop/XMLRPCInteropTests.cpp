@@ -17,10 +17,11 @@ hvtest::Finished runCodec(std::vector<std::string> args) {
     return hvtest::run(args);
 }
 
+// The document the codec writes for args.
 std::string pythonWrites(std::vector<std::string> args) {
-    hvtest::Finished run = runCodec(std::move(args));
-    EXPECT_EQ(0, run.status) << run.err;
-    return run.out;
+    hvtest::Finished written = runCodec(std::move(args));
+    EXPECT_EQ(0, written.status) << written.err;
+    return written.out;
 }
 
 // Python's loads of document compared, in Python, with the expected expression.

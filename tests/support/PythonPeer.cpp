@@ -9,8 +9,16 @@ namespace hvtest {
 
 namespace {
 
+// The full path of a script in tests/support.
+std::string scriptPath(const std::string &name) {
+    if (name.find('/') != std::string::npos) return name;
+    const char *source = getenv("HV_SOURCE_DIR");
+    std::string root = source && *source ? source : HV_SOURCE_DIR;
+    return root + "/tests/support/" + name;
+}
+
 std::vector<std::string> peerArguments(const std::string &script, const std::vector<std::string> &arguments) {
-    std::vector<std::string> argv = {PythonPeer::interpreter(), "-u", PythonPeer::scriptPath(script)};
+    std::vector<std::string> argv = {PythonPeer::interpreter(), "-u", scriptPath(script)};
     argv.insert(argv.end(), arguments.begin(), arguments.end());
     return argv;
 }
@@ -20,17 +28,6 @@ std::vector<std::string> peerArguments(const std::string &script, const std::vec
 std::string PythonPeer::interpreter() {
     if (const char *chosen = getenv("HV_PYTHON"); chosen && *chosen) return chosen;
     return access("/usr/bin/python3", X_OK) == 0 ? "/usr/bin/python3" : "python3";
-}
-
-std::string PythonPeer::scriptPath(const std::string &name) {
-    if (name.find('/') != std::string::npos) return name;
-    const char *source = getenv("HV_SOURCE_DIR");
-    std::string root = source && *source ? source : HV_SOURCE_DIR;
-    return root + "/tests/support/" + name;
-}
-
-bool PythonPeer::hasModule(const std::string &module) {
-    return run({interpreter(), "-c", "import " + module}).status == 0;
 }
 
 PythonPeer::PythonPeer(const std::string &script, const std::vector<std::string> &arguments)

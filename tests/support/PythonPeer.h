@@ -36,10 +36,6 @@ class PythonPeer {
     std::string url(const std::string &path = "/") const;
 
     static std::string interpreter();
-    // The full path of a script in tests/support.
-    static std::string scriptPath(const std::string &name);
-    // True when the interpreter can import module (for skipping a test whose peer is missing).
-    static bool hasModule(const std::string &module);
 
   private:
     Child fChild;

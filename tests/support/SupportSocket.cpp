@@ -1,5 +1,6 @@
 #include "SupportSocket.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstring>
@@ -8,20 +9,14 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <stdexcept>
+#include <strings.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 namespace hvtest {
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-    if (a.size() != b.size()) return false;
-    for (size_t i = 0; i < a.size(); ++i) {
-        char x = a[i], y = b[i];
-        if (x >= 'A' && x <= 'Z') x = char(x - 'A' + 'a');
-        if (y >= 'A' && y <= 'Z') y = char(y - 'A' + 'a');
-        if (x != y) return false;
-    }
-    return true;
+    return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
 
 const std::string *findHeader(const HTTPHeaders &headers, std::string_view name) {
@@ -36,24 +31,7 @@ std::string RecordedRequest::header(std::string_view name) const {
 }
 
 size_t RecordedRequest::headerCount(std::string_view name) const {
-    size_t count = 0;
-    for (const auto &field : headers)
-        count += equalsIgnoringCase(field.first, name) ? 1 : 0;
-    return count;
-}
-
-Socket &Socket::operator=(Socket &&other) noexcept {
-    if (this != &other) {
-        close();
-        fFd = other.release();
-    }
-    return *this;
-}
-
-int Socket::release() {
-    int fd = fFd;
-    fFd = -1;
-    return fd;
+    return size_t(std::count_if(headers.begin(), headers.end(), [&](const auto &f) { return equalsIgnoringCase(f.first, name); }));
 }
 
 void Socket::close() {

@@ -49,15 +49,13 @@ class Socket {
   public:
     Socket() = default;
     explicit Socket(int fd) : fFd(fd) {}
-    Socket(Socket &&other) noexcept : fFd(other.release()) {}
-    Socket &operator=(Socket &&other) noexcept;
+    Socket(Socket &&other) noexcept : fFd(other.fFd) { other.fFd = -1; }
     Socket(const Socket &) = delete;
     Socket &operator=(const Socket &) = delete;
     ~Socket() { close(); }
 
     int fd() const { return fFd; }
     bool valid() const { return fFd >= 0; }
-    int release();
     void close();
     // Closes with SO_LINGER 0, so the peer receives a TCP reset instead of an orderly end.
     void reset();
@@ -74,7 +72,6 @@ class StopSignal {
     StopSignal(const StopSignal &) = delete;
     StopSignal &operator=(const StopSignal &) = delete;
     void raise();
-    bool raised() const { return fRaised.load(); }
     int fd() const { return fPipe[0]; }
 
   private:
