@@ -82,8 +82,8 @@ TEST_P(TransportFaults, RequestCannotBeSent) {
 }
 
 // The fault matrix. In url, "{port}" is the fault server's port and "{free}" a port nobody
-// listens on; a row without a script has no server. A message starting with '~' is a part of
-// the message. judged: a reply arrived and was judged, so the debug entries are there.
+// listens on; a row without a script has no server. A message starting with '~' is a regular
+// expression the message contains. judged: a reply arrived and was judged, so the debug entries are there.
 TEST_P(TransportFaults, Matrix) {
     const std::string notUTF8 = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<methodResponse><params><param><value>"
                                 "<string>caf\xE9 \xFF\xFE</string></value></param></params></methodResponse>\n";
@@ -118,13 +118,13 @@ TEST_P(TransportFaults, Matrix) {
          FaultScript().readRequest().sleep(1800ms).send(std::string("HTTP/1.1 200 OK\r\n\r\n") + kHelloReply), local,
          -1, -65796, "Timed Out", 1},
         // The body is cut at its declared length, so the parser names the line it stopped at.
-        {"body longer", FaultScript::bodyLongerThanLength(), local, -1, -65795, "~(line ", 0, true},
+        {"body longer", FaultScript::bodyLongerThanLength(), local, -1, -65795, "~\\(line ", 0, true},
         {"status 503", FaultScript::reply("503 Come Back Later", "text/plain", "busy"), local, -1, -65795,
          "HTTP/1.1 503 Come Back Later", 0, true},
         {"invalid UTF-8", FaultScript::reply("200 OK", "text/xml; charset=utf-8", notUTF8), local, -1, -65795,
-         "~(line 2, pos ", 0, true},
+         "~\\(line 2, pos ", 0, true},
         {"invalid UTF-8, SOAP", FaultScript::reply("200 OK", "text/xml; charset=utf-8", notUTF8), local, -1, -65795,
-         "~(line 2, pos ", 0, true, kHVSOAP2001Protocol},
+         "~\\(line 2, pos ", 0, true, kHVSOAP2001Protocol},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);
@@ -141,12 +141,7 @@ TEST_P(TransportFaults, Matrix) {
             call.property(kHVMethodInvocationTimeoutValue, I(row.timeout));
         Outcome outcome = call.run(GetParam(), row.timeout ? 1.5 : 0.05);
         ASSERT_EQ(outcome.callbacks, 1);
-        if (row.message[0] == '~') {
-            EXPECT_THAT(outcome.streamMessage(), HasSubstr(row.message + 1));
-            expectStreamFault(outcome, outcome.streamMessage(), row.domain, row.error);
-        } else {
-            expectStreamFault(outcome, row.message, row.domain, row.error);
-        }
+        expectStreamFault(outcome, row.message, row.domain, row.error);
         if (row.judged)
             expectDebugEntries(outcome, true);
         else

@@ -115,7 +115,8 @@ private:
 // The four debug entries of a reply that was processed; the incoming headers only when a
 // response arrived (withResponse).
 void expectDebugEntries(const Outcome &outcome, bool withResponse);
-// A transport fault: "/RtStreamFault", code -65794, the extra carrying message, domain, error.
+// A transport fault: "/RtStreamFault", code -65794, the extra carrying message (a regular
+// expression it contains when message starts with '~'), domain and error.
 void expectStreamFault(const Outcome &outcome, const std::string &message, int64_t domain, int64_t error);
 
 } // namespace hvit

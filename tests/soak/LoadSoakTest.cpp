@@ -115,20 +115,16 @@ std::string echoOnce(const std::string &base, const CallKind &kind, const std::s
 }
 
 // Failures seen by any thread: how many, and the first one's story.
-class Failures {
-public:
-    void add(const std::string &what) {
-        std::lock_guard<std::mutex> hold(fLock);
-        if (fCount++ == 0)
-            fFirst = what;
-    }
-    int count() const { return fCount; }
-    const std::string &first() const { return fFirst; }
+struct Failures {
+    std::mutex lock;
+    int count = 0;
+    std::string first;
 
-private:
-    std::mutex fLock;
-    int fCount = 0;
-    std::string fFirst;
+    void add(const std::string &what) {
+        std::lock_guard<std::mutex> hold(lock);
+        if (count++ == 0)
+            first = what;
+    }
 };
 
 // The first calls of the process fill caches that live for good (each thread's run loop, the
@@ -166,7 +162,7 @@ TEST(Load, EightThreadsEachWithItsOwnRunLoop) {
         thread.join();
 
     EXPECT_EQ(done.load(), kThreads * kCalls);
-    EXPECT_EQ(failures.count(), 0) << failures.first();
+    EXPECT_EQ(failures.count, 0) << failures.first;
     EXPECT_EQ(RtRuntimeGetLiveObjectCount(), liveBefore) << "runtime objects left behind";
 }
 
@@ -192,7 +188,7 @@ TEST(Soak, SequentialCallsKeepMemoryFlat) {
             std::cout << "soak: " << i << " calls, resident " << last / 1024 << " KiB" << std::endl;
         }
     }
-    EXPECT_EQ(failures.count(), 0) << failures.first();
+    EXPECT_EQ(failures.count, 0) << failures.first;
     EXPECT_EQ(RtRuntimeGetLiveObjectCount(), liveBefore) << "runtime objects left behind";
     ASSERT_GT(afterFirstThousand, 0);
     EXPECT_LE(last, afterFirstThousand + afterFirstThousand / 20)

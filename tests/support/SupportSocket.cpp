@@ -110,10 +110,6 @@ WaitResult waitWritable(int fd, int stopFd, int timeoutMs) {
 }
 
 bool sleepUnlessStopped(int stopFd, std::chrono::milliseconds d) {
-    if (stopFd < 0) {
-        std::this_thread::sleep_for(d);
-        return true;
-    }
     return waitFor(stopFd, POLLIN, -1, int(d.count())) == WaitResult::eTimeout;
 }
 

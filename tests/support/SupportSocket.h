@@ -89,7 +89,7 @@ Socket connectLoopback(uint16_t port, std::chrono::milliseconds timeout, std::st
 // Waits until fd is readable (or writable). timeoutMs < 0 waits without limit; stopFd < 0 is ignored.
 WaitResult waitReadable(int fd, int stopFd, int timeoutMs);
 WaitResult waitWritable(int fd, int stopFd, int timeoutMs);
-// Sleeps for d unless stopFd is raised first; false when stopped.
+// Sleeps for d unless stopFd (a StopSignal) is raised first; false when stopped.
 bool sleepUnlessStopped(int stopFd, std::chrono::milliseconds d);
 // Sends every byte (without SIGPIPE); false on error, stop or timeout.
 bool sendAll(int fd, std::string_view data, int stopFd = -1, int timeoutMs = -1);

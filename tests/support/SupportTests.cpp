@@ -57,13 +57,6 @@ TEST(SupportServers, FaultScriptsPerConnection) {
     EXPECT_FALSE(cut.ok); // the body ends before its declared length
     ASSERT_EQ(server.requests().size(), 2u);
     EXPECT_NE(server.requests()[1].find("Content-Length: 4\r\n\r\nbody"), std::string::npos);
-
-    auto stalling = std::make_unique<FaultServer>(FaultScript::neverAnswer());
-    std::thread waiting([port = stalling->port()] { httpRequest(port, "GET", "/"); });
-    while (stalling->requests().empty())
-        std::this_thread::sleep_for(10ms);
-    stalling.reset();
-    waiting.join();
 }
 
 TEST(SupportServers, PythonPeersStartOrSayWhy) {

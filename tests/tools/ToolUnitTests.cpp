@@ -25,20 +25,19 @@ TEST(JSONValues, IntegersAreSizedAndEveryKindRoundTrips) {
     struct {
         const char *json;
         RtNumberType type;
-    } numbers[] = {{"2147483647", kRtNumberSInt32Type},
-                   {"-2147483648", kRtNumberSInt32Type},
-                   {"2147483648", kRtNumberSInt64Type},
-                   {"-2147483649", kRtNumberSInt64Type},
-                   {"9223372036854775807", kRtNumberSInt64Type},
-                   {"2.0", kRtNumberFloat64Type},
-                   {"1e3", kRtNumberFloat64Type}};
+        const char *written;
+    } numbers[] = {{"2147483647", kRtNumberSInt32Type, "2147483647"},
+                   {"-2147483648", kRtNumberSInt32Type, "-2147483648"},
+                   {"2147483648", kRtNumberSInt64Type, "2147483648"},
+                   {"-2147483649", kRtNumberSInt64Type, "-2147483649"},
+                   {"9223372036854775807", kRtNumberSInt64Type, "9223372036854775807"},
+                   {"2.0", kRtNumberFloat64Type, "2.0"},
+                   {"1e3", kRtNumberFloat64Type, "1000.0"}};
     for (const auto &number : numbers) {
         RtTypeRef value = hvtools::createValueFromJSON(number.json, error);
         ASSERT_EQ(RtGetTypeID(value), RtNumberGetTypeID()) << number.json;
         EXPECT_EQ(RtNumberGetType(static_cast<RtNumberRef>(value)), number.type) << number.json;
-        EXPECT_EQ(hvtools::jsonFromValue(value), std::string(number.json) == "2.0"   ? "2.0"
-                                                 : std::string(number.json) == "1e3" ? "1000.0"
-                                                                                     : number.json);
+        EXPECT_EQ(hvtools::jsonFromValue(value), number.written);
         RtRelease(value);
     }
 
