@@ -6,8 +6,8 @@
 //
 // Counts: the full ones (1,000 calls per thread, 20,000 in sequence) under ./hv test --long,
 // which sets HV_TEST_LONG=1; a tenth of them otherwise, to keep the ordinary run short.
-#include "../HalvosCore/XMLRPCTestSupport.h"
 #include "ToolProcess.h"
+#include "TransportHarness.h"
 
 #include <HalvosCore/HalvosCore.h>
 
@@ -29,7 +29,7 @@
 // growth; a small one lets the resident set show what the library really keeps.
 extern "C" const char *__asan_default_options() { return "quarantine_size_mb=4"; }
 
-using namespace xmlrpctest;
+using namespace hvit;
 
 namespace {
 
@@ -52,66 +52,34 @@ long residentBytes() {
 
 struct CallKind {
     RtStringRef protocol;
-    bool async;
+    Road road;
 };
 
 // The mix every thread and the sequential run go through in turn. Built on first use: the
 // protocol constants are set up when the library initialises, after this file's own statics.
 const CallKind &callKind(int i) {
     static const CallKind sMix[] = {
-        // protocol           asynchronous
-        {kHVXMLRPCProtocol, false},
-        {kHVSOAP2001Protocol, true},
-        {kHVXMLRPCProtocol, true},
-        {kHVSOAP1999Protocol, false},
+        {kHVXMLRPCProtocol, Road::eSync},
+        {kHVSOAP2001Protocol, Road::eAsync},
+        {kHVXMLRPCProtocol, Road::eAsync},
+        {kHVSOAP1999Protocol, Road::eSync},
     };
     return sMix[i % 4];
 }
 
-void _storeResult(HVMethodInvocationRef, void *info, RtDictionaryRef result) {
-    auto *slot = static_cast<RtDictionaryRef *>(info);
-    if (*slot) // a second delivery would be a fault of its own: keep the first, count nothing
-        RtRelease(result);
-    else
-        *slot = result;
-}
-
-RtStringRef loadTestMode() { return RTSTR("HVLoadTestMode"); }
-
-// The echoed value: XML-RPC's result is the value itself, SOAP's the dictionary of the reply's
-// return elements, each also at the top of the result (hvserve names its one "Result").
-RtTypeRef echoed(RtDictionaryRef result, bool xmlrpc) {
-    return xmlrpc ? RtDictionaryGetValue(result, kHVMethodInvocationResult) : RtDictionaryGetValue(result, RTSTR("Result"));
-}
-
-// Calls examples.echo(text) on server; "" when the text came back intact, else what went wrong.
+// Calls examples.echo(text) on server; "" when the text came back intact, once, else what went
+// wrong. SOAP's result is the dictionary of the reply's return elements, each also at the top of
+// the result (hvserve names its one "Result").
 std::string echoOnce(const std::string &base, const CallKind &kind, const std::string &text) {
     bool xmlrpc = kind.protocol == kHVXMLRPCProtocol;
-    Value url = Value::adopt(RtURLCreateWithString(kRtAllocatorDefault, S((base + (xmlrpc ? "/RPC2" : "/soap")).c_str()).str(), nullptr));
-    HVMethodInvocationRef call = HVMethodInvocationCreate(static_cast<RtURLRef>(url.get()), RTSTR("examples.echo"), kind.protocol);
-    Value value = S(text.c_str());
-    HVMethodInvocationSetParameters(call, Dict({{"value", value}}).dict(), A({S("value")}).array());
-
-    RtDictionaryRef delivered = nullptr;
-    if (!kind.async) {
-        delivered = HVMethodInvocationInvoke(call);
-    } else {
-        HVClientContext context = {0, &delivered, nullptr, nullptr, nullptr};
-        HVMethodInvocationSetCallBack(call, _storeResult, &context);
-        HVMethodInvocationScheduleWithRunLoop(call, RtRunLoopGetCurrent(), loadTestMode());
-        RtAbsoluteTime guard = RtAbsoluteTimeGetCurrent() + 60;
-        while (!delivered && RtAbsoluteTimeGetCurrent() < guard)
-            RtRunLoopRunInMode(loadTestMode(), 1.0, true);
-        HVMethodInvocationUnscheduleFromRunLoop(call, RtRunLoopGetCurrent(), loadTestMode());
-        HVMethodInvocationSetCallBack(call, nullptr, nullptr);
-    }
-    RtRelease(call);
-    Value result = Value::adopt(delivered);
-    if (!result.get())
-        return "no result";
-    if (!HVMethodResultIsFault(result.dict()) && RtEqual(echoed(result.dict(), xmlrpc), value.get()))
+    Owned value = S(text.c_str());
+    Outcome outcome = Invocation(base + (xmlrpc ? "/RPC2" : "/soap"), "examples.echo", kind.protocol)
+                          .param("value", value)
+                          .run(kind.road, 0);
+    RtTypeRef echoed = outcome.value(xmlrpc ? kHVMethodInvocationResult : RTSTR("Result"));
+    if (outcome.callbacks == 1 && !outcome.isFault() && echoed && RtEqual(echoed, value.get()))
         return "";
-    return describe(result.get());
+    return std::to_string(outcome.callbacks) + " results, " + xmlrpctest::describe(outcome.result.get());
 }
 
 // Failures seen by any thread: how many, and the first one's story.
