@@ -8,13 +8,12 @@
 //   BM_SOAPReplyToResult, BM_SOAPMultiRefReplyToResult   the replies into result dictionaries
 //   BM_SOAPParamsToRequest   the records into a SOAP-2001 request envelope
 #include "BenchValues.h"
+#include "ExpatFloor.h"
 
 #include <HalvosCore/HalvosCore.h>
 
 #include <benchmark/benchmark.h>
-#include <expat.h>
 
-#include <algorithm>
 #include <string>
 
 namespace {
@@ -47,25 +46,9 @@ Fixture &fixture() {
     return *f;
 }
 
-void XMLCALL _start(void *, const XML_Char *, const XML_Char **) {}
-void XMLCALL _end(void *, const XML_Char *) {}
-void XMLCALL _text(void *, const XML_Char *, int) {}
-
-// Not inlined, so that callgrind can count it alone (--toggle-collect=*parseWithEmptyHandlers*).
-__attribute__((noinline)) bool parseWithEmptyHandlers(RtDataRef document) {
-    XML_Parser parser = XML_ParserCreate(nullptr);
-    XML_SetElementHandler(parser, _start, _end);
-    XML_SetCharacterDataHandler(parser, _text);
-    const char *bytes = reinterpret_cast<const char *>(RtDataGetBytePtr(document));
-    size_t size = size_t(RtDataGetLength(document));
-    const size_t slice = size_t(64) << 10;
-    bool ok = true;
-    for (size_t offset = 0; ok && offset < size; offset += slice) {
-        size_t length = std::min(slice, size - offset);
-        ok = XML_Parse(parser, bytes + offset, int(length), offset + length == size) == XML_STATUS_OK;
-    }
-    XML_ParserFree(parser);
-    return ok;
+bool parseWithEmptyHandlers(RtDataRef document) {
+    return hvbench::parseWithEmptyHandlers(reinterpret_cast<const char *>(RtDataGetBytePtr(document)),
+                                           size_t(RtDataGetLength(document)));
 }
 
 void runExpat(benchmark::State &state, RtDataRef document) {

@@ -3,13 +3,12 @@
 // base64) and a small one-record reply. The baseline is expat with empty handlers for the same
 // events, fed the same way (64 KiB per call), so the ratio is what building the tree costs.
 #include "DocumentGenerator.h"
+#include "ExpatFloor.h"
 
 #include <RtCore/RtCore.h>
 
 #include <benchmark/benchmark.h>
-#include <expat.h>
 
-#include <algorithm>
 #include <string>
 
 namespace {
@@ -24,30 +23,7 @@ const std::string &smallReply() {
     return s;
 }
 
-void XMLCALL _start(void *, const XML_Char *, const XML_Char **) {}
-void XMLCALL _end(void *, const XML_Char *) {}
-void XMLCALL _text(void *, const XML_Char *, int) {}
-void XMLCALL _comment(void *, const XML_Char *) {}
-void XMLCALL _pi(void *, const XML_Char *, const XML_Char *) {}
-void XMLCALL _cdata(void *) {}
-
-bool parseWithEmptyHandlers(const std::string &doc) {
-    XML_Parser p = XML_ParserCreate(nullptr);
-    XML_SetParamEntityParsing(p, XML_PARAM_ENTITY_PARSING_NEVER);
-    XML_SetElementHandler(p, _start, _end);
-    XML_SetCharacterDataHandler(p, _text);
-    XML_SetCommentHandler(p, _comment);
-    XML_SetProcessingInstructionHandler(p, _pi);
-    XML_SetCdataSectionHandler(p, _cdata, _cdata);
-    const size_t chunk = size_t(64) << 10;
-    bool ok = true;
-    for (size_t off = 0; ok && off < doc.size(); off += chunk) {
-        size_t n = std::min(chunk, doc.size() - off);
-        ok = XML_Parse(p, doc.data() + off, int(n), off + n == doc.size()) == XML_STATUS_OK;
-    }
-    XML_ParserFree(p);
-    return ok;
-}
+using hvbench::parseWithEmptyHandlers;
 
 void runExpat(benchmark::State &state, const std::string &doc) {
     for (auto _ : state) {

@@ -8,42 +8,16 @@
 //       libcurl's easy interface posting fixed request bytes on one reused connection and
 //       keeping the reply bytes: a call with no document written or read
 #include "BenchSupport.h"
+#include "ExpatFloor.h"
 
 #include <benchmark/benchmark.h>
 #include <curl/curl.h>
-#include <expat.h>
 
-#include <algorithm>
 #include <string>
 
 namespace {
 
-void XMLCALL _start(void *, const XML_Char *, const XML_Char **) {}
-void XMLCALL _end(void *, const XML_Char *) {}
-void XMLCALL _text(void *, const XML_Char *, int) {}
-void XMLCALL _comment(void *, const XML_Char *) {}
-void XMLCALL _pi(void *, const XML_Char *, const XML_Char *) {}
-void XMLCALL _cdata(void *) {}
-
-bool parseWithEmptyHandlers(const std::string &document) {
-    XML_Parser parser = XML_ParserCreate(nullptr);
-    XML_SetParamEntityParsing(parser, XML_PARAM_ENTITY_PARSING_NEVER);
-    XML_SetElementHandler(parser, _start, _end);
-    XML_SetCharacterDataHandler(parser, _text);
-    XML_SetCommentHandler(parser, _comment);
-    XML_SetProcessingInstructionHandler(parser, _pi);
-    XML_SetCdataSectionHandler(parser, _cdata, _cdata);
-    // Fed in slices: given the whole document at once, expat would copy it into its own buffer.
-    const size_t slice = size_t(64) << 10;
-    bool ok = true;
-    for (size_t offset = 0; ok && offset < document.size(); offset += slice) {
-        size_t length = std::min(slice, document.size() - offset);
-        ok = XML_Parse(parser, document.data() + offset, int(length), offset + length == document.size()) ==
-             XML_STATUS_OK;
-    }
-    XML_ParserFree(parser);
-    return ok;
-}
+using hvbench::parseWithEmptyHandlers;
 
 void runExpat(benchmark::State &state, const std::string &document) {
     for (auto _ : state) {
