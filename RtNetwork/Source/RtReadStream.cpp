@@ -396,6 +396,9 @@ int configureTransfer(StreamState &st) {
         if (port > 0 && port < 65536) set(CURLOPT_PROXYPORT, port);
     } else {
         set(CURLOPT_PROXY, "");
+        // No proxy, so no host is excepted from one: an empty exception list spares libcurl
+        // reading no_proxy and NO_PROXY from the environment on every transfer.
+        set(CURLOPT_NOPROXY, "");
     }
 
     rt::BodyView body = rt::httpBody(request);
