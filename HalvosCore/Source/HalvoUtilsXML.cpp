@@ -356,19 +356,28 @@ void dumpXMLTree(RtTreeRef tree, int level) {
 }
 
 RtStringRef prettyPrintXML(RtDataRef data, RtStringEncoding encoding) {
-    // Every HTTP result carries both bodies this way, megabytes for a large call: one copy, with
-    // the carriage returns found by memchr.
+    // Every HTTP result carries both bodies this way, megabytes for a large call: at most one
+    // copy, made only when there are carriage returns to turn into line feeds (found by memchr).
     RtIndex length = data ? RtDataGetLength(data) : 0;
+    const uint8_t *source = length > 0 ? RtDataGetBytePtr(data) : nullptr;
     std::vector<uint8_t> bytes;
-    if (length > 0)
-        bytes.assign(RtDataGetBytePtr(data), RtDataGetBytePtr(data) + length);
-    uint8_t *end = bytes.data() + bytes.size();
-    for (uint8_t *cr = bytes.data(); length > 0 && (cr = static_cast<uint8_t *>(memchr(cr, '\r', size_t(end - cr))));)
-        *cr++ = '\n';
-    RtStringRef text = RtStringCreateWithBytes(kRtAllocatorDefault, bytes.data(), length, encoding, false);
+    auto copySource = [&] {
+        if (bytes.empty() && length > 0) {
+            bytes.assign(source, source + length);
+            source = bytes.data();
+        }
+    };
+    if (length > 0 && memchr(source, '\r', size_t(length))) {
+        copySource();
+        uint8_t *end = bytes.data() + bytes.size();
+        for (uint8_t *cr = bytes.data(); (cr = static_cast<uint8_t *>(memchr(cr, '\r', size_t(end - cr))));)
+            *cr++ = '\n';
+    }
+    RtStringRef text = RtStringCreateWithBytes(kRtAllocatorDefault, source, length, encoding, false);
     if (!text)
-        text = RtStringCreateWithBytes(kRtAllocatorDefault, bytes.data(), length, kRtStringEncodingISOLatin1, false);
+        text = RtStringCreateWithBytes(kRtAllocatorDefault, source, length, kRtStringEncodingISOLatin1, false);
     if (!text) {
+        copySource();
         for (uint8_t &b : bytes)
             b &= 0x7F;
         text = RtStringCreateWithBytes(kRtAllocatorDefault, bytes.data(), length, kRtStringEncodingASCII, false);

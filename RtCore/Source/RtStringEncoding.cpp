@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <mutex>
 #include <string>
 #include <strings.h>
@@ -55,6 +56,20 @@ const EncodingRow kEncodings[] = {
     {kRtStringEncodingDefault8Bit, "ISO-8859-1", Kind::eLatin1},
 };
 constexpr size_t kEncodingCount = sizeof kEncodings / sizeof kEncodings[0];
+
+// How many leading bytes are below 0x80, a word at a time: most text decoded here (headers,
+// XML bodies) is all ASCII.
+size_t asciiRunLength(const uint8_t *p, size_t n) {
+    size_t i = 0;
+    for (; i + 8 <= n; i += 8) {
+        uint64_t w;
+        std::memcpy(&w, p + i, 8);
+        if (w & 0x8080808080808080ull) break;
+    }
+    while (i < n && p[i] < 0x80)
+        i++;
+    return i;
+}
 
 const EncodingRow *findRow(RtStringEncoding encoding) {
     for (const EncodingRow &row : kEncodings)
@@ -283,8 +298,7 @@ RtStringRef RtStringCreateWithBytes(RtAllocatorRef, const uint8_t *bytes, RtInde
     if (!bytes) bytes = kEmpty;
     switch (row->fKind) {
     case Kind::eASCII:
-        for (size_t i = 0; i < n; i++)
-            if (bytes[i] >= 0x80) return nullptr;
+        if (asciiRunLength(bytes, n) != n) return nullptr;
         return rt::createString8(bytes, numBytes);
     case Kind::eLatin1:
         return rt::createString8(bytes, numBytes);
@@ -293,10 +307,7 @@ RtStringRef RtStringCreateWithBytes(RtAllocatorRef, const uint8_t *bytes, RtInde
             bytes += 3;
             n -= 3;
         }
-        size_t i = 0;
-        while (i < n && bytes[i] < 0x80)
-            i++;
-        if (i == n) return rt::createString8(bytes, RtIndex(n));
+        if (asciiRunLength(bytes, n) == n) return rt::createString8(bytes, RtIndex(n));
         rt::StringBuilder b;
         if (!b.appendUTF8(reinterpret_cast<const char *>(bytes), n)) return nullptr;
         return b.createString();
