@@ -1,7 +1,9 @@
 // RtCurlDriver: the thread's libcurl multi handle on the run loop (see RtCurlDriver.h).
 #include "RtCurlDriver.h"
 
+#include <cstring>
 #include <mutex>
+#include <new>
 
 namespace rt {
 
@@ -61,6 +63,7 @@ CurlDriver::~CurlDriver() {
     // Cleaning up closes the cached connections; their sockets come back through
     // _socketCallback, which drops their watchers.
     for (CURL *easy : fSpareEasy) curl_easy_cleanup(easy);
+    releaseHeaderList(fLastHeaders);
     curl_multi_cleanup(fMulti);
     while (!fWatchers.empty()) dropWatcher(fWatchers.begin()->first);
     RtRunLoopTimerInvalidate(fTimer);
@@ -93,6 +96,38 @@ void CurlDriver::recycleEasy(CURL *easy) {
     // and their data) reaches the next one.
     curl_easy_reset(easy);
     fSpareEasy.push_back(easy);
+}
+
+CurlHeaderList *CurlDriver::shareHeaderList(const std::string &lines) {
+    if (fLastHeaders && fLastHeaders->fLines == lines) {
+        fLastHeaders->fRefs++;
+        return fLastHeaders;
+    }
+    curl_slist *list = nullptr;
+    for (size_t at = 0; at < lines.size();) {
+        const char *line = lines.c_str() + at;
+        curl_slist *grown = curl_slist_append(list, line);
+        if (!grown) {
+            curl_slist_free_all(list);
+            return nullptr;
+        }
+        list = grown;
+        at += std::strlen(line) + 1;
+    }
+    auto *shared = new (std::nothrow) CurlHeaderList{list, lines, 2}; // the caller's and the driver's
+    if (!shared) {
+        curl_slist_free_all(list);
+        return nullptr;
+    }
+    releaseHeaderList(fLastHeaders);
+    fLastHeaders = shared;
+    return shared;
+}
+
+void CurlDriver::releaseHeaderList(CurlHeaderList *list) {
+    if (!list || --list->fRefs > 0) return;
+    curl_slist_free_all(list->fList);
+    delete list;
 }
 
 void CurlDriver::activateMode(RtStringRef mode) {

@@ -11,6 +11,7 @@
 
 #include <curl/curl.h>
 
+#include <string>
 #include <unordered_map>
 #include <vector>
 
@@ -25,6 +26,14 @@ class CurlTransfer {
 
   protected:
     ~CurlTransfer() = default;
+};
+
+// A libcurl header list, shared by the transfers that send the same fields (reference counted,
+// one thread). fLines holds the fields, each ended by a NUL.
+struct CurlHeaderList {
+    curl_slist *fList;
+    std::string fLines;
+    int fRefs;
 };
 
 class CurlDriver {
@@ -46,6 +55,11 @@ class CurlDriver {
     CURL *takeEasy();
     // Takes back an easy handle that is out of the multi handle, for takeEasy.
     void recycleEasy(CURL *easy);
+    // The header list of lines (see CurlHeaderList) with a new reference, or NULL when memory
+    // runs out. The last list made is kept: calls that send the same fields (most of a client's
+    // calls) share it instead of building and freeing one per request.
+    CurlHeaderList *shareHeaderList(const std::string &lines);
+    void releaseHeaderList(CurlHeaderList *list);
     // Counted: the watchers and the timer stay in mode while it has more activations than
     // deactivations.
     void activateMode(RtStringRef mode);
@@ -79,6 +93,7 @@ class CurlDriver {
     std::unordered_map<curl_socket_t, RtFileDescriptorRef> fWatchers;
     std::vector<ModeUse> fModes;
     std::vector<CURL *> fSpareEasy;
+    CurlHeaderList *fLastHeaders = nullptr;
 };
 
 } // namespace rt

@@ -59,7 +59,7 @@ struct StreamState final : rt::CurlTransfer {
     rt::CurlDriver *fDriver = nullptr;
     CURL *fEasy = nullptr;
     bool fInMulti = false;
-    curl_slist *fHeaderList = nullptr;
+    rt::CurlHeaderList *fHeaders = nullptr; // shared through the driver
     std::vector<RtStringRef> fActiveModes; // modes this stream activated on the driver
     std::string fURLText, fMethodText;
 
@@ -171,9 +171,11 @@ void stopTransfer(StreamState &st) {
         st.fDriver->recycleEasy(st.fEasy);
         st.fEasy = nullptr;
     }
-    if (st.fDriver) deactivateModes(st);
-    curl_slist_free_all(st.fHeaderList);
-    st.fHeaderList = nullptr;
+    if (st.fDriver) {
+        deactivateModes(st);
+        st.fDriver->releaseHeaderList(st.fHeaders);
+    }
+    st.fHeaders = nullptr;
 }
 
 void StreamState::transferDone(CURLcode result) {
@@ -279,10 +281,27 @@ void _deliver(void *info) {
 
 // ---- Building the request ---------------------------------------------------------------------
 
+// The characters of an HTTP token (method, field name), as a table: every field of every
+// request is checked.
+constexpr bool isTokenChar(int c) {
+    if (c <= 0x20 || c >= 0x7F) return false;
+    for (const char *p = "()<>@,;:\\\"/[]?={}"; *p; p++)
+        if (*p == c) return false;
+    return true;
+}
+struct TokenTable {
+    bool fIsToken[256];
+    constexpr TokenTable() : fIsToken() {
+        for (int c = 0; c < 256; c++)
+            fIsToken[c] = isTokenChar(c);
+    }
+};
+constexpr TokenTable kTokenTable;
+
 bool isTokenText(const std::string &s) {
     if (s.empty()) return false;
     for (unsigned char c : s)
-        if (c <= 0x20 || c >= 0x7F || std::strchr("()<>@,;:\\\"/[]?={}", c)) return false;
+        if (!kTokenTable.fIsToken[c]) return false;
     return true;
 }
 
@@ -296,12 +315,13 @@ bool equalsIgnoringCase(const std::string &a, const char *b) {
 
 // Exactly the message's fields, plus what stops libcurl adding its own ("Accept", "Expect",
 // a form Content-Type). Content-Length is always libcurl's, from the body's real length.
-bool buildHeaderList(RtHTTPMessageRef request, curl_slist **out) {
-    curl_slist *list = nullptr;
+// The lines go into lines, each ended by a NUL, for the driver to make (or share) the list.
+void headerLines(RtHTTPMessageRef request, std::string &lines) {
     bool hasAccept = false, hasExpect = false, hasContentType = false;
-    bool ok = true;
+    std::string name, value;
     rt::forEachHeader(request, [&](RtStringRef nameStr, RtStringRef valueStr) {
-        std::string name, value;
+        name.clear();
+        value.clear();
         rt::appendUTF8(name, nameStr);
         rt::appendUTF8(value, valueStr);
         // A field that could split the request (line ends, NUL) or is no token is not sent.
@@ -313,26 +333,23 @@ bool buildHeaderList(RtHTTPMessageRef request, curl_slist **out) {
         hasExpect |= equalsIgnoringCase(name, "Expect");
         hasContentType |= equalsIgnoringCase(name, "Content-Type");
         // "Name;" is libcurl's spelling of a field with an empty value.
-        std::string line = value.empty() ? name + ";" : name + ": " + value;
-        curl_slist *grown = curl_slist_append(list, line.c_str());
-        if (!grown) ok = false;
-        else list = grown;
+        lines += name;
+        if (value.empty()) {
+            lines += ';';
+        } else {
+            lines += ": ";
+            lines += value;
+        }
+        lines += '\0';
     });
     //                       field libcurl would add   the message has its own
     const struct { const char *fBlank; bool fPresent; } suppressed[] = {
         {"Accept:", hasAccept}, {"Expect:", hasExpect}, {"Content-Type:", hasContentType}};
     for (const auto &s : suppressed) {
         if (s.fPresent) continue;
-        curl_slist *grown = curl_slist_append(list, s.fBlank);
-        if (!grown) ok = false;
-        else list = grown;
+        lines += s.fBlank;
+        lines += '\0';
     }
-    if (!ok) {
-        curl_slist_free_all(list);
-        list = nullptr;
-    }
-    *out = list;
-    return ok;
 }
 
 // Sets up st.fEasy for the request; errno-style code on failure (0 on success).
@@ -356,7 +373,10 @@ int configureTransfer(StreamState &st) {
     CURL *e = st.fDriver->takeEasy();
     if (!e) return ENOMEM;
     st.fEasy = e;
-    if (!buildHeaderList(request, &st.fHeaderList)) return ENOMEM;
+    std::string lines;
+    headerLines(request, lines);
+    st.fHeaders = st.fDriver->shareHeaderList(lines);
+    if (!st.fHeaders) return ENOMEM;
 
     bool ok = true;
     auto set = [&](CURLoption option, auto value) { ok = ok && curl_easy_setopt(e, option, value) == CURLE_OK; };
@@ -376,7 +396,7 @@ int configureTransfer(StreamState &st) {
     set(CURLOPT_WRITEDATA, &st);
     set(CURLOPT_PREREQFUNCTION, _connectedCallback);
     set(CURLOPT_PREREQDATA, &st);
-    set(CURLOPT_HTTPHEADER, st.fHeaderList);
+    set(CURLOPT_HTTPHEADER, st.fHeaders->fList);
     set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
 
     // Only the proxy property proxies: the environment's proxy variables are ignored.
