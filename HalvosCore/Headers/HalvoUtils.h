@@ -104,7 +104,6 @@ private:
     FormatEntry classifyFormat(RtStringRef format);
 
     bool fBytesMode;
-    FormatEntry fFormats[64] = {}; // immortal formats only, by address
     char *fBytes = nullptr;
     size_t fLength = 0;
     size_t fCapacity = 0;

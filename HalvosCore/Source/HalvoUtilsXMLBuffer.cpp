@@ -73,8 +73,9 @@ bool XMLBuffer::reserveBytes(size_t extra) {
     }
     if (fCapacity - fLength >= extra)
         return true;
-    // Doubling; glibc grows a large block by remapping its pages, without copying them.
-    size_t capacity = fCapacity ? fCapacity : 4096;
+    // Doubling; glibc grows a large block by remapping its pages, without copying them. The
+    // first block is small enough for the allocator's per-thread cache: most requests fit it.
+    size_t capacity = fCapacity ? fCapacity : 1024;
     while (capacity - fLength < extra)
         capacity *= 2;
     char *grown = static_cast<char *>(std::realloc(fBytes, capacity));
@@ -87,9 +88,11 @@ bool XMLBuffer::reserveBytes(size_t extra) {
 
 XMLBuffer::FormatEntry XMLBuffer::classifyFormat(RtStringRef format) {
     // Formats are nearly always RTSTR constants, which live for the process: their entries are
-    // kept by address. Any other format is looked at afresh (its address may be reused).
+    // kept by address, for the thread, so every document of a thread (a request per call) finds
+    // them classified. Any other format is looked at afresh (its address may be reused).
+    thread_local FormatEntry tFormats[64] = {};
     uintptr_t address = reinterpret_cast<uintptr_t>(format);
-    FormatEntry &slot = fFormats[((address >> 4) ^ (address >> 9)) & 63];
+    FormatEntry &slot = tFormats[((address >> 4) ^ (address >> 9)) & 63];
     if (slot.fFormat == format && format)
         return slot;
     FormatEntry entry{format, RtStringGetCStringPtr(format, kRtStringEncodingASCII), 0, 0};
