@@ -320,6 +320,23 @@ void releaseAll(std::vector<Ref> &v) {
     v.clear();
 }
 
+// Sorts due timers or signalled sources by their order, keeping equal orders as they were.
+// Usually one or two: insertion sort, since std::stable_sort allocates a scratch buffer on
+// every call, even for a single element.
+template <class Ref> void sortByOrder(std::vector<Ref> &v) {
+    if (v.size() > 16) {
+        std::stable_sort(v.begin(), v.end(), [](Ref a, Ref b) { return a->fState.fOrder < b->fState.fOrder; });
+        return;
+    }
+    for (size_t i = 1; i < v.size(); i++) {
+        Ref r = v[i];
+        size_t j = i;
+        for (; j > 0 && v[j - 1]->fState.fOrder > r->fState.fOrder; j--)
+            v[j] = v[j - 1];
+        v[j] = r;
+    }
+}
+
 // Fires every valid timer of m whose fire date has come.
 void fireTimers(RtRunLoopRef rl, Mode *m, std::vector<RtRunLoopTimerRef> &due) {
     RtAbsoluteTime t = now();
@@ -331,9 +348,7 @@ void fireTimers(RtRunLoopRef rl, Mode *m, std::vector<RtRunLoopTimerRef> &due) {
         }
         for (RtRunLoopTimerRef timer : due) RtRetain(timer);
     }
-    std::stable_sort(due.begin(), due.end(), [](RtRunLoopTimerRef a, RtRunLoopTimerRef b) {
-        return a->fState.fOrder < b->fState.fOrder;
-    });
+    sortByOrder(due);
     for (RtRunLoopTimerRef timer : due) {
         TimerState &ts = timer->fState;
         if (!isValid(ts.fSched) || !containsInMode(rl, m, timer, eKindTimer)) continue;
@@ -375,9 +390,7 @@ bool performSources(RtRunLoopRef rl, Mode *m, bool stopAfterOne, std::vector<RtR
             if (s->fState.fSignalled.load(std::memory_order_acquire)) ready.push_back(s);
         for (RtRunLoopSourceRef s : ready) RtRetain(s);
     }
-    std::stable_sort(ready.begin(), ready.end(), [](RtRunLoopSourceRef a, RtRunLoopSourceRef b) {
-        return a->fState.fOrder < b->fState.fOrder;
-    });
+    sortByOrder(ready);
     bool performed = false;
     for (RtRunLoopSourceRef s : ready) {
         SourceState &ss = s->fState;
