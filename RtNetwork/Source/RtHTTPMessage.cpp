@@ -120,13 +120,9 @@ const char *reasonPhrase(int32_t code) {
     return "Unknown";
 }
 
-bool isTokenChar(unsigned char c) {
-    if (c <= 0x20 || c >= 0x7F) return false;
-    return !std::strchr("()<>@,;:\\\"/[]?={}", c);
-}
-
 bool isToken(std::string_view s) {
-    return !s.empty() && std::all_of(s.begin(), s.end(), [](char c) { return isTokenChar(static_cast<unsigned char>(c)); });
+    return !s.empty() &&
+           std::all_of(s.begin(), s.end(), [](char c) { return rt::isHTTPTokenChar(static_cast<unsigned char>(c)); });
 }
 
 std::string_view trimSpace(std::string_view s) {
@@ -185,6 +181,7 @@ bool parseStartLine(MessageState &ms, std::string_view line) {
 // malformed field lines instead of refusing the message.
 bool parseHead(MessageState &ms, std::string_view head, bool lenient) {
     std::vector<std::pair<std::string_view, std::string>> fields;
+    fields.reserve(8);
     bool first = true;
     while (!head.empty()) {
         size_t eol = head.find('\n');
@@ -213,6 +210,7 @@ bool parseHead(MessageState &ms, std::string_view head, bool lenient) {
         fields.emplace_back(line.substr(0, colon), std::string(trimSpace(line.substr(colon + 1))));
     }
     if (first) return false;
+    ms.fHeaders.reserve(ms.fHeaders.size() + fields.size());
     for (auto &[name, value] : fields) {
         RtStringRef n = stringFromBytes(name), v = stringFromBytes(value);
         if (!n || !v) {

@@ -33,6 +33,22 @@ void forEachHeader(RtHTTPMessageRef message, Visit visit) {
 // field lines that do not parse are skipped. NULL when the status line is not valid.
 RtHTTPMessageRef createResponseFromHead(std::string_view head);
 
+// Whether c may appear in an HTTP token (method, field name): a table, since every field of
+// every message is checked.
+struct HTTPTokenTable {
+    bool fIsToken[256];
+    constexpr HTTPTokenTable() : fIsToken() {
+        for (int c = 0x21; c < 0x7F; c++) {
+            bool separator = false;
+            for (const char *p = "()<>@,;:\\\"/[]?={}"; *p; p++)
+                separator |= *p == c;
+            fIsToken[c] = !separator;
+        }
+    }
+};
+inline constexpr HTTPTokenTable kHTTPTokenTable;
+inline bool isHTTPTokenChar(unsigned char c) { return kHTTPTokenTable.fIsToken[c]; }
+
 // Appends str's UTF-8 bytes to out.
 void appendUTF8(std::string &out, RtStringRef str);
 

@@ -281,27 +281,10 @@ void _deliver(void *info) {
 
 // ---- Building the request ---------------------------------------------------------------------
 
-// The characters of an HTTP token (method, field name), as a table: every field of every
-// request is checked.
-constexpr bool isTokenChar(int c) {
-    if (c <= 0x20 || c >= 0x7F) return false;
-    for (const char *p = "()<>@,;:\\\"/[]?={}"; *p; p++)
-        if (*p == c) return false;
-    return true;
-}
-struct TokenTable {
-    bool fIsToken[256];
-    constexpr TokenTable() : fIsToken() {
-        for (int c = 0; c < 256; c++)
-            fIsToken[c] = isTokenChar(c);
-    }
-};
-constexpr TokenTable kTokenTable;
-
 bool isTokenText(const std::string &s) {
     if (s.empty()) return false;
     for (unsigned char c : s)
-        if (!kTokenTable.fIsToken[c]) return false;
+        if (!rt::isHTTPTokenChar(c)) return false;
     return true;
 }
 
