@@ -64,6 +64,7 @@ CurlDriver::~CurlDriver() {
     // _socketCallback, which drops their watchers.
     for (CURL *easy : fSpareEasy) curl_easy_cleanup(easy);
     releaseHeaderList(fLastHeaders);
+    releaseParsedURL(fLastURL);
     curl_multi_cleanup(fMulti);
     while (!fWatchers.empty()) dropWatcher(fWatchers.begin()->first);
     RtRunLoopTimerInvalidate(fTimer);
@@ -128,6 +129,34 @@ void CurlDriver::releaseHeaderList(CurlHeaderList *list) {
     if (!list || --list->fRefs > 0) return;
     curl_slist_free_all(list->fList);
     delete list;
+}
+
+CurlParsedURL *CurlDriver::shareParsedURL(const std::string &text) {
+    if (fLastURL && fLastURL->fText == text) {
+        fLastURL->fRefs++;
+        return fLastURL;
+    }
+    CURLU *handle = curl_url();
+    // The flags libcurl itself parses CURLOPT_URL with.
+    if (!handle || curl_url_set(handle, CURLUPART_URL, text.c_str(), CURLU_GUESS_SCHEME | CURLU_NON_SUPPORT_SCHEME) !=
+                       CURLUE_OK) {
+        curl_url_cleanup(handle);
+        return nullptr;
+    }
+    auto *shared = new (std::nothrow) CurlParsedURL{handle, text, 2}; // the caller's and the driver's
+    if (!shared) {
+        curl_url_cleanup(handle);
+        return nullptr;
+    }
+    releaseParsedURL(fLastURL);
+    fLastURL = shared;
+    return shared;
+}
+
+void CurlDriver::releaseParsedURL(CurlParsedURL *url) {
+    if (!url || --url->fRefs > 0) return;
+    curl_url_cleanup(url->fHandle);
+    delete url;
 }
 
 void CurlDriver::activateMode(RtStringRef mode) {

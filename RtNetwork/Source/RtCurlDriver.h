@@ -36,6 +36,14 @@ struct CurlHeaderList {
     int fRefs;
 };
 
+// A URL libcurl has parsed, shared by the transfers to the same URL text (reference counted,
+// one thread). libcurl only reads it: each transfer works on its own copy.
+struct CurlParsedURL {
+    CURLU *fHandle;
+    std::string fText;
+    int fRefs;
+};
+
 class CurlDriver {
   public:
     // The calling thread's driver (made on first use) with a new reference, or NULL when the
@@ -60,6 +68,12 @@ class CurlDriver {
     // calls) share it instead of building and freeing one per request.
     CurlHeaderList *shareHeaderList(const std::string &lines);
     void releaseHeaderList(CurlHeaderList *list);
+    // text parsed as libcurl parses CURLOPT_URL, with a new reference; NULL when libcurl
+    // rejects it (the transfer then sets CURLOPT_URL and fails as libcurl decides) or memory
+    // runs out. The last one is kept, like the header list: libcurl then copies the parts of
+    // the URL instead of parsing it again for every transfer.
+    CurlParsedURL *shareParsedURL(const std::string &text);
+    void releaseParsedURL(CurlParsedURL *url);
     // Counted: the watchers and the timer stay in mode while it has more activations than
     // deactivations.
     void activateMode(RtStringRef mode);
@@ -94,6 +108,7 @@ class CurlDriver {
     std::vector<ModeUse> fModes;
     std::vector<CURL *> fSpareEasy;
     CurlHeaderList *fLastHeaders = nullptr;
+    CurlParsedURL *fLastURL = nullptr;
 };
 
 } // namespace rt

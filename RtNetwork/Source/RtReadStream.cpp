@@ -59,7 +59,8 @@ struct StreamState final : rt::CurlTransfer {
     rt::CurlDriver *fDriver = nullptr;
     CURL *fEasy = nullptr;
     bool fInMulti = false;
-    rt::CurlHeaderList *fHeaders = nullptr; // shared through the driver
+    rt::CurlHeaderList *fHeaders = nullptr;  // shared through the driver
+    rt::CurlParsedURL *fParsedURL = nullptr; // shared through the driver; NULL: CURLOPT_URL
     std::vector<RtStringRef> fActiveModes; // modes this stream activated on the driver
     std::string fURLText, fMethodText;
 
@@ -174,8 +175,10 @@ void stopTransfer(StreamState &st) {
     if (st.fDriver) {
         deactivateModes(st);
         st.fDriver->releaseHeaderList(st.fHeaders);
+        st.fDriver->releaseParsedURL(st.fParsedURL);
     }
     st.fHeaders = nullptr;
+    st.fParsedURL = nullptr;
 }
 
 void StreamState::transferDone(CURLcode result) {
@@ -363,7 +366,11 @@ int configureTransfer(StreamState &st) {
 
     bool ok = true;
     auto set = [&](CURLoption option, auto value) { ok = ok && curl_easy_setopt(e, option, value) == CURLE_OK; };
-    set(CURLOPT_URL, st.fURLText.c_str());
+    st.fParsedURL = st.fDriver->shareParsedURL(st.fURLText);
+    if (st.fParsedURL)
+        set(CURLOPT_CURLU, st.fParsedURL->fHandle);
+    else
+        set(CURLOPT_URL, st.fURLText.c_str());
     set(CURLOPT_PRIVATE, static_cast<rt::CurlTransfer *>(&st));
     set(CURLOPT_NOSIGNAL, 1L);
     set(CURLOPT_PROTOCOLS_STR, "http,https");
