@@ -116,7 +116,9 @@ RtStringRef NameTable::createOwned(const char *p, size_t n) {
 }
 
 bool NameTable::grow() {
-    size_t capacity = fSlots ? (fMask + 1) * 2 : 64;
+    // Small first (a size the allocator keeps per thread): a small document has a handful of
+    // names and short texts; a large one doubles the table a few times.
+    size_t capacity = fSlots ? (fMask + 1) * 2 : 16;
     if (capacity > kMaxSlots) return false;
     auto *slots = static_cast<Slot *>(std::calloc(capacity, sizeof(Slot)));
     if (!slots) return false;
@@ -355,6 +357,8 @@ TreeBuilder::TreeBuilder(RootNode *root, XML_Parser parser, RtOptionFlags option
     fLastChild.reserve(64);
     fLastChild.push_back(nullptr);
     fText.reserve(256);
+    // One block for the interned strings of a small document instead of growing from one.
+    fDocument.fShared.reserve(16);
 
     XML_SetUserData(parser, this);
     // Parameter entities (and with them any external DTD subset) are never read.
