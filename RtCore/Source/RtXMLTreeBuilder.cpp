@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <unistd.h>
 
 namespace rt::xml {
@@ -78,7 +79,7 @@ class NameTable {
     explicit NameTable(Document &document) : fDocument(document) {}
     NameTable(const NameTable &) = delete;
     NameTable &operator=(const NameTable &) = delete;
-    ~NameTable() { std::free(fSlots); }
+    ~NameTable() { delete[] fSlots; }
 
     // The document's string of the UTF-8 bytes p[0..n); NULL when memory runs out.
     RtStringRef intern(const char *p, size_t n);
@@ -120,7 +121,7 @@ bool NameTable::grow() {
     // names and short texts; a large one doubles the table a few times.
     size_t capacity = fSlots ? (fMask + 1) * 2 : 16;
     if (capacity > kMaxSlots) return false;
-    auto *slots = static_cast<Slot *>(std::calloc(capacity, sizeof(Slot)));
+    auto *slots = new (std::nothrow) Slot[capacity](); // not calloc: glibc serves it past the thread cache
     if (!slots) return false;
     size_t mask = capacity - 1;
     for (size_t i = 0; fSlots && i <= fMask; i++) {
@@ -130,7 +131,7 @@ bool NameTable::grow() {
             j = (j + 1) & mask;
         slots[j] = fSlots[i];
     }
-    std::free(fSlots);
+    delete[] fSlots;
     fSlots = slots;
     fMask = mask;
     return true;
@@ -169,7 +170,7 @@ class AttributeSets {
     AttributeSets() = default;
     AttributeSets(const AttributeSets &) = delete;
     AttributeSets &operator=(const AttributeSets &) = delete;
-    ~AttributeSets() { std::free(fSlots); }
+    ~AttributeSets() { delete[] fSlots; }
 
     // The pair for the interned keys and values (count of each), or NULL.
     RtXMLElementInfo *find(const void *const *keys, const void *const *values, size_t count, uint32_t hash) const {
@@ -222,7 +223,7 @@ class AttributeSets {
     bool grow() {
         size_t capacity = fSlots ? (fMask + 1) * 2 : 64;
         if (capacity > kMaxSlots) return false;
-        auto *slots = static_cast<Slot *>(std::calloc(capacity, sizeof(Slot)));
+        auto *slots = new (std::nothrow) Slot[capacity](); // not calloc: glibc serves it past the thread cache
         if (!slots) return false;
         size_t mask = capacity - 1;
         for (size_t i = 0; fSlots && i <= fMask; i++) {
@@ -232,7 +233,7 @@ class AttributeSets {
                 j = (j + 1) & mask;
             slots[j] = fSlots[i];
         }
-        std::free(fSlots);
+        delete[] fSlots;
         fSlots = slots;
         fMask = mask;
         return true;
