@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <thread>
@@ -480,6 +481,17 @@ void dispatchWatchers(RtRunLoopRef rl, Mode *m, std::vector<Watch> &watches, std
     fds.clear();
 }
 
+// The lists one run fills on each pass, kept for the thread between runs (a synchronous call
+// runs its loop several times), one set for each level of runs nested in callbacks.
+struct RunScratch {
+    std::vector<RtRunLoopTimerRef> fDue;
+    std::vector<RtRunLoopSourceRef> fReady;
+    std::vector<Watch> fWatches;
+    std::vector<pollfd> fFds;
+};
+thread_local std::vector<std::unique_ptr<RunScratch>> tRunScratch;
+thread_local size_t tRunDepth = 0;
+
 int32_t runInMode(RtRunLoopRef rl, RtStringRef modeName, RtTimeInterval seconds, bool returnAfterSourceHandled) {
     LoopState &ls = rl->fState;
     Mode *m;
@@ -506,10 +518,20 @@ int32_t runInMode(RtRunLoopRef rl, RtStringRef modeName, RtTimeInterval seconds,
     if (ls.fStopRequested.exchange(false)) return kRtRunLoopRunStopped;
     // NaN and negative limits run one pass, like 0; huge ones never time out.
     RtAbsoluteTime deadline = now() + (seconds > 0 ? seconds : 0.0);
-    std::vector<RtRunLoopTimerRef> due;
-    std::vector<RtRunLoopSourceRef> ready;
-    std::vector<Watch> watches;
-    std::vector<pollfd> fds;
+    if (tRunScratch.size() <= tRunDepth) tRunScratch.push_back(std::make_unique<RunScratch>());
+    RunScratch &scratch = *tRunScratch[tRunDepth]; // stays put when a nested run adds a level
+    struct Nest {
+        Nest() { tRunDepth++; }
+        ~Nest() { tRunDepth--; }
+    } nest;
+    std::vector<RtRunLoopTimerRef> &due = scratch.fDue;
+    std::vector<RtRunLoopSourceRef> &ready = scratch.fReady;
+    std::vector<Watch> &watches = scratch.fWatches;
+    std::vector<pollfd> &fds = scratch.fFds;
+    due.clear();
+    ready.clear();
+    watches.clear();
+    fds.clear();
     bool polled = false;
     for (;;) {
         fireTimers(rl, m, due);
