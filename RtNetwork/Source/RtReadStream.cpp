@@ -208,6 +208,7 @@ size_t _headerCallback(char *buffer, size_t size, size_t count, void *userdata) 
     size_t n = size * count;
     std::string_view line(buffer, n);
     if (line.substr(0, 5) == "HTTP/") { // each response (redirect, interim, final) starts afresh
+        st.fHead.reserve(512);             // a usual head at once, instead of growing by lines
         st.fHead.assign(line);
         st.fInHead = true;
         return n;
@@ -305,6 +306,10 @@ bool equalsIgnoringCase(const std::string &a, const char *b) {
 void headerLines(RtHTTPMessageRef request, std::string &lines) {
     bool hasAccept = false, hasExpect = false, hasContentType = false;
     std::string name, value;
+    // Room for a usual request's fields at once, instead of growing through each append.
+    name.reserve(64);
+    value.reserve(256);
+    lines.reserve(512);
     rt::forEachHeader(request, [&](RtStringRef nameStr, RtStringRef valueStr) {
         name.clear();
         value.clear();
