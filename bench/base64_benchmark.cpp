@@ -62,8 +62,7 @@ void BM_BaselineTableDecode(benchmark::State &state) {
         int count = 0;
         for (size_t i = 0; i < length; i++) {
             int v = table[static_cast<unsigned char>(in[i])];
-            if (v < 0)
-                continue;
+            if (v < 0) continue;
             acc = (acc << 6) | static_cast<uint32_t>(v);
             if (++count == 4) {
                 out[n++] = static_cast<uint8_t>(acc >> 16);

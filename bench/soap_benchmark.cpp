@@ -109,8 +109,8 @@ static void BM_SOAPParamsToRequest(benchmark::State &state) {
     Fixture &f = fixture();
     RtIndex written = 0;
     for (auto _ : state) {
-        RtDataRef request =
-            HVProtocolHandlerCopyRequestDocument(f.handler, RTSTR("putRecords"), f.parameters, f.order, nullptr);
+        RtDataRef request = HVProtocolHandlerCopyRequestDocument(f.handler, RTSTR("putRecords"), f.parameters,
+                                                                 f.order, nullptr);
         if (!request) {
             state.SkipWithError("no envelope was written");
             break;

@@ -42,8 +42,8 @@ HVMethodInvocationRef newEchoInvocation() {
     HVMethodInvocationRef invocation = HVMethodInvocationCreate(endpoint(), RTSTR("echo"), kHVXMLRPCProtocol);
     const void *keys[] = {RTSTR("text")};
     const void *values[] = {RTSTR("hello")};
-    RtDictionaryRef parameters =
-        RtDictionaryCreate(nullptr, keys, values, 1, &kRtTypeDictionaryKeyCallBacks, &kRtTypeDictionaryValueCallBacks);
+    RtDictionaryRef parameters = RtDictionaryCreate(nullptr, keys, values, 1, &kRtTypeDictionaryKeyCallBacks,
+                                                    &kRtTypeDictionaryValueCallBacks);
     RtArrayRef order = RtArrayCreate(nullptr, keys, 1, &kRtTypeArrayCallBacks);
     HVMethodInvocationSetParameters(invocation, parameters, order);
     RtRelease(parameters);
@@ -127,10 +127,8 @@ struct Pending {
 void _countDelivery(HVMethodInvocationRef, void *info, RtDictionaryRef result) {
     Pending *pending = static_cast<Pending *>(info);
     pending->outstanding--;
-    if (!isHello(result))
-        pending->failures++;
-    if (result)
-        RtRelease(result);
+    if (!isHello(result)) pending->failures++;
+    if (result) RtRelease(result);
 }
 
 // Schedules count new invocations on the current loop in one mode and runs it until all
@@ -193,9 +191,10 @@ RtDictionaryRef createRecordParameters() {
             RtDateCreate(nullptr, double(hvbench::recordTime(record)) - kRtAbsoluteTimeIntervalSince1970),
             RtDataCreate(nullptr, bytes.data(), RtIndex(bytes.size())),
         };
-        const void *keys[] = {RTSTR("id"), RTSTR("name"), RTSTR("score"), RTSTR("active"), RTSTR("when"), RTSTR("blob")};
-        RtDictionaryRef member =
-            RtDictionaryCreate(nullptr, keys, values, 6, &kRtTypeDictionaryKeyCallBacks, &kRtTypeDictionaryValueCallBacks);
+        const void *keys[] = {RTSTR("id"),     RTSTR("name"), RTSTR("score"),
+                              RTSTR("active"), RTSTR("when"), RTSTR("blob")};
+        RtDictionaryRef member = RtDictionaryCreate(nullptr, keys, values, 6, &kRtTypeDictionaryKeyCallBacks,
+                                                    &kRtTypeDictionaryValueCallBacks);
         RtArrayAppendValue(records, member);
         RtRelease(member);
         for (RtTypeRef value : values)
@@ -203,8 +202,8 @@ RtDictionaryRef createRecordParameters() {
     }
     const void *key = RTSTR("records");
     const void *value = records;
-    RtDictionaryRef parameters =
-        RtDictionaryCreate(nullptr, &key, &value, 1, &kRtTypeDictionaryKeyCallBacks, &kRtTypeDictionaryValueCallBacks);
+    RtDictionaryRef parameters = RtDictionaryCreate(nullptr, &key, &value, 1, &kRtTypeDictionaryKeyCallBacks,
+                                                    &kRtTypeDictionaryValueCallBacks);
     RtRelease(records);
     return parameters;
 }
@@ -214,7 +213,8 @@ void BM_InvokeLargeCall(benchmark::State &state) {
     RtURLRef url = newURL(sLarge->url());
     RtDictionaryRef parameters = createRecordParameters();
     for (auto _ : state) {
-        HVMethodInvocationRef invocation = HVMethodInvocationCreate(url, RTSTR("records.put"), kHVXMLRPCProtocol);
+        HVMethodInvocationRef invocation =
+            HVMethodInvocationCreate(url, RTSTR("records.put"), kHVXMLRPCProtocol);
         HVMethodInvocationSetParameters(invocation, parameters, nullptr);
         RtDictionaryRef result = HVMethodInvocationInvoke(invocation);
         RtTypeRef records = result ? RtDictionaryGetValue(result, kHVMethodInvocationResult) : nullptr;

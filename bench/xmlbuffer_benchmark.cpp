@@ -32,8 +32,8 @@ void BM_BaselineStdStringLines(benchmark::State &state) {
         std::string out = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\r\n";
         char line[160];
         for (int i = 0; i < kLines; i++) {
-            int n = snprintf(line, sizeof line, "<member><name>%s</name><value><int>%d</int></value></member>",
-                             name.c_str(), i);
+            int n = snprintf(line, sizeof line,
+                             "<member><name>%s</name><value><int>%d</int></value></member>", name.c_str(), i);
             out.append("        ");
             out.append(line, static_cast<size_t>(n));
             out.append("\r\n");
@@ -75,12 +75,23 @@ void BM_BaselineEscapeLoop(benchmark::State &state) {
         out.reserve(sample.size() + 64);
         for (char c : sample) {
             switch (c) {
-            case '&': out.append("&amp;"); break;
-            case '<': out.append("&lt;"); break;
-            case '>': out.append("&gt;"); break;
-            case '\'': out.append("&apos;"); break;
-            case '"': out.append("&quot;"); break;
-            default: out.push_back(c);
+            case '&':
+                out.append("&amp;");
+                break;
+            case '<':
+                out.append("&lt;");
+                break;
+            case '>':
+                out.append("&gt;");
+                break;
+            case '\'':
+                out.append("&apos;");
+                break;
+            case '"':
+                out.append("&quot;");
+                break;
+            default:
+                out.push_back(c);
             }
         }
         benchmark::DoNotOptimize(out.data());

@@ -68,7 +68,8 @@ BENCHMARK(BM_RtXMLTreeCreateSmallReply);
 // What a reader does after the build: visit every node and look at its string, iteratively.
 void BM_RtXMLTreeWalk3MB(benchmark::State &state) {
     const std::string &doc = largeReply();
-    RtDataRef data = RtDataCreate(nullptr, reinterpret_cast<const uint8_t *>(doc.data()), RtIndex(doc.size()));
+    RtDataRef data =
+        RtDataCreate(nullptr, reinterpret_cast<const uint8_t *>(doc.data()), RtIndex(doc.size()));
     RtTreeRef root = RtXMLTreeCreateFromData(nullptr, data, nullptr, kRtXMLParserAllOptions, 1);
     for (auto _ : state) {
         RtIndex length = 0;

@@ -28,12 +28,10 @@ void collect(const std::string &path, std::vector<std::string> &files) {
         return;
     }
     DIR *dir = opendir(path.c_str());
-    if (!dir)
-        return;
+    if (!dir) return;
     std::vector<std::string> names;
     while (dirent *entry = readdir(dir))
-        if (entry->d_name[0] != '.')
-            names.push_back(path + "/" + entry->d_name);
+        if (entry->d_name[0] != '.') names.push_back(path + "/" + entry->d_name);
     closedir(dir);
     std::sort(names.begin(), names.end());
     for (const std::string &name : names)

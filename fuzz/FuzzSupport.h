@@ -13,11 +13,10 @@ namespace hvfuzz {
 
 // Owns one runtime reference.
 class Held {
-public:
+  public:
     explicit Held(RtTypeRef ref = nullptr) : fRef(ref) {}
     ~Held() {
-        if (fRef)
-            RtRelease(fRef);
+        if (fRef) RtRelease(fRef);
     }
     Held(const Held &) = delete;
     Held &operator=(const Held &) = delete;
@@ -26,7 +25,7 @@ public:
     template <class T> T as() const { return static_cast<T>(const_cast<void *>(fRef)); }
     explicit operator bool() const { return fRef != nullptr; }
 
-private:
+  private:
     RtTypeRef fRef;
 };
 

@@ -11,8 +11,7 @@ namespace {
 
 void decode(RtStringRef text, size_t size) {
     Held data(decodeBinaryData(text));
-    if (!data)
-        return;
+    if (!data) return;
     Held encoded(encodeBinaryData(data.as<RtDataRef>(), static_cast<int>(size % 11) - 1));
     require(!!encoded, "decoded bytes can be written");
     Held again(decodeBinaryData(encoded.as<RtStringRef>()));
@@ -24,9 +23,9 @@ void decode(RtStringRef text, size_t size) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
     const RtStringEncoding encodings[] = {kRtStringEncodingISOLatin1, kRtStringEncodingUTF8};
     for (RtStringEncoding encoding : encodings) {
-        Held text(RtStringCreateWithBytes(kRtAllocatorDefault, bytes, static_cast<RtIndex>(size), encoding, false));
-        if (text)
-            decode(text.as<RtStringRef>(), size);
+        Held text(
+            RtStringCreateWithBytes(kRtAllocatorDefault, bytes, static_cast<RtIndex>(size), encoding, false));
+        if (text) decode(text.as<RtStringRef>(), size);
     }
     return 0;
 }

@@ -19,7 +19,8 @@ void writeEverySize(RtDateRef date) {
             std::unique_ptr<char[]> buffer(new char[static_cast<size_t>(len)]);
             std::memset(buffer.get(), '?', static_cast<size_t>(len));
             hvRtDateToISO8601String(buffer.get(), len, date, noDashes);
-            require(std::memchr(buffer.get(), '\0', static_cast<size_t>(len)) != nullptr, "the text is terminated");
+            require(std::memchr(buffer.get(), '\0', static_cast<size_t>(len)) != nullptr,
+                    "the text is terminated");
         }
     }
 }
@@ -28,8 +29,7 @@ void writeEverySize(RtDateRef date) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
     Held date(hvCreateDateFromISO8601(reinterpret_cast<const char *>(bytes), static_cast<RtIndex>(size)));
-    if (date)
-        writeEverySize(date.as<RtDateRef>());
+    if (date) writeEverySize(date.as<RtDateRef>());
 
     Held text(RtStringCreateWithBytes(kRtAllocatorDefault, bytes, static_cast<RtIndex>(size),
                                       kRtStringEncodingISOLatin1, false));

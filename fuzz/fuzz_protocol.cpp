@@ -39,20 +39,20 @@ void checkResult(RtDictionaryRef result, const char *what) {
     describe(result);
 }
 
-bool isSOAP() { return HV_FUZZ_PROTOCOL != kHVXMLRPCProtocol; }
+bool isSOAP() {
+    return HV_FUZZ_PROTOCOL != kHVXMLRPCProtocol;
+}
 
 // An ASCII XML name the writer can put in a tag as it stands.
 bool isPlainName(RtTypeRef value) {
-    if (!value || RtGetTypeID(value) != RtStringGetTypeID())
-        return false;
+    if (!value || RtGetTypeID(value) != RtStringGetTypeID()) return false;
     auto text = static_cast<RtStringRef>(value);
     RtIndex length = RtStringGetLength(text);
     for (RtIndex i = 0; i < length; i++) {
         RtUniChar c = RtStringGetCharacterAtIndex(text, i);
         bool letter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
         bool other = (c >= '0' && c <= '9') || c == '-' || c == '.';
-        if (!letter && !(i > 0 && other))
-            return false;
+        if (!letter && !(i > 0 && other)) return false;
     }
     return length > 0;
 }
@@ -62,8 +62,7 @@ bool keysArePlain(RtTypeRef value) {
     if (RtGetTypeID(value) == RtArrayGetTypeID()) {
         auto array = static_cast<RtArrayRef>(value);
         for (RtIndex i = 0; i < RtArrayGetCount(array); i++)
-            if (!keysArePlain(static_cast<RtTypeRef>(RtArrayGetValueAtIndex(array, i))))
-                return false;
+            if (!keysArePlain(static_cast<RtTypeRef>(RtArrayGetValueAtIndex(array, i)))) return false;
     } else if (RtGetTypeID(value) == RtDictionaryGetTypeID()) {
         auto dict = static_cast<RtDictionaryRef>(value);
         RtIndex count = RtDictionaryGetCount(dict);
@@ -80,13 +79,11 @@ bool keysArePlain(RtTypeRef value) {
 // Whether a struct member name can stand as element text: XML-RPC writes member names as they
 // are, so a name holding '<' or '&' makes a reply no reader accepts.
 bool isPlainText(RtTypeRef key) {
-    if (RtGetTypeID(key) != RtStringGetTypeID())
-        return false;
+    if (RtGetTypeID(key) != RtStringGetTypeID()) return false;
     auto text = static_cast<RtStringRef>(key);
     for (RtIndex i = 0; i < RtStringGetLength(text); i++) {
         RtUniChar c = RtStringGetCharacterAtIndex(text, i);
-        if (c == '<' || c == '&')
-            return false;
+        if (c == '<' || c == '&') return false;
     }
     return true;
 }
@@ -98,8 +95,7 @@ bool kindsAreWritable(RtTypeRef value) {
     if (type == RtArrayGetTypeID()) {
         auto array = static_cast<RtArrayRef>(value);
         for (RtIndex i = 0; i < RtArrayGetCount(array); i++)
-            if (!kindsAreWritable(static_cast<RtTypeRef>(RtArrayGetValueAtIndex(array, i))))
-                return false;
+            if (!kindsAreWritable(static_cast<RtTypeRef>(RtArrayGetValueAtIndex(array, i)))) return false;
         return true;
     }
     if (type == RtDictionaryGetTypeID()) {
@@ -121,32 +117,28 @@ bool kindsAreWritable(RtTypeRef value) {
 // method name, its namespace (an attribute value written as it stands) and every parameter and
 // member name.
 bool fitsTheWriter(RtDictionaryRef request, RtTypeRef params) {
-    if (!isSOAP())
-        return !params || kindsAreWritable(params);
+    if (!isSOAP()) return !params || kindsAreWritable(params);
     RtTypeRef space = RtDictionaryGetValue(request, kHVSOAPMethodNamespaceURI);
     if (space) {
         Held utf8(RtStringCreateExternalRepresentation(kRtAllocatorDefault, static_cast<RtStringRef>(space),
                                                        kRtStringEncodingUTF8, 0));
-        if (!utf8)
-            return false;
+        if (!utf8) return false;
         auto data = utf8.as<RtDataRef>();
         for (RtIndex i = 0; i < RtDataGetLength(data); i++)
-            if (std::strchr("\"<&", RtDataGetBytePtr(data)[i]))
-                return false;
+            if (std::strchr("\"<&", RtDataGetBytePtr(data)[i])) return false;
     }
-    return isPlainName(RtDictionaryGetValue(request, RTSTR("/HVMethodName"))) && (!params || keysArePlain(params));
+    return isPlainName(RtDictionaryGetValue(request, RTSTR("/HVMethodName"))) &&
+           (!params || keysArePlain(params));
 }
 
 void fuzzReply(RtDataRef data) {
     Held result(HVProtocolHandlerCopyReplyDictionary(handler(), RTSTR("echo"), data));
-    if (result)
-        checkResult(result.as<RtDictionaryRef>(), "a result dictionary");
+    if (result) checkResult(result.as<RtDictionaryRef>(), "a result dictionary");
 }
 
 void fuzzRequest(RtDataRef data) {
     Held request(HVProtocolHandlerCopyRequestDictionary(handler(), data));
-    if (!request)
-        return;
+    if (!request) return;
     auto dict = request.as<RtDictionaryRef>();
     describe(dict);
     RtTypeRef name = RtDictionaryGetValue(dict, RTSTR("/HVMethodName"));
@@ -163,8 +155,7 @@ void fuzzRequest(RtDataRef data) {
                                             RtArrayGetValueAtIndex(orderArray, i)),
                     "the order names parameters");
     }
-    if (!name || !fitsTheWriter(dict, params))
-        return;
+    if (!name || !fitsTheWriter(dict, params)) return;
     auto method = static_cast<RtStringRef>(name);
 
     Held reply(HVProtocolHandlerCopyReplyDocument(handler(), dict, params ? params : name));

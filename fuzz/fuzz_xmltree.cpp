@@ -18,7 +18,8 @@ void walk(RtTreeRef root) {
         require(node != nullptr, "every position holds a node");
         RtXMLNodeTypeCode type = RtXMLNodeGetTypeCode(node);
         RtStringRef text = RtXMLNodeGetString(node);
-        require(type == kRtXMLNodeTypeDocument || text != nullptr, "every node but the document has a string");
+        require(type == kRtXMLNodeTypeDocument || text != nullptr,
+                "every node but the document has a string");
         if (type == kRtXMLNodeTypeElement) {
             auto info = static_cast<const RtXMLElementInfo *>(RtXMLNodeGetInfoPtr(node));
             require(info != nullptr, "an element has its info record");
@@ -26,8 +27,9 @@ void walk(RtTreeRef root) {
             require(count == (info->attributes ? RtDictionaryGetCount(info->attributes) : 0),
                     "attribute order and attributes agree");
             for (RtIndex i = 0; i < count; i++)
-                require(RtDictionaryGetValue(info->attributes, RtArrayGetValueAtIndex(info->attributeOrder, i)),
-                        "every ordered attribute has a value");
+                require(
+                    RtDictionaryGetValue(info->attributes, RtArrayGetValueAtIndex(info->attributeOrder, i)),
+                    "every ordered attribute has a value");
         }
         RtIndex children = 0;
         for (RtTreeRef child = RtTreeGetFirstChild(tree); child; child = RtTreeGetNextSibling(child)) {
@@ -39,7 +41,9 @@ void walk(RtTreeRef root) {
     }
 }
 
-bool _drainRoot(RtTreeRef, void *) { return true; }
+bool _drainRoot(RtTreeRef, void *) {
+    return true;
+}
 
 void _walkDrained(RtTreeRef child, void *info) {
     walk(child);
@@ -60,21 +64,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
     const RtOptionFlags options[] = {kRtXMLParserNoOptions, kRtXMLParserAllOptions};
     for (RtOptionFlags option : options) {
         RtDictionaryRef error = nullptr;
-        Held tree(RtXMLTreeCreateFromDataWithError(kRtAllocatorDefault, data.as<RtDataRef>(), nullptr, option, 1,
-                                                   &error));
+        Held tree(RtXMLTreeCreateFromDataWithError(kRtAllocatorDefault, data.as<RtDataRef>(), nullptr, option,
+                                                   1, &error));
         Held heldError(error);
         require(!tree == !!error, "an error dictionary exactly when reading failed");
         if (tree)
             walk(tree.as<RtTreeRef>());
         else
-            require(RtDictionaryGetValue(error, kRtXMLTreeErrorDescription) != nullptr, "an error has a description");
+            require(RtDictionaryGetValue(error, kRtXMLTreeErrorDescription) != nullptr,
+                    "an error has a description");
 
         // Drained, every child of the root element is handed over whole, once, and the rest is
         // the same tree without them.
         RtIndex drained = 0;
         RtXMLTreeDrainContext context = {1, _drainRoot, _walkDrained, &drained};
-        Held drainedTree(
-            RtXMLTreeCreateFromDataDraining(kRtAllocatorDefault, data.as<RtDataRef>(), option, 1, &context, nullptr));
+        Held drainedTree(RtXMLTreeCreateFromDataDraining(kRtAllocatorDefault, data.as<RtDataRef>(), option, 1,
+                                                         &context, nullptr));
         require(!drainedTree == !tree, "draining reads exactly what reading whole reads");
         if (tree) {
             walk(drainedTree.as<RtTreeRef>());

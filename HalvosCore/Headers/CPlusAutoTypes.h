@@ -13,7 +13,7 @@
 // The base of the value wrappers: isEmpty tells whether anything usable is held, getRef gives
 // the held value (borrowed).
 class AutoCountable {
-public:
+  public:
     AutoCountable() = default;
     AutoCountable(const AutoCountable &) = delete;
     AutoCountable &operator=(const AutoCountable &) = delete;
@@ -23,7 +23,7 @@ public:
 };
 
 class AutoString : public AutoCountable {
-public:
+  public:
     AutoString() : fString(nullptr) {}
     // Retains str (NULL allowed).
     explicit AutoString(RtStringRef str);
@@ -45,12 +45,12 @@ public:
     bool isEmpty() const override { return fString == nullptr; }
     RtTypeRef getRef() const override { return fString; }
 
-private:
+  private:
     RtStringRef fString;
 };
 
 class AutoScalar : public AutoCountable {
-public:
+  public:
     // Takes over number without retaining it.
     explicit AutoScalar(RtNumberRef number) : fRef(number) {}
     explicit AutoScalar(int value);
@@ -68,12 +68,12 @@ public:
     float toFloat() const;
     double toDouble() const;
 
-private:
+  private:
     RtNumberRef fRef;
 };
 
 class AutoURL : public AutoCountable {
-public:
+  public:
     explicit AutoURL(RtStringRef str);
     explicit AutoURL(const AutoString &str);
     explicit AutoURL(const char *format, ...);
@@ -83,12 +83,12 @@ public:
     bool isEmpty() const override { return fURL == nullptr; }
     RtTypeRef getRef() const override { return fURL; }
 
-private:
+  private:
     RtURLRef fURL;
 };
 
 class AutoArray : public AutoCountable {
-public:
+  public:
     // A new empty mutable array.
     AutoArray();
     // Both take over the array without retaining it.
@@ -110,14 +110,14 @@ public:
     RtTypeRef getRef() const override { return getImmutableArray(); }
     static RtArrayRef getEmptyArray();
 
-private:
+  private:
     RtMutableArrayRef fMutableArray;
     RtArrayRef fImmutableArray;
     static RtMutableArrayRef sEmptyArray;
 };
 
 class AutoDict : public AutoCountable {
-public:
+  public:
     // Nothing is created until a dictionary is needed.
     AutoDict() : fImmutableDict(nullptr), fMutableDict(nullptr) {}
     // Takes over dict without retaining it.
@@ -141,14 +141,14 @@ public:
     RtTypeRef getRef() const override { return getImmutableDict(); }
     static RtDictionaryRef getEmptyDictionary();
 
-private:
+  private:
     RtDictionaryRef fImmutableDict;
     RtMutableDictionaryRef fMutableDict;
     static RtMutableDictionaryRef sEmptyDictionary;
 };
 
 class ArrayIterator {
-public:
+  public:
     explicit ArrayIterator(const AutoArray &array);
     explicit ArrayIterator(RtArrayRef array);
     ArrayIterator(const ArrayIterator &) = delete;
@@ -159,14 +159,14 @@ public:
     // The value at the index (borrowed), then advances.
     RtTypeRef nextElement();
 
-private:
+  private:
     int32_t fIndex;
     int32_t fCount;
     RtArrayRef fArray;
 };
 
 class DictIterator {
-public:
+  public:
     explicit DictIterator(const AutoDict &dict);
     explicit DictIterator(RtDictionaryRef dict);
     DictIterator(const DictIterator &) = delete;
@@ -178,7 +178,7 @@ public:
     RtTypeRef nextElement();
     RtTypeRef getValue(RtTypeRef key) const;
 
-private:
+  private:
     void setup(RtDictionaryRef dict);
     int32_t fIndex;
     int32_t fCount;
@@ -202,10 +202,11 @@ RtNumberRef internedInt(int i);
 int32_t getIntValue(RtNumberRef number);
 double getDoubleValue(RtNumberRef number);
 
-inline RtTypeRef safeRtRetain(RtTypeRef value) { return value ? RtRetain(value) : nullptr; }
+inline RtTypeRef safeRtRetain(RtTypeRef value) {
+    return value ? RtRetain(value) : nullptr;
+}
 inline void safeRtRelease(RtTypeRef value) {
-    if (value)
-        RtRelease(value);
+    if (value) RtRelease(value);
 }
 
 // A new string from a literal 8-bit format and its arguments.

@@ -10,7 +10,7 @@
 #include <cstddef>
 
 class CPlusRtObject {
-public:
+  public:
     // Registers cls once and keeps its identifier in *slot; returns the identifier.
     static RtTypeID ensureTypeID(const RtRuntimeClass *cls, RtTypeID *slot);
     // A runtime instance of typeID large enough for size bytes, or NULL (no constructor runs).
@@ -23,13 +23,13 @@ public:
     CPlusRtObject() {}
     RtIndex getRetainCount() const { return RtGetRetainCount(this); }
 
-protected:
+  protected:
     RtRuntimeBase fBase;
 };
 
 // The object behind HVMethodInvocationRef; owns one invocation.
 struct OpaqueHVMethodInvocationRef : public CPlusRtObject {
-public:
+  public:
     // Stores closure and records this handle in it.
     explicit OpaqueHVMethodInvocationRef(HalvoMethodInvocation *closure);
     HalvoMethodInvocation *getImpl() const { return fClosure; }
@@ -42,7 +42,7 @@ public:
     static void _rtDealloc(RtTypeRef obj);
     static RtStringRef _rtCopyDebugDesc(RtTypeRef obj);
 
-private:
+  private:
     HalvoMethodInvocation *fClosure;
     static const RtRuntimeClass sRT;
     static RtTypeID sID;
@@ -50,7 +50,7 @@ private:
 
 // The object behind HVProtocolHandlerRef; owns one protocol handler.
 struct OpaqueHVProtocolHandlerRef : public CPlusRtObject {
-public:
+  public:
     explicit OpaqueHVProtocolHandlerRef(HVProtocolHandler *impl);
     HVProtocolHandler *getImpl() const { return fImpl; }
 
@@ -60,7 +60,7 @@ public:
     static void _rtDealloc(RtTypeRef obj);
     static RtStringRef _rtCopyDebugDesc(RtTypeRef obj);
 
-private:
+  private:
     HVProtocolHandler *fImpl;
     static const RtRuntimeClass sRT;
     static RtTypeID sID;

@@ -10,7 +10,7 @@ class HalvoMethodInvocation;
 class HalvoResult;
 
 class ClosureSource : public HVRunLoopSource {
-public:
+  public:
     // Creates an empty result record.
     explicit ClosureSource(HalvoMethodInvocation *closure);
     // Does not delete a result record that finish() has not handed over.
@@ -25,7 +25,7 @@ public:
     HalvoMethodInvocation *getClosure() const { return fClosure; }
     HalvoResult *getResult() const { return fResult; }
 
-protected:
+  protected:
     HalvoMethodInvocation *fClosure;
     HalvoResult *fResult;
 };

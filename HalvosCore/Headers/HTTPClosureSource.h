@@ -10,7 +10,7 @@
 #include "ClosureSource.h"
 
 class HTTPClosureSource : public ClosureSource {
-public:
+  public:
     // The states; their names in verbose log lines come from a table of five.
     enum {
         eUninit = 0,               // "uninit": no request sent yet
@@ -45,7 +45,7 @@ public:
 
     int32_t getState() const { return fState; }
 
-private:
+  private:
     // Builds and sends the request; false (the call already finished with a fault) on failure.
     bool initConnection();
     // Reads what the stream holds, 1024 bytes at a time, into fBuffer.

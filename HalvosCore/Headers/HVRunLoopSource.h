@@ -8,7 +8,7 @@
 #include <HalvosCore/HalvosCore.h>
 
 class HVRunLoopSource : public RtRunLoopSourceContext {
-public:
+  public:
     HVRunLoopSource();
     HVRunLoopSource(const HVRunLoopSource &) = delete;
     HVRunLoopSource &operator=(const HVRunLoopSource &) = delete;
@@ -31,6 +31,6 @@ public:
     // Always true; creates nothing.
     bool removeFromRunLoop(RtRunLoopRef loop, RtStringRef mode);
 
-protected:
+  protected:
     RtRunLoopSourceRef fSource;
 };

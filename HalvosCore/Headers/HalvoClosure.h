@@ -18,10 +18,18 @@ class HVRunLoopSource;
 RtBundleRef registerLibraryBundle();
 
 // The keys of a request dictionary (what parsePostData returns and createReply/createFault take).
-inline RtStringRef requestMethodNameKey() { return RTSTR("/HVMethodName"); }
-inline RtStringRef requestParametersKey() { return RTSTR("/HVMethodParameters"); }
-inline RtStringRef requestParameterOrderKey() { return RTSTR("/HVMethodParameterOrder"); }
-inline RtStringRef requestTextEncodingKey() { return RTSTR("/HVTextEncoding"); }
+inline RtStringRef requestMethodNameKey() {
+    return RTSTR("/HVMethodName");
+}
+inline RtStringRef requestParametersKey() {
+    return RTSTR("/HVMethodParameters");
+}
+inline RtStringRef requestParameterOrderKey() {
+    return RTSTR("/HVMethodParameterOrder");
+}
+inline RtStringRef requestTextEncodingKey() {
+    return RTSTR("/HVTextEncoding");
+}
 
 // One serialization override.
 struct SerProc {
@@ -39,7 +47,7 @@ struct DeserProc {
 };
 
 class HVSerializerBase {
-public:
+  public:
     HVSerializerBase();
     HVSerializerBase(const HVSerializerBase &) = delete;
     HVSerializerBase &operator=(const HVSerializerBase &) = delete;
@@ -60,13 +68,15 @@ public:
     void addSerializationOverride(RtTypeID objType, HVMethodInvocationSerializationProcPtr proc,
                                   const HVClientContext *context);
     void addDeserializationOverride(RtStringRef typeNamespace, RtStringRef typeName,
-                                    HVMethodInvocationDeserializationProcPtr proc, const HVClientContext *context);
+                                    HVMethodInvocationDeserializationProcPtr proc,
+                                    const HVClientContext *context);
     // A new string to write verbatim in place of value, or NULL. The parent's procedure runs
     // first; an own match replaces its answer.
     RtStringRef seriailizeOverride(RtTypeRef value);
     // A value (owned by the caller) for the element msgRoot, or NULL. ns is the namespace scope
     // at the element, name the element name (handed on only). A parent's answer wins.
-    RtTypeRef deserilizeOverride(RtTreeRef msgRoot, const AutoDict &ns, RtStringRef name, RtTreeRef deserializeRoot);
+    RtTypeRef deserilizeOverride(RtTreeRef msgRoot, const AutoDict &ns, RtStringRef name,
+                                 RtTreeRef deserializeRoot);
 
     // Copies source into destination, retaining info; a NULL source zeroes the destination.
     static void retainContext(HVClientContext *destination, const HVClientContext *source);
@@ -75,7 +85,7 @@ public:
     // True when pattern is "*" or "" (ignoring case), or when value is equivalent to pattern.
     static bool wildcardMatches(RtStringRef value, RtStringRef pattern);
 
-protected:
+  protected:
     RtMutableDictionaryRef fProperties;
     SerProc *fSerOverride;
     int32_t fSerCount;
@@ -86,7 +96,7 @@ protected:
 };
 
 class HalvoMethodInvocation : public HVSerializerBase {
-public:
+  public:
     HalvoMethodInvocation();
     // From an agreement dictionary: "ServiceURL", "ParamOrder", "ParamValues", "Properties".
     explicit HalvoMethodInvocation(RtDictionaryRef agreement);
@@ -122,7 +132,7 @@ public:
     // Calls the callback (if any) with a new copy of result's dictionary.
     void doCallback(HalvoResult *result);
 
-protected:
+  protected:
     // Adds "ServiceURL", "ParamOrder", "ParamValues" and "Properties" where present.
     void populateAgreement(RtMutableDictionaryRef dict);
 
@@ -141,7 +151,7 @@ HalvoMethodInvocation *createInvocationForProtocol(RtStringRef protocol, RtURLRe
                                                    RtDictionaryRef agreement);
 
 class HVProtocolHandler : public HVSerializerBase {
-public:
+  public:
     HVProtocolHandler() = default;
     ~HVProtocolHandler() override = default;
 
@@ -149,7 +159,8 @@ public:
     virtual RtDataRef createRequest(RtStringRef methodName, RtDictionaryRef parameters, RtArrayRef order,
                                     RtDictionaryRef extras) = 0;
     // A new request dictionary, or NULL with the reason in errorString (may be NULL).
-    virtual RtDictionaryRef parsePostData(RtDataRef data, RtStringEncoding encoding, AutoString *errorString) = 0;
+    virtual RtDictionaryRef parsePostData(RtDataRef data, RtStringEncoding encoding,
+                                          AutoString *errorString) = 0;
     // A new result dictionary for a reply document, or NULL.
     virtual RtDictionaryRef parseReplyData(RtStringRef methodName, RtDataRef data, RtStringEncoding encoding,
                                            AutoString *errorString) = 0;

@@ -7,7 +7,7 @@
 #include <HalvosCore/HalvosCore.h>
 
 class HalvoResult {
-public:
+  public:
     HalvoResult();
     HalvoResult(const HalvoResult &) = delete;
     HalvoResult &operator=(const HalvoResult &) = delete;
@@ -47,6 +47,6 @@ public:
     static constexpr int32_t kTransportError = -65795;
     static constexpr int32_t kTimedOutError = -65796;
 
-protected:
+  protected:
     RtMutableDictionaryRef fResult;
 };

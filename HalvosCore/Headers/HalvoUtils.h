@@ -64,7 +64,7 @@ RtStringRef hvCreateString(const char *format, va_list args);
 // addTo appends one line: indentation for its level, the formatted text, "\r\n". copyData
 // renders the text once, at the end. Belongs to the one thread writing the document.
 class XMLBuffer {
-public:
+  public:
     // encoding must have an IANA name; one without is replaced by UTF-8 before the declaration.
     explicit XMLBuffer(RtStringEncoding encoding);
     XMLBuffer(const XMLBuffer &) = delete;
@@ -85,7 +85,7 @@ public:
     RtStringRef getString() const;
     RtStringEncoding getEncoding() const { return fEncoding; }
 
-private:
+  private:
     void appendLine(int level, RtStringRef format, va_list &args);
     bool reserveBytes(size_t extra);
 
@@ -107,7 +107,7 @@ private:
     char *fBytes = nullptr;
     size_t fLength = 0;
     size_t fCapacity = 0;
-    bool fUnrepresentable = false; // a line held text UTF-8 cannot carry, or memory ran out
+    bool fUnrepresentable = false;         // a line held text UTF-8 cannot carry, or memory ran out
     mutable RtDataRef fRendered = nullptr; // the data that owns fBytes since copyData
     RtMutableStringRef fBuffer = nullptr;
     mutable RtStringRef fText = nullptr; // getString's string of the bytes, made on demand
@@ -214,7 +214,7 @@ RtDataRef decodeBinaryData(RtStringRef text);
 
 // One row of the type table: a runtime kind and the value kind it stands for.
 struct PerType {
-    RtTypeID rtType;            // filled on first use
+    RtTypeID rtType; // filled on first use
     RtTypeID (*rtTypeGet)(void);
     HVTypeID hvType;
 };
@@ -278,8 +278,11 @@ void xmlBurstFullyQualifiedName(RtStringRef text, RtStringRef *namespaceOut, RtS
 // first row matching its namespace and local name (rtstrEquivilent) with the child's own scope.
 // Unmatched children are appended to extensions when it is not NULL. Stops at, and returns,
 // the first non-NULL handler result; NULL when every handler succeeded.
-RtStringRef xmlInterrogateElements(RtTreeRef tree, const AutoDict &parentNamespace, const XMLElementInterrogator *ei,
-                                   int32_t eiCount, RtMutableArrayRef extensions);
+RtStringRef xmlInterrogateElements(RtTreeRef tree, const AutoDict &parentNamespace,
+                                   const XMLElementInterrogator *ei, int32_t eiCount,
+                                   RtMutableArrayRef extensions);
 
 // obj retained when not NULL.
-inline RtTypeRef nullRetain(RtTypeRef obj) { return safeRtRetain(obj); }
+inline RtTypeRef nullRetain(RtTypeRef obj) {
+    return safeRtRetain(obj);
+}

@@ -27,7 +27,7 @@ void makeRootScope(RtTreeRef document, RtStringRef methodNamespace, AutoDict &sc
 extern const RtStreamError kSOAPParseStreamError;
 
 class SOAPDecoder {
-public:
+  public:
     SOAPDecoder(SOAPProtocolHandler *handler, RtTreeRef body);
     SOAPDecoder(const SOAPDecoder &) = delete;
     SOAPDecoder &operator=(const SOAPDecoder &) = delete;
@@ -56,7 +56,7 @@ public:
     RtTreeRef getBody() const { return fBody; }
     SOAPProtocolHandler *getHandler() const { return fHandler; }
 
-private:
+  private:
     // The local names the decoder looks for, and namespace declarations, as bits.
     enum : unsigned { eTypeRole = 1, eHrefRole = 2, eArrayTypeRole = 4, eIdRole = 8, eDeclarationRole = 16 };
     // The namespaces attributes are looked for in, as bits (equivalence, not identity).
@@ -84,7 +84,8 @@ private:
     };
     struct TextEqual {
         bool operator()(RtStringRef a, RtStringRef b) const { return a == b || (a && b && RtEqual(a, b)); }
-        bool operator()(const std::pair<RtStringRef, RtStringRef> &a, const std::pair<RtStringRef, RtStringRef> &b) const {
+        bool operator()(const std::pair<RtStringRef, RtStringRef> &a,
+                        const std::pair<RtStringRef, RtStringRef> &b) const {
             return (*this)(a.first, b.first) && (*this)(a.second, b.second);
         }
     };
@@ -113,7 +114,8 @@ private:
 
     // The first attribute playing role whose namespace is in nsKinds, or any namespace when
     // nsKinds is 0. Borrowed.
-    RtStringRef getNodeAttribute(const RtXMLElementInfo *info, const AutoDict &scope, unsigned nsKinds, unsigned role);
+    RtStringRef getNodeAttribute(const RtXMLElementInfo *info, const AutoDict &scope, unsigned nsKinds,
+                                 unsigned role);
     // The attribute playing role in the 1999 schema-instance namespace, else in the 2001 one,
     // else in the scope's default namespace (any namespace when there is none).
     RtStringRef getSoapNodeAttribute(const RtXMLElementInfo *info, const AutoDict &scope, unsigned role);
@@ -121,12 +123,13 @@ private:
     bool isArray(const RtXMLElementInfo *info, const AutoDict &scope);
 
     const TypeInfo &typeInfo(RtStringRef type, const AutoDict &scope);
-    RtTypeRef decodeFallback(RtTreeRef target, const RtXMLElementInfo *info, RtTreeRef firstChild, RtStringRef text,
-                             const TypeInfo &type, const AutoDict &scope, AutoString &error);
+    RtTypeRef decodeFallback(RtTreeRef target, const RtXMLElementInfo *info, RtTreeRef firstChild,
+                             RtStringRef text, const TypeInfo &type, const AutoDict &scope,
+                             AutoString &error);
     // Decodes target by its declared or implied type; firstChild (and its node) is the
     // referencing element's first child, which after an href is none.
-    RtTypeRef decodeTyped(RtTreeRef target, const RtXMLElementInfo *info, RtTreeRef firstChild, RtXMLNodeRef firstNode,
-                          const AutoDict &scope, AutoString &error);
+    RtTypeRef decodeTyped(RtTreeRef target, const RtXMLElementInfo *info, RtTreeRef firstChild,
+                          RtXMLNodeRef firstNode, const AutoDict &scope, AutoString &error);
     RtTypeRef followReference(RtStringRef href, const AutoDict &scope, AutoString &error);
     void buildAnchorIndex();
 

@@ -11,7 +11,7 @@
 class XMLBuffer;
 
 class SOAPHalvoMethodInvocation : public HalvoMethodInvocation {
-public:
+  public:
     // From an agreement dictionary; the method name comes from "MethodName".
     SOAPHalvoMethodInvocation(RtStringRef protocolKind, RtDictionaryRef agreement);
     SOAPHalvoMethodInvocation(RtStringRef protocolKind, RtURLRef url, RtStringRef methodName);
@@ -26,19 +26,20 @@ public:
     RtStringRef getProtocolKind() const { return fProtocolKind; }
     RtStringRef getMethodNamespace();
 
-protected:
+  protected:
     RtStringRef fMethodName;
     RtStringRef fProtocolKind;
 };
 
 class SOAPProtocolHandler : public HVProtocolHandler {
-public:
+  public:
     explicit SOAPProtocolHandler(RtStringRef protocolKind);
     ~SOAPProtocolHandler() override;
 
     RtDataRef createRequest(RtStringRef methodName, RtDictionaryRef parameters, RtArrayRef order,
                             RtDictionaryRef extras) override;
-    RtDictionaryRef parsePostData(RtDataRef data, RtStringEncoding encoding, AutoString *errorString) override;
+    RtDictionaryRef parsePostData(RtDataRef data, RtStringEncoding encoding,
+                                  AutoString *errorString) override;
     RtDictionaryRef parseReplyData(RtStringRef methodName, RtDataRef data, RtStringEncoding encoding,
                                    AutoString *errorString) override;
     RtDataRef createReply(RtDictionaryRef context, RtTypeRef returnValue) override;
@@ -56,7 +57,7 @@ public:
     // "timeInstant" for SOAP-1999, else "dateTime".
     RtStringRef dateTimeEncoding();
 
-protected:
+  protected:
     RtStringRef fProtocolKind;
 };
 

@@ -11,7 +11,7 @@ class XMLBuffer;
 struct ReplyArrayDrain;
 
 class XMLRPCHalvoMethodInvocation : public HalvoMethodInvocation {
-public:
+  public:
     // Retains methodName (NULL stays NULL).
     XMLRPCHalvoMethodInvocation(RtURLRef url, RtStringRef methodName);
     // From an agreement dictionary; the method name comes from "MethodName".
@@ -25,18 +25,19 @@ public:
                    RtStringRef *errorString) override;
     HVRunLoopSource *createRunLoopSource() override;
 
-protected:
+  protected:
     RtStringRef fMethodName;
 };
 
 class XMLRPCProtocolHandler : public HVProtocolHandler {
-public:
+  public:
     XMLRPCProtocolHandler() = default;
     ~XMLRPCProtocolHandler() override = default;
 
     RtDataRef createRequest(RtStringRef methodName, RtDictionaryRef parameters, RtArrayRef order,
                             RtDictionaryRef extras) override;
-    RtDictionaryRef parsePostData(RtDataRef data, RtStringEncoding encoding, AutoString *errorString) override;
+    RtDictionaryRef parsePostData(RtDataRef data, RtStringEncoding encoding,
+                                  AutoString *errorString) override;
     RtDictionaryRef parseReplyData(RtStringRef methodName, RtDataRef data, RtStringEncoding encoding,
                                    AutoString *errorString) override;
     RtDataRef createReply(RtDictionaryRef context, RtTypeRef returnValue) override;

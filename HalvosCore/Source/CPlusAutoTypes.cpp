@@ -16,7 +16,9 @@ RtStringRef rtCreateString(const char *format, va_list arguments) {
 
 // ---- AutoString ------------------------------------------------------------------------------
 
-AutoString::AutoString(RtStringRef str) : fString(str) { safeRtRetain(fString); }
+AutoString::AutoString(RtStringRef str) : fString(str) {
+    safeRtRetain(fString);
+}
 
 AutoString::AutoString(const AutoString &other) : AutoCountable(), fString(other.fString) {
     safeRtRetain(fString);
@@ -29,7 +31,9 @@ AutoString::AutoString(const char *format, ...) {
     va_end(ap);
 }
 
-AutoString::~AutoString() { safeRtRelease(fString); }
+AutoString::~AutoString() {
+    safeRtRelease(fString);
+}
 
 RtStringRef AutoString::getRetainedString() const {
     return static_cast<RtStringRef>(safeRtRetain(fString));
@@ -67,22 +71,28 @@ AutoScalar::AutoScalar(long value) {
     fRef = RtNumberCreate(kRtAllocatorDefault, kRtNumberSInt32Type, &v);
 }
 
-AutoScalar::AutoScalar(double value) : fRef(RtNumberCreate(kRtAllocatorDefault, kRtNumberDoubleType, &value)) {}
+AutoScalar::AutoScalar(double value)
+    : fRef(RtNumberCreate(kRtAllocatorDefault, kRtNumberDoubleType, &value)) {}
 
 AutoScalar::AutoScalar(float value) : fRef(RtNumberCreate(kRtAllocatorDefault, kRtNumberFloatType, &value)) {}
 
-AutoScalar::~AutoScalar() { safeRtRelease(fRef); }
+AutoScalar::~AutoScalar() {
+    safeRtRelease(fRef);
+}
 
-int32_t AutoScalar::toInt() const { return getIntValue(fRef); }
+int32_t AutoScalar::toInt() const {
+    return getIntValue(fRef);
+}
 
 float AutoScalar::toFloat() const {
     float v = 0;
-    if (!fRef || !RtNumberGetValue(fRef, kRtNumberFloatType, &v))
-        return 0;
+    if (!fRef || !RtNumberGetValue(fRef, kRtNumberFloatType, &v)) return 0;
     return v;
 }
 
-double AutoScalar::toDouble() const { return getDoubleValue(fRef); }
+double AutoScalar::toDouble() const {
+    return getDoubleValue(fRef);
+}
 
 // ---- AutoURL ---------------------------------------------------------------------------------
 
@@ -99,7 +109,9 @@ AutoURL::AutoURL(const char *format, ...) {
     safeRtRelease(str);
 }
 
-AutoURL::~AutoURL() { safeRtRelease(fURL); }
+AutoURL::~AutoURL() {
+    safeRtRelease(fURL);
+}
 
 // ---- AutoArray -------------------------------------------------------------------------------
 
@@ -111,8 +123,7 @@ AutoArray::~AutoArray() {
 }
 
 RtArrayRef AutoArray::getEmptyArray() {
-    if (!sEmptyArray)
-        sEmptyArray = newMutableArray(); // process-wide, never released
+    if (!sEmptyArray) sEmptyArray = newMutableArray(); // process-wide, never released
     return sEmptyArray;
 }
 
@@ -130,30 +141,34 @@ RtMutableArrayRef AutoArray::getMutableArray() {
 }
 
 RtArrayRef AutoArray::getImmutableArray() const {
-    if (fMutableArray)
-        return fMutableArray;
-    if (fImmutableArray)
-        return fImmutableArray;
+    if (fMutableArray) return fMutableArray;
+    if (fImmutableArray) return fImmutableArray;
     return getEmptyArray();
 }
 
-RtIndex AutoArray::getCount() const { return RtArrayGetCount(getImmutableArray()); }
+RtIndex AutoArray::getCount() const {
+    return RtArrayGetCount(getImmutableArray());
+}
 
 void AutoArray::appendValue(RtTypeRef value) {
-    if (value)
-        RtArrayAppendValue(getMutableArray(), value);
+    if (value) RtArrayAppendValue(getMutableArray(), value);
 }
 
-void AutoArray::appendValue(const AutoCountable &value) { appendValue(value.getRef()); }
+void AutoArray::appendValue(const AutoCountable &value) {
+    appendValue(value.getRef());
+}
 
 void AutoArray::appendNonEmpty(const AutoCountable &value) {
-    if (!value.isEmpty())
-        appendValue(value.getRef());
+    if (!value.isEmpty()) appendValue(value.getRef());
 }
 
-RtTypeRef AutoArray::getValueAtIndex(RtIndex idx) const { return RtArrayGetValueAtIndex(getImmutableArray(), idx); }
+RtTypeRef AutoArray::getValueAtIndex(RtIndex idx) const {
+    return RtArrayGetValueAtIndex(getImmutableArray(), idx);
+}
 
-RtTypeRef AutoArray::copyValueAtIndex(RtIndex idx) const { return safeRtRetain(getValueAtIndex(idx)); }
+RtTypeRef AutoArray::copyValueAtIndex(RtIndex idx) const {
+    return safeRtRetain(getValueAtIndex(idx));
+}
 
 bool AutoArray::isEmpty() const {
     RtArrayRef a = fMutableArray ? fMutableArray : fImmutableArray;
@@ -175,8 +190,7 @@ AutoDict::~AutoDict() {
 }
 
 RtDictionaryRef AutoDict::getEmptyDictionary() {
-    if (!sEmptyDictionary)
-        sEmptyDictionary = newMutableDict(); // process-wide, never released
+    if (!sEmptyDictionary) sEmptyDictionary = newMutableDict(); // process-wide, never released
     return sEmptyDictionary;
 }
 
@@ -194,10 +208,8 @@ RtMutableDictionaryRef AutoDict::getMutableDict() {
 }
 
 RtDictionaryRef AutoDict::getImmutableDict() const {
-    if (fMutableDict)
-        return fMutableDict;
-    if (fImmutableDict)
-        return fImmutableDict;
+    if (fMutableDict) return fMutableDict;
+    if (fImmutableDict) return fImmutableDict;
     return getEmptyDictionary();
 }
 
@@ -206,18 +218,20 @@ RtTypeRef AutoDict::getValue(RtStringRef key) const {
     return d && key ? RtDictionaryGetValue(d, key) : nullptr;
 }
 
-RtIndex AutoDict::getCount() const { return RtDictionaryGetCount(getImmutableDict()); }
+RtIndex AutoDict::getCount() const {
+    return RtDictionaryGetCount(getImmutableDict());
+}
 
-RtDictionaryRef AutoDict::copyDict() const { return RtDictionaryCreateCopy(kRtAllocatorDefault, getImmutableDict()); }
+RtDictionaryRef AutoDict::copyDict() const {
+    return RtDictionaryCreateCopy(kRtAllocatorDefault, getImmutableDict());
+}
 
 void AutoDict::addValue(RtStringRef key, RtTypeRef value) {
-    if (value)
-        RtDictionarySetValue(getMutableDict(), key, value);
+    if (value) RtDictionarySetValue(getMutableDict(), key, value);
 }
 
 void AutoDict::addNonEmpty(const AutoString &key, const AutoCountable &value) {
-    if (!value.isEmpty())
-        addValue(key.getString(), value.getRef());
+    if (!value.isEmpty()) addValue(key.getString(), value.getRef());
 }
 
 bool AutoDict::isEmpty() const {
@@ -233,17 +247,22 @@ ArrayIterator::ArrayIterator(RtArrayRef array)
     : fIndex(0), fCount(array ? static_cast<int32_t>(RtArrayGetCount(array)) : 0),
       fArray(static_cast<RtArrayRef>(safeRtRetain(array))) {}
 
-ArrayIterator::~ArrayIterator() { safeRtRelease(fArray); }
+ArrayIterator::~ArrayIterator() {
+    safeRtRelease(fArray);
+}
 
 RtTypeRef ArrayIterator::nextElement() {
-    if (fIndex >= fCount)
-        return nullptr;
+    if (fIndex >= fCount) return nullptr;
     return RtArrayGetValueAtIndex(fArray, fIndex++);
 }
 
-DictIterator::DictIterator(const AutoDict &dict) { setup(dict.getImmutableDict()); }
+DictIterator::DictIterator(const AutoDict &dict) {
+    setup(dict.getImmutableDict());
+}
 
-DictIterator::DictIterator(RtDictionaryRef dict) { setup(dict); }
+DictIterator::DictIterator(RtDictionaryRef dict) {
+    setup(dict);
+}
 
 void DictIterator::setup(RtDictionaryRef dict) {
     fIndex = 0;
@@ -261,7 +280,9 @@ DictIterator::~DictIterator() {
     free(fKeys);
 }
 
-RtTypeRef DictIterator::nextElement() { return fIndex < fCount ? fKeys[fIndex++] : nullptr; }
+RtTypeRef DictIterator::nextElement() {
+    return fIndex < fCount ? fKeys[fIndex++] : nullptr;
+}
 
 RtTypeRef DictIterator::getValue(RtTypeRef key) const {
     return key && fDict ? RtDictionaryGetValue(fDict, key) : nullptr;
@@ -274,7 +295,9 @@ RtMutableDictionaryRef newMutableDict() {
                                      &kRtTypeDictionaryValueCallBacks);
 }
 
-RtMutableArrayRef newMutableArray() { return RtArrayCreateMutable(kRtAllocatorDefault, 0, &kRtTypeArrayCallBacks); }
+RtMutableArrayRef newMutableArray() {
+    return RtArrayCreateMutable(kRtAllocatorDefault, 0, &kRtTypeArrayCallBacks);
+}
 
 // Collects the variadic arguments up to the first NULL.
 static std::vector<const void *> collectUntilNull(va_list ap) {
@@ -289,7 +312,8 @@ RtDictionaryRef rtTypeCreateDictionary(RtDictionaryRef base, ...) {
     va_start(ap, base);
     std::vector<const void *> args = collectUntilNull(ap);
     va_end(ap);
-    RtMutableDictionaryRef dict = base ? RtDictionaryCreateMutableCopy(kRtAllocatorDefault, 0, base) : newMutableDict();
+    RtMutableDictionaryRef dict =
+        base ? RtDictionaryCreateMutableCopy(kRtAllocatorDefault, 0, base) : newMutableDict();
     size_t pairs = args.size() / 2;
     for (size_t i = 0; i < pairs; i++) {
         const void *key = args[2 * i];
@@ -308,7 +332,8 @@ RtArrayRef rtTypeCreateArray(RtArrayRef base, ...) {
     va_start(ap, base);
     std::vector<const void *> args = collectUntilNull(ap);
     va_end(ap);
-    RtMutableArrayRef array = base ? RtArrayCreateMutableCopy(kRtAllocatorDefault, 0, base) : newMutableArray();
+    RtMutableArrayRef array =
+        base ? RtArrayCreateMutableCopy(kRtAllocatorDefault, 0, base) : newMutableArray();
     for (const void *v : args)
         RtArrayAppendValue(array, v);
     return array;
@@ -316,8 +341,7 @@ RtArrayRef rtTypeCreateArray(RtArrayRef base, ...) {
 
 RtArrayRef copyDictionaryKeys(RtDictionaryRef dict) {
     RtIndex count = dict ? RtDictionaryGetCount(dict) : 0;
-    if (count <= 0)
-        return static_cast<RtArrayRef>(RtRetain(AutoArray::getEmptyArray()));
+    if (count <= 0) return static_cast<RtArrayRef>(RtRetain(AutoArray::getEmptyArray()));
     std::vector<const void *> keys(static_cast<size_t>(count));
     RtDictionaryGetKeysAndValues(dict, keys.data(), nullptr);
     return RtArrayCreate(kRtAllocatorDefault, keys.data(), count, &kRtTypeArrayCallBacks);
@@ -327,21 +351,18 @@ RtNumberRef internedInt(int i) {
     static RtNumberRef sInterned[15];
     // Callers pass small constants (-3 through 11); there is deliberately no bounds check.
     RtNumberRef &slot = sInterned[i + 3];
-    if (!slot)
-        slot = RtNumberCreate(kRtAllocatorDefault, kRtNumberIntType, &i);
+    if (!slot) slot = RtNumberCreate(kRtAllocatorDefault, kRtNumberIntType, &i);
     return slot;
 }
 
 int32_t getIntValue(RtNumberRef number) {
     int32_t v = 0;
-    if (!number || !RtNumberGetValue(number, kRtNumberSInt32Type, &v))
-        return 0;
+    if (!number || !RtNumberGetValue(number, kRtNumberSInt32Type, &v)) return 0;
     return v;
 }
 
 double getDoubleValue(RtNumberRef number) {
     double v = 0;
-    if (!number || !RtNumberGetValue(number, kRtNumberDoubleType, &v))
-        return 0;
+    if (!number || !RtNumberGetValue(number, kRtNumberDoubleType, &v)) return 0;
     return v;
 }

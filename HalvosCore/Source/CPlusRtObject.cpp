@@ -5,8 +5,7 @@
 
 RtTypeID CPlusRtObject::ensureTypeID(const RtRuntimeClass *cls, RtTypeID *slot) {
     RtTypeID id = __atomic_load_n(slot, __ATOMIC_ACQUIRE);
-    if (id != kRtNotATypeID)
-        return id;
+    if (id != kRtNotATypeID) return id;
     // A once-only guard, so that two threads making their first handles register one class.
     static std::mutex sRegistering;
     std::lock_guard<std::mutex> lock(sRegistering);
@@ -23,9 +22,13 @@ void *CPlusRtObject::operator new(size_t size, RtTypeID typeID) noexcept {
     return const_cast<void *>(RtRuntimeCreateInstance(kRtAllocatorDefault, typeID, extra));
 }
 
-void CPlusRtObject::operator delete(void *p, RtTypeID) noexcept { RtRelease(p); }
+void CPlusRtObject::operator delete(void *p, RtTypeID) noexcept {
+    RtRelease(p);
+}
 
-void CPlusRtObject::operator delete(void *p) noexcept { RtRelease(p); }
+void CPlusRtObject::operator delete(void *p) noexcept {
+    RtRelease(p);
+}
 
 // ---- OpaqueHVMethodInvocationRef -------------------------------------------------------------
 
@@ -38,29 +41,24 @@ const RtRuntimeClass OpaqueHVMethodInvocationRef::sRT = {0, "OpaqueHVMethodInvoc
 RtTypeID OpaqueHVMethodInvocationRef::sID = kRtNotATypeID;
 
 OpaqueHVMethodInvocationRef::OpaqueHVMethodInvocationRef(HalvoMethodInvocation *closure) : fClosure(closure) {
-    if (fClosure)
-        fClosure->setRtRef(this);
+    if (fClosure) fClosure->setRtRef(this);
 }
 
 HVMethodInvocationRef OpaqueHVMethodInvocationRef::create(HalvoMethodInvocation *closure) {
-    if (!closure)
-        return nullptr;
+    if (!closure) return nullptr;
     OpaqueHVMethodInvocationRef *ref = new (getTypeID()) OpaqueHVMethodInvocationRef(closure);
-    if (!ref)
-        delete closure;
+    if (!ref) delete closure;
     return ref;
 }
 
 HalvoMethodInvocation *OpaqueHVMethodInvocationRef::implOf(HVMethodInvocationRef ref) {
-    if (!ref || RtGetTypeID(ref) != getTypeID())
-        return nullptr;
+    if (!ref || RtGetTypeID(ref) != getTypeID()) return nullptr;
     return ref->fClosure;
 }
 
 void OpaqueHVMethodInvocationRef::_rtDealloc(RtTypeRef obj) {
     auto *self = static_cast<OpaqueHVMethodInvocationRef *>(const_cast<void *>(obj));
-    if (!self || !self->fClosure)
-        return;
+    if (!self || !self->fClosure) return;
     // The invocation sees no handle during its own destruction.
     self->fClosure->setRtRef(nullptr);
     delete self->fClosure;
@@ -88,29 +86,24 @@ const RtRuntimeClass OpaqueHVProtocolHandlerRef::sRT = {0, "OpaqueHVProtocolHand
 RtTypeID OpaqueHVProtocolHandlerRef::sID = kRtNotATypeID;
 
 OpaqueHVProtocolHandlerRef::OpaqueHVProtocolHandlerRef(HVProtocolHandler *impl) : fImpl(impl) {
-    if (fImpl)
-        fImpl->setRtRef(this);
+    if (fImpl) fImpl->setRtRef(this);
 }
 
 HVProtocolHandlerRef OpaqueHVProtocolHandlerRef::create(HVProtocolHandler *impl) {
-    if (!impl)
-        return nullptr;
+    if (!impl) return nullptr;
     OpaqueHVProtocolHandlerRef *ref = new (getTypeID()) OpaqueHVProtocolHandlerRef(impl);
-    if (!ref)
-        delete impl;
+    if (!ref) delete impl;
     return ref;
 }
 
 HVProtocolHandler *OpaqueHVProtocolHandlerRef::implOf(HVProtocolHandlerRef ref) {
-    if (!ref || RtGetTypeID(ref) != getTypeID())
-        return nullptr;
+    if (!ref || RtGetTypeID(ref) != getTypeID()) return nullptr;
     return ref->fImpl;
 }
 
 void OpaqueHVProtocolHandlerRef::_rtDealloc(RtTypeRef obj) {
     auto *self = static_cast<OpaqueHVProtocolHandlerRef *>(const_cast<void *>(obj));
-    if (!self || !self->fImpl)
-        return;
+    if (!self || !self->fImpl) return;
     self->fImpl->setRtRef(nullptr);
     delete self->fImpl;
     self->fImpl = nullptr;

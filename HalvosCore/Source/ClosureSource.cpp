@@ -11,8 +11,7 @@ ClosureSource::ClosureSource(HalvoMethodInvocation *closure) : fClosure(closure)
 ClosureSource::~ClosureSource() = default;
 
 void ClosureSource::perform() {
-    if (fResult)
-        fResult->becomeFault(RTSTR("ClosureSource::perform not overridden"));
+    if (fResult) fResult->becomeFault(RTSTR("ClosureSource::perform not overridden"));
     finish();
 }
 
@@ -20,7 +19,6 @@ void ClosureSource::finish() {
     // Clear the field first: later stream and timer callbacks test it to learn the call is over.
     HalvoResult *result = fResult;
     fResult = nullptr;
-    if (fClosure)
-        fClosure->doCallback(result);
+    if (fClosure) fClosure->doCallback(result);
     delete result;
 }

@@ -12,9 +12,12 @@ constexpr RtOptionFlags kStreamEvents = kRtStreamEventOpenCompleted | kRtStreamE
                                         kRtStreamEventErrorOccurred | kRtStreamEventEndEncountered;
 
 // The state names of the verbose log, indexed by the state number modulo 5.
-const char *const kStateNames[] = {"uninit", "waitforopen", "readintobuffer", "streamendencountered", "timedout"};
+const char *const kStateNames[] = {"uninit", "waitforopen", "readintobuffer", "streamendencountered",
+                                   "timedout"};
 
-const char *stateName(int32_t state) { return kStateNames[static_cast<uint32_t>(state) % 5]; }
+const char *stateName(int32_t state) {
+    return kStateNames[static_cast<uint32_t>(state) % 5];
+}
 
 // The event names of the verbose log.
 const char *cbNames(RtStreamEventType type) {
@@ -46,10 +49,9 @@ RtStringRef getUserAgentString() {
             if (RtDictionaryRef info = RtBundleGetInfoDictionary(bundle))
                 version = RtDictionaryGetValue(info, kRtBundleVersionKey);
         }
-        if (!version)
-            version = RTSTR("1.0.0");
-        sUserAgent = RtStringCreateWithFormat(kRtAllocatorDefault, nullptr, RTSTR("Tessaly; HalvosCore.framework (%@)"),
-                                              version);
+        if (!version) version = RTSTR("1.0.0");
+        sUserAgent = RtStringCreateWithFormat(kRtAllocatorDefault, nullptr,
+                                              RTSTR("Tessaly; HalvosCore.framework (%@)"), version);
     }
     return sUserAgent;
 }
@@ -69,28 +71,34 @@ void setHeaderFieldValue(RtHTTPMessageRef templateMessage, RtHTTPMessageRef mess
 
 void myRtHTTPReadStreamSetProxy(RtReadStreamRef stream, RtStringRef host, RtIndex port) {
     RtNumberRef portNumber = RtNumberCreate(kRtAllocatorDefault, kRtNumberIndexType, &port);
-    if (!portNumber)
-        return;
+    if (!portNumber) return;
     const void *keys[] = {kRtStreamPropertyHTTPProxyHost, kRtStreamPropertyHTTPProxyPort};
     const void *values[] = {host, portNumber};
-    RtDictionaryRef proxy = RtDictionaryCreate(kRtAllocatorDefault, keys, values, 2, &kRtTypeDictionaryKeyCallBacks,
-                                               &kRtTypeDictionaryValueCallBacks);
+    RtDictionaryRef proxy =
+        RtDictionaryCreate(kRtAllocatorDefault, keys, values, 2, &kRtTypeDictionaryKeyCallBacks,
+                           &kRtTypeDictionaryValueCallBacks);
     RtReadStreamSetProperty(stream, kRtStreamPropertyHTTPProxy, proxy);
     safeRtRelease(proxy);
     RtRelease(portNumber);
 }
 
-void *_nullRetain(void *info) { return info; }
+void *_nullRetain(void *info) {
+    return info;
+}
 
 void _nullRelease(void *) {}
 
-RtStringRef _copyDescription(void *info) { return static_cast<HTTPClosureSource *>(info)->description(); }
+RtStringRef _copyDescription(void *info) {
+    return static_cast<HTTPClosureSource *>(info)->description();
+}
 
 void _readStreamCallback(RtReadStreamRef, RtStreamEventType type, void *info) {
     static_cast<HTTPClosureSource *>(info)->readStreamCallback(type);
 }
 
-void _timerCallback(RtRunLoopTimerRef, void *info) { static_cast<HTTPClosureSource *>(info)->timedOut(); }
+void _timerCallback(RtRunLoopTimerRef, void *info) {
+    static_cast<HTTPClosureSource *>(info)->timedOut();
+}
 
 // The stream error of the library's own transport failures.
 const RtStreamError kTransportStreamError = {kRtStreamErrorDomainCustom, HalvoResult::kTransportError};
@@ -99,9 +107,10 @@ const RtStreamError kTimedOutStreamError = {kRtStreamErrorDomainCustom, HalvoRes
 } // namespace
 
 HTTPClosureSource::HTTPClosureSource(HalvoMethodInvocation *closure, RtURLRef url)
-    : ClosureSource(closure), fState(eUninit), fURL(static_cast<RtURLRef>(safeRtRetain(url))), fHttpMessage(nullptr),
-      fBuffer(nullptr), fReadStream(nullptr), fRunLoop(nullptr), fRunLoopMode(nullptr), fDebugMessage(nullptr),
-      fOutgoingHeaders(true), fOutgoingBody(true), fIncomingHeaders(true), fIncomingBody(true), fTimer(nullptr) {}
+    : ClosureSource(closure), fState(eUninit), fURL(static_cast<RtURLRef>(safeRtRetain(url))),
+      fHttpMessage(nullptr), fBuffer(nullptr), fReadStream(nullptr), fRunLoop(nullptr), fRunLoopMode(nullptr),
+      fDebugMessage(nullptr), fOutgoingHeaders(true), fOutgoingBody(true), fIncomingHeaders(true),
+      fIncomingBody(true), fTimer(nullptr) {}
 
 HTTPClosureSource::~HTTPClosureSource() {
     safeRtRelease(fURL);
@@ -154,21 +163,20 @@ void HTTPClosureSource::resetTransaction() {
 void HTTPClosureSource::schedule(RtRunLoopRef, RtStringRef) {
     // A call that delivered its result is over; adding the source again starts the next one.
     // The first schedule finds the result of the constructor and changes nothing.
-    if (!getResult())
-        resetTransaction();
+    if (!getResult()) resetTransaction();
 }
 
 // A method that is not a string counts as none.
 RtStringRef HTTPClosureSource::getMethod() {
     RtTypeRef method = fClosure->getProperty(kHVPostingMethod);
-    if (!method)
-        return RTSTR("POST");
+    if (!method) return RTSTR("POST");
     return RtGetTypeID(method) == RtStringGetTypeID() ? static_cast<RtStringRef>(method) : nullptr;
 }
 
 RtStringRef HTTPClosureSource::getHttpVersion() {
     RtTypeRef version = fClosure->getProperty(kHVHTTPVersion);
-    return RtGetTypeID(version) == RtStringGetTypeID() ? static_cast<RtStringRef>(version) : kRtHTTPVersion1_1;
+    return RtGetTypeID(version) == RtStringGetTypeID() ? static_cast<RtStringRef>(version)
+                                                       : kRtHTTPVersion1_1;
 }
 
 bool HTTPClosureSource::getFollowsRedirects() {
@@ -186,15 +194,12 @@ bool HTTPClosureSource::initConnection() {
 
     // An empty authority ("file:///x") names no host either.
     AutoString host;
-    if (fURL)
-        *host.getStringPtr() = RtURLCopyHostName(fURL);
-    if (host.isNull() || RtStringGetLength(host.getString()) == 0)
-        return fail(RTSTR("Missing host in URL"));
+    if (fURL) *host.getStringPtr() = RtURLCopyHostName(fURL);
+    if (host.isNull() || RtStringGetLength(host.getString()) == 0) return fail(RTSTR("Missing host in URL"));
 
     AutoString contentType;
     RtDataRef body = fClosure->constructMessage(contentType);
-    if (!body)
-        return fail(RTSTR("Can't serialize request"));
+    if (!body) return fail(RTSTR("Can't serialize request"));
 
     RtStringRef method = getMethod();
     if (!method) {
@@ -242,8 +247,7 @@ bool HTTPClosureSource::initConnection() {
     }
 
     fReadStream = RtReadStreamCreateForHTTPRequest(kRtAllocatorDefault, fHttpMessage);
-    if (!fReadStream)
-        return fail(RTSTR("Can't create read stream from http message"));
+    if (!fReadStream) return fail(RTSTR("Can't create read stream from http message"));
 
     RtTypeRef proxy = fClosure->getProperty(kHVHTTPProxy);
     if (proxy && RtGetTypeID(proxy) == RtURLGetTypeID()) {
@@ -268,8 +272,7 @@ bool HTTPClosureSource::initConnection() {
     if (!RtReadStreamSetClient(fReadStream, kStreamEvents, _readStreamCallback, &client))
         return fail(RTSTR("Can't set read stream client"));
 
-    if (!RtReadStreamOpen(fReadStream))
-        return fail(RTSTR("Can't issue read stream open"));
+    if (!RtReadStreamOpen(fReadStream)) return fail(RTSTR("Can't issue read stream open"));
 
     // Without the property, or with 0 or less, the call has no time limit at all.
     RtTypeRef timeout = fClosure->getProperty(kHVMethodInvocationTimeoutValue);
@@ -282,20 +285,17 @@ bool HTTPClosureSource::initConnection() {
         RtRunLoopTimerContext timerContext = {0, this, nullptr, nullptr, nullptr};
         fTimer = RtRunLoopTimerCreate(kRtAllocatorDefault, RtAbsoluteTimeGetCurrent() + seconds,
                                       kRtAbsoluteTimeIntervalSince1970, 0, 0, _timerCallback, &timerContext);
-        if (fTimer)
-            RtRunLoopAddTimer(loop, fTimer, fRunLoopMode);
+        if (fTimer) RtRunLoopAddTimer(loop, fTimer, fRunLoopMode);
     }
     return true;
 }
 
 void HTTPClosureSource::perform() {
-    if (gHVDebugVerbose)
-        _hvLogf("HTTPClosureSource::perform state %d (%s)", fState, stateName(fState));
+    if (gHVDebugVerbose) _hvLogf("HTTPClosureSource::perform state %d (%s)", fState, stateName(fState));
 
     // A signal left over from a transaction that has already delivered its result (the stream
     // reported an error after announcing bytes): nothing is left to do.
-    if (!getResult())
-        return;
+    if (!getResult()) return;
 
     // The client's callback may release the invocation, and with it this source: hold the
     // handle until perform has finished with its fields.
@@ -325,8 +325,7 @@ void HTTPClosureSource::perform() {
         finish();
         break;
     default:
-        if (gHVDebugVerbose)
-            _hvLogf("Unknown state: %d", fState);
+        if (gHVDebugVerbose) _hvLogf("Unknown state: %d", fState);
         getResult()->becomeFault(RTSTR("Uknown State")); // spelled so on purpose
         finish();
         break;
@@ -372,11 +371,9 @@ void HTTPClosureSource::readStreamCallback(RtStreamEventType type) {
 }
 
 void HTTPClosureSource::timedOut() {
-    if (gHVDebugVerbose)
-        _hvLogf("closure timed out: current state is %d", fState);
+    if (gHVDebugVerbose) _hvLogf("closure timed out: current state is %d", fState);
     // Past the end of the stream (or already timed out) the reply wins.
-    if (fState > eReadIntoBuffer)
-        return;
+    if (fState > eReadIntoBuffer) return;
     fState = eTimedOut;
     signal();
 }
@@ -404,8 +401,7 @@ void HTTPClosureSource::fillReadBuffer() {
     do {
         count = RtReadStreamRead(fReadStream, bytes, sizeof(bytes));
         // End or error: errors arrive through the stream's error event.
-        if (count < 1)
-            break;
+        if (count < 1) break;
         RtDataAppendBytes(fBuffer, bytes, count);
     } while (count == static_cast<RtIndex>(sizeof(bytes)));
 }
@@ -431,11 +427,13 @@ void HTTPClosureSource::processBuffer() {
         bool success = status >= 200 && status <= 299;
 
         if (success && !isXML) {
-            result->becomeFault(RTSTR("The server did not return a 'text/xml' response."), kTransportStreamError);
+            result->becomeFault(RTSTR("The server did not return a 'text/xml' response."),
+                                kTransportStreamError);
         } else if (success || (status == 500 && isXML)) {
             RtStringRef errorString = nullptr;
             if (!fClosure->readReply(result, fBuffer, knownXML, charset, &errorString))
-                result->becomeFault(errorString ? errorString : RTSTR("Could not parse XML."), kTransportStreamError);
+                result->becomeFault(errorString ? errorString : RTSTR("Could not parse XML."),
+                                    kTransportStreamError);
             safeRtRelease(errorString);
         } else {
             // The status line exactly as the server sent it.

@@ -4,7 +4,9 @@
 namespace {
 
 // The runtime source never owns the object: no counting.
-const void *_retain(const void *info) { return info; }
+const void *_retain(const void *info) {
+    return info;
+}
 
 void _release(const void *) {}
 
@@ -12,9 +14,13 @@ RtStringRef _copyDescription(const void *info) {
     return static_cast<HVRunLoopSource *>(const_cast<void *>(info))->description();
 }
 
-bool _equal(const void *info1, const void *info2) { return info1 == info2; }
+bool _equal(const void *info1, const void *info2) {
+    return info1 == info2;
+}
 
-RtHashCode _hash(const void *info) { return reinterpret_cast<RtHashCode>(info); }
+RtHashCode _hash(const void *info) {
+    return reinterpret_cast<RtHashCode>(info);
+}
 
 void _schedule(void *info, RtRunLoopRef loop, RtStringRef mode) {
     static_cast<HVRunLoopSource *>(info)->schedule(loop, mode);
@@ -24,7 +30,9 @@ void _cancel(void *info, RtRunLoopRef loop, RtStringRef mode) {
     static_cast<HVRunLoopSource *>(info)->cancel(loop, mode);
 }
 
-void _perform(void *info) { static_cast<HVRunLoopSource *>(info)->perform(); }
+void _perform(void *info) {
+    static_cast<HVRunLoopSource *>(info)->perform();
+}
 
 } // namespace
 
@@ -48,7 +56,9 @@ HVRunLoopSource::~HVRunLoopSource() {
     }
 }
 
-RtStringRef HVRunLoopSource::description() { return RTSTR("HVRunLoopSource::copyDescription"); }
+RtStringRef HVRunLoopSource::description() {
+    return RTSTR("HVRunLoopSource::copyDescription");
+}
 
 void HVRunLoopSource::perform() {}
 
@@ -56,23 +66,22 @@ void HVRunLoopSource::schedule(RtRunLoopRef, RtStringRef) {}
 
 void HVRunLoopSource::cancel(RtRunLoopRef, RtStringRef) {}
 
-void HVRunLoopSource::signal() { RtRunLoopSourceSignal(fSource); }
+void HVRunLoopSource::signal() {
+    RtRunLoopSourceSignal(fSource);
+}
 
 RtRunLoopSourceRef HVRunLoopSource::getSourceCreatingIfNecessary() {
-    if (!fSource)
-        fSource = RtRunLoopSourceCreate(kRtAllocatorDefault, 0, this);
+    if (!fSource) fSource = RtRunLoopSourceCreate(kRtAllocatorDefault, 0, this);
     return fSource;
 }
 
 bool HVRunLoopSource::addToRunLoop(RtRunLoopRef loop, RtStringRef mode) {
     RtRunLoopSourceRef source = getSourceCreatingIfNecessary();
-    if (source && loop && mode)
-        RtRunLoopAddSource(loop, source, mode);
+    if (source && loop && mode) RtRunLoopAddSource(loop, source, mode);
     return true;
 }
 
 bool HVRunLoopSource::removeFromRunLoop(RtRunLoopRef loop, RtStringRef mode) {
-    if (fSource && loop && mode)
-        RtRunLoopRemoveSource(loop, fSource, mode);
+    if (fSource && loop && mode) RtRunLoopRemoveSource(loop, fSource, mode);
     return true;
 }

@@ -21,16 +21,15 @@ void HVSerializerBase::retainContext(HVClientContext *destination, const HVClien
 }
 
 void HVSerializerBase::releaseContext(HVClientContext *context) {
-    if (context->info && context->release)
-        context->release(context->info);
+    if (context->info && context->release) context->release(context->info);
     memset(context, 0, sizeof(*context));
 }
 
 // ---- HVSerializerBase ------------------------------------------------------------------------
 
 HVSerializerBase::HVSerializerBase()
-    : fProperties(newMutableDict()), fSerOverride(nullptr), fSerCount(0), fDeserOverride(nullptr), fDeserCount(0),
-      fRtRef(nullptr), fParent(nullptr) {}
+    : fProperties(newMutableDict()), fSerOverride(nullptr), fSerCount(0), fDeserOverride(nullptr),
+      fDeserCount(0), fRtRef(nullptr), fParent(nullptr) {}
 
 HVSerializerBase::~HVSerializerBase() {
     fParent = nullptr;
@@ -45,8 +44,7 @@ HVSerializerBase::~HVSerializerBase() {
 }
 
 void HVSerializerBase::setProperty(RtStringRef key, RtTypeRef value) {
-    if (!key)
-        return;
+    if (!key) return;
     if (value)
         RtDictionarySetValue(fProperties, key, value);
     else
@@ -54,13 +52,11 @@ void HVSerializerBase::setProperty(RtStringRef key, RtTypeRef value) {
 }
 
 RtTypeRef HVSerializerBase::getProperty(RtStringRef key) {
-    if (!key)
-        return nullptr;
+    if (!key) return nullptr;
     if (fParent) {
         // The parent wins: a handler inside a client call sees the invocation's settings.
         RtTypeRef value = fParent->getProperty(key);
-        if (value)
-            return value;
+        if (value) return value;
     }
     return RtDictionaryGetValue(fProperties, key);
 }
@@ -79,14 +75,12 @@ void HVSerializerBase::addSerializationOverride(RtTypeID objType, HVMethodInvoca
                                                 const HVClientContext *context) {
     // Grows by exactly one entry: overrides are few, and order of registration decides.
     SerProc *grown = static_cast<SerProc *>(malloc(sizeof(SerProc) * static_cast<size_t>(fSerCount + 1)));
-    if (!grown)
-        return;
+    if (!grown) return;
     SerProc &entry = grown[fSerCount];
     entry.fID = objType;
     entry.fProc = proc;
     retainContext(&entry.fContext, context);
-    if (fSerCount > 0)
-        memcpy(grown, fSerOverride, sizeof(SerProc) * static_cast<size_t>(fSerCount));
+    if (fSerCount > 0) memcpy(grown, fSerOverride, sizeof(SerProc) * static_cast<size_t>(fSerCount));
     free(fSerOverride);
     fSerOverride = grown;
     fSerCount++;
@@ -95,16 +89,15 @@ void HVSerializerBase::addSerializationOverride(RtTypeID objType, HVMethodInvoca
 void HVSerializerBase::addDeserializationOverride(RtStringRef typeNamespace, RtStringRef typeName,
                                                   HVMethodInvocationDeserializationProcPtr proc,
                                                   const HVClientContext *context) {
-    DeserProc *grown = static_cast<DeserProc *>(malloc(sizeof(DeserProc) * static_cast<size_t>(fDeserCount + 1)));
-    if (!grown)
-        return;
+    DeserProc *grown =
+        static_cast<DeserProc *>(malloc(sizeof(DeserProc) * static_cast<size_t>(fDeserCount + 1)));
+    if (!grown) return;
     DeserProc &entry = grown[fDeserCount];
     entry.fNS = static_cast<RtStringRef>(safeRtRetain(typeNamespace));
     entry.fType = static_cast<RtStringRef>(safeRtRetain(typeName));
     entry.fProc = proc;
     retainContext(&entry.fContext, context);
-    if (fDeserCount > 0)
-        memcpy(grown, fDeserOverride, sizeof(DeserProc) * static_cast<size_t>(fDeserCount));
+    if (fDeserCount > 0) memcpy(grown, fDeserOverride, sizeof(DeserProc) * static_cast<size_t>(fDeserCount));
     free(fDeserOverride);
     fDeserOverride = grown;
     fDeserCount++;
@@ -113,15 +106,12 @@ void HVSerializerBase::addDeserializationOverride(RtStringRef typeNamespace, RtS
 RtStringRef HVSerializerBase::seriailizeOverride(RtTypeRef value) {
     RtStringRef result = nullptr;
     // The parent's procedure runs even when an own match replaces its answer.
-    if (fParent)
-        result = fParent->seriailizeOverride(value);
-    if (fSerCount == 0)
-        return result;
+    if (fParent) result = fParent->seriailizeOverride(value);
+    if (fSerCount == 0) return result;
     RtTypeID type = RtGetTypeID(value);
     for (int32_t i = 0; i < fSerCount; i++) {
         const SerProc &entry = fSerOverride[i];
-        if (entry.fID != type)
-            continue;
+        if (entry.fID != type) continue;
         safeRtRelease(result);
         result = entry.fProc
                      ? entry.fProc(reinterpret_cast<HVMethodInvocationRef>(const_cast<void *>(fRtRef)), value,
@@ -133,8 +123,7 @@ RtStringRef HVSerializerBase::seriailizeOverride(RtTypeRef value) {
 }
 
 bool HVSerializerBase::wildcardMatches(RtStringRef value, RtStringRef pattern) {
-    if (rtstrEquivilent(pattern, RTSTR("")) || rtstrEquivilent(pattern, RTSTR("*")))
-        return true;
+    if (rtstrEquivilent(pattern, RTSTR("")) || rtstrEquivilent(pattern, RTSTR("*"))) return true;
     return rtstrEquivilent(value, pattern);
 }
 
@@ -143,22 +132,18 @@ RtTypeRef HVSerializerBase::deserilizeOverride(RtTreeRef msgRoot, const AutoDict
     // Unlike serialization, a parent's answer wins outright.
     if (fParent) {
         RtTypeRef result = fParent->deserilizeOverride(msgRoot, ns, name, deserializeRoot);
-        if (result)
-            return result;
+        if (result) return result;
     }
-    if (fDeserCount == 0 || !msgRoot)
-        return nullptr;
+    if (fDeserCount == 0 || !msgRoot) return nullptr;
     RtStringRef tag = RtXMLNodeGetString(RtXMLTreeGetNode(msgRoot));
-    if (!tag)
-        return nullptr;
+    if (!tag) return nullptr;
     RtStringRef elementNS = nullptr;
     RtStringRef localName = nullptr;
     xmlNamespaceQualify(ns, tag, &elementNS, &localName);
     RtTypeRef result = nullptr;
     for (int32_t i = 0; i < fDeserCount; i++) {
         const DeserProc &entry = fDeserOverride[i];
-        if (!wildcardMatches(elementNS, entry.fNS) || !wildcardMatches(localName, entry.fType))
-            continue;
+        if (!wildcardMatches(elementNS, entry.fNS) || !wildcardMatches(localName, entry.fType)) continue;
         if (entry.fProc)
             result = entry.fProc(reinterpret_cast<HVMethodInvocationRef>(const_cast<void *>(fRtRef)), msgRoot,
                                  deserializeRoot, entry.fContext.info);
@@ -182,16 +167,17 @@ static RtTypeRef typedValue(RtDictionaryRef dict, RtStringRef key, RtTypeID type
 }
 
 HalvoMethodInvocation::HalvoMethodInvocation(RtDictionaryRef agreement) : HalvoMethodInvocation() {
-    if (!agreement)
-        return;
-    RtStringRef url = static_cast<RtStringRef>(typedValue(agreement, RTSTR("ServiceURL"), RtStringGetTypeID()));
+    if (!agreement) return;
+    RtStringRef url =
+        static_cast<RtStringRef>(typedValue(agreement, RTSTR("ServiceURL"), RtStringGetTypeID()));
     // A missing or malformed URL leaves the invocation without one.
     fServiceURL = url ? RtURLCreateWithString(kRtAllocatorDefault, url, nullptr) : nullptr;
-    fParameterOrder = static_cast<RtArrayRef>(
-        safeRtRetain(typedValue(agreement, RTSTR("ParamOrder"), RtArrayGetTypeID())));
+    fParameterOrder =
+        static_cast<RtArrayRef>(safeRtRetain(typedValue(agreement, RTSTR("ParamOrder"), RtArrayGetTypeID())));
     fParameters = static_cast<RtDictionaryRef>(
         safeRtRetain(typedValue(agreement, RTSTR("ParamValues"), RtDictionaryGetTypeID())));
-    DictIterator it(static_cast<RtDictionaryRef>(typedValue(agreement, RTSTR("Properties"), RtDictionaryGetTypeID())));
+    DictIterator it(
+        static_cast<RtDictionaryRef>(typedValue(agreement, RTSTR("Properties"), RtDictionaryGetTypeID())));
     while (it.hasMoreElements()) {
         RtTypeRef key = it.nextElement();
         if (RtGetTypeID(key) == RtStringGetTypeID())
@@ -205,8 +191,7 @@ HalvoMethodInvocation::~HalvoMethodInvocation() {
     safeRtRelease(fParameters);
     if (fSource) {
         // A source still in some loop must never call back into a deleted object.
-        if (fSource->getSource())
-            RtRunLoopSourceInvalidate(fSource->getSource());
+        if (fSource->getSource()) RtRunLoopSourceInvalidate(fSource->getSource());
         delete fSource;
     }
     // fContext is deliberately not released here: only setCallback releases a context.
@@ -218,7 +203,9 @@ void HalvoMethodInvocation::setServiceEndpoint(RtURLRef url) {
     fServiceURL = url;
 }
 
-RtURLRef HalvoMethodInvocation::getServiceURL() { return fServiceURL; }
+RtURLRef HalvoMethodInvocation::getServiceURL() {
+    return fServiceURL;
+}
 
 void HalvoMethodInvocation::setParameters(RtDictionaryRef parameters, RtArrayRef order) {
     safeRtRetain(parameters);
@@ -241,22 +228,21 @@ void HalvoMethodInvocation::getParameters(RtDictionaryRef *outParameters, RtArra
 }
 
 HVRunLoopSource *HalvoMethodInvocation::getSource() {
-    if (!fSource)
-        fSource = createRunLoopSource();
+    if (!fSource) fSource = createRunLoopSource();
     return fSource;
 }
 
-bool HalvoMethodInvocation::readReply(HalvoResult *result, RtDataRef data, bool forceXML, RtStringEncoding charset,
-                                      RtStringRef *errorString) {
+bool HalvoMethodInvocation::readReply(HalvoResult *result, RtDataRef data, bool forceXML,
+                                      RtStringEncoding charset, RtStringRef *errorString) {
     RtTreeRef tree = parseXML(data, forceXML, charset, errorString);
-    if (!tree)
-        return false;
+    if (!tree) return false;
     parseReply(result, tree);
     RtRelease(tree);
     return true;
 }
 
-void HalvoMethodInvocation::setCallback(HVMethodInvocationCallBackProcPtr callback, const HVClientContext *context) {
+void HalvoMethodInvocation::setCallback(HVMethodInvocationCallBackProcPtr callback,
+                                        const HVClientContext *context) {
     fCallback = callback;
     releaseContext(&fContext);
     retainContext(&fContext, context);
@@ -264,20 +250,15 @@ void HalvoMethodInvocation::setCallback(HVMethodInvocationCallBackProcPtr callba
 
 void HalvoMethodInvocation::doCallback(HalvoResult *result) {
     // A second finish hands over no result; the callback runs once per result only.
-    if (!fCallback || !result)
-        return;
+    if (!fCallback || !result) return;
     fCallback(reinterpret_cast<HVMethodInvocationRef>(const_cast<void *>(fRtRef)), fContext.info,
               result->copyDictionary());
 }
 
 void HalvoMethodInvocation::populateAgreement(RtMutableDictionaryRef dict) {
     RtStringRef url = fServiceURL ? RtURLGetString(fServiceURL) : nullptr;
-    if (url)
-        RtDictionarySetValue(dict, RTSTR("ServiceURL"), url);
-    if (fParameterOrder)
-        RtDictionarySetValue(dict, RTSTR("ParamOrder"), fParameterOrder);
-    if (fParameters)
-        RtDictionarySetValue(dict, RTSTR("ParamValues"), fParameters);
-    if (fProperties)
-        RtDictionarySetValue(dict, RTSTR("Properties"), fProperties);
+    if (url) RtDictionarySetValue(dict, RTSTR("ServiceURL"), url);
+    if (fParameterOrder) RtDictionarySetValue(dict, RTSTR("ParamOrder"), fParameterOrder);
+    if (fParameters) RtDictionarySetValue(dict, RTSTR("ParamValues"), fParameters);
+    if (fProperties) RtDictionarySetValue(dict, RTSTR("Properties"), fProperties);
 }

@@ -6,7 +6,9 @@
 #include <cstdio>
 #include <vector>
 
-RtStringRef HalvoResult::isFaultKey() { return RTSTR("/kHVResultIsFault"); }
+RtStringRef HalvoResult::isFaultKey() {
+    return RTSTR("/kHVResultIsFault");
+}
 
 HalvoResult::HalvoResult() : fResult(newMutableDict()) {}
 
@@ -18,8 +20,7 @@ HalvoResult::~HalvoResult() {
 void HalvoResult::addToResult(RtStringRef key, RtTypeRef value) {
     // A NULL value (say, text a peer sent in an undecodable encoding) is skipped rather than
     // stored: a dictionary cannot hold one.
-    if (key && value)
-        RtDictionarySetValue(fResult, key, value);
+    if (key && value) RtDictionarySetValue(fResult, key, value);
 }
 
 void HalvoResult::addNumberToResult(RtStringRef key, int32_t number) {
@@ -28,7 +29,9 @@ void HalvoResult::addNumberToResult(RtStringRef key, int32_t number) {
     safeRtRelease(n);
 }
 
-void HalvoResult::becomeFault() { addToResult(isFaultKey(), kRtBooleanTrue); }
+void HalvoResult::becomeFault() {
+    addToResult(isFaultKey(), kRtBooleanTrue);
+}
 
 void HalvoResult::becomeFault(const RtStreamError &streamError) {
     becomeFault(RTSTR("Stream Error"), streamError);
@@ -49,7 +52,8 @@ void HalvoResult::becomeFault(RtStringRef message, const RtStreamError &streamEr
     safeRtRelease(extra);
 }
 
-void HalvoResult::becomeFault(RtStringRef faultString, int32_t faultCode, RtDataRef data, RtStringEncoding encoding) {
+void HalvoResult::becomeFault(RtStringRef faultString, int32_t faultCode, RtDataRef data,
+                              RtStringEncoding encoding) {
     becomeFault();
     setFaultString(faultString);
     setFaultCode(faultCode);
@@ -61,9 +65,13 @@ void HalvoResult::becomeFault(RtStringRef faultString, int32_t faultCode, RtData
     }
 }
 
-bool HalvoResult::isFault() const { return RtDictionaryGetValue(fResult, isFaultKey()) == kRtBooleanTrue; }
+bool HalvoResult::isFault() const {
+    return RtDictionaryGetValue(fResult, isFaultKey()) == kRtBooleanTrue;
+}
 
-RtDictionaryRef HalvoResult::copyDictionary() const { return RtDictionaryCreateCopy(kRtAllocatorDefault, fResult); }
+RtDictionaryRef HalvoResult::copyDictionary() const {
+    return RtDictionaryCreateCopy(kRtAllocatorDefault, fResult);
+}
 
 RtDictionaryRef HalvoResult::copyStreamErrorDict(RtStringRef message, RtIndex domain, int32_t error) {
     int32_t domain32 = static_cast<int32_t>(domain);
@@ -76,8 +84,7 @@ RtDictionaryRef HalvoResult::copyStreamErrorDict(RtStringRef message, RtIndex do
 
 void HalvoResult::validateDictionary(RtDictionaryRef dict) {
     RtIndex count = dict ? RtDictionaryGetCount(dict) : 0;
-    if (count <= 0)
-        return;
+    if (count <= 0) return;
     const void *smallKeys[16];
     const void *smallValues[16];
     std::vector<const void *> bigKeys, bigValues;

@@ -13,17 +13,14 @@ static const char kBase64Alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmno
 // partial line does not.
 static void _XMLPlistAppendDataUsingBase64(RtMutableDataRef buffer, RtDataRef data, int indent) {
     // A negative indent would make lines longer than 76; treat it as none.
-    if (indent < 0)
-        indent = 0;
-    if (indent > 8)
-        indent = 8;
+    if (indent < 0) indent = 0;
+    if (indent > 8) indent = 8;
     const size_t lineLength = static_cast<size_t>(76 - 4 * indent);
     const size_t tabs = static_cast<size_t>(indent / 2);
 
     const uint8_t *in = data ? RtDataGetBytePtr(data) : nullptr;
     size_t length = data ? static_cast<size_t>(RtDataGetLength(data)) : 0;
-    if (!in || length == 0)
-        return;
+    if (!in || length == 0) return;
 
     // The exact size is known in advance: write straight into the buffer's own bytes.
     size_t chars = (length + 2) / 3 * 4;
@@ -65,8 +62,7 @@ static void _XMLPlistAppendDataUsingBase64(RtMutableDataRef buffer, RtDataRef da
             out += tabs;
         }
         uint32_t v = uint32_t(in[i]) << 16;
-        if (rest == 2)
-            v |= uint32_t(in[i + 1]) << 8;
+        if (rest == 2) v |= uint32_t(in[i + 1]) << 8;
         out[0] = kBase64Alphabet[(v >> 18) & 63];
         out[1] = kBase64Alphabet[(v >> 12) & 63];
         out[2] = rest == 2 ? kBase64Alphabet[(v >> 6) & 63] : '=';
@@ -79,8 +75,8 @@ RtStringRef encodeBinaryData(RtDataRef data, int indent) {
     RtMutableDataRef buffer = RtDataCreateMutable(kRtAllocatorDefault, 0);
     _XMLPlistAppendDataUsingBase64(buffer, data, indent);
     // The text is ASCII by construction: read as Latin-1 it is the same string, without a check.
-    RtStringRef text = RtStringCreateWithBytes(kRtAllocatorDefault, RtDataGetBytePtr(buffer), RtDataGetLength(buffer),
-                                               kRtStringEncodingISOLatin1, false);
+    RtStringRef text = RtStringCreateWithBytes(kRtAllocatorDefault, RtDataGetBytePtr(buffer),
+                                               RtDataGetLength(buffer), kRtStringEncodingISOLatin1, false);
     RtRelease(buffer);
     return text;
 }
@@ -115,8 +111,7 @@ static RtDataRef __RtPLDataDecode(const uint8_t *bytes, const uint8_t *end) {
     size_t inLength = static_cast<size_t>(end - bytes);
     size_t capacity = inLength / 4 * 3 + 3;
     uint8_t *out = static_cast<uint8_t *>(malloc(capacity));
-    if (!out)
-        return nullptr;
+    if (!out) return nullptr;
     size_t outLength = 0;
     uint32_t acc = 0;
     int counted = 0; // characters in the current group
@@ -138,21 +133,17 @@ static RtDataRef __RtPLDataDecode(const uint8_t *bytes, const uint8_t *end) {
             }
         }
         int cls = table[*p++];
-        if (cls == kStop)
-            break;
+        if (cls == kStop) break;
         if (cls == kPad)
             padding++;
         else if (cls != kSpace)
             padding = 0;
-        if (cls < 0)
-            continue;
+        if (cls < 0) continue;
         acc = (acc << 6) | static_cast<uint32_t>(cls == kPad ? 0 : cls);
         if (++counted == 4) {
             out[outLength++] = static_cast<uint8_t>(acc >> 16);
-            if (padding < 2)
-                out[outLength++] = static_cast<uint8_t>(acc >> 8);
-            if (padding < 1)
-                out[outLength++] = static_cast<uint8_t>(acc);
+            if (padding < 2) out[outLength++] = static_cast<uint8_t>(acc >> 8);
+            if (padding < 1) out[outLength++] = static_cast<uint8_t>(acc);
             acc = 0;
             counted = 0;
         }
@@ -164,15 +155,14 @@ static RtDataRef __RtPLDataDecode(const uint8_t *bytes, const uint8_t *end) {
     if (outLength < capacity / 2) {
         // Mostly junk: give back what the output did not use.
         uint8_t *shrunk = static_cast<uint8_t *>(realloc(out, outLength));
-        if (shrunk)
-            out = shrunk;
+        if (shrunk) out = shrunk;
     }
-    return RtDataCreateWithBytesNoCopy(kRtAllocatorDefault, out, static_cast<RtIndex>(outLength), kRtAllocatorMalloc);
+    return RtDataCreateWithBytesNoCopy(kRtAllocatorDefault, out, static_cast<RtIndex>(outLength),
+                                       kRtAllocatorMalloc);
 }
 
 RtDataRef decodeBinaryData(RtStringRef text) {
-    if (!text)
-        return nullptr;
+    if (!text) return nullptr;
     RtIndex length = RtStringGetLength(text);
     const char *ascii = RtStringGetCStringPtr(text, kRtStringEncodingASCII);
     if (ascii) {
@@ -181,10 +171,10 @@ RtDataRef decodeBinaryData(RtStringRef text) {
     }
     // Not directly available: render as ASCII, refusing any other character.
     uint8_t *bytes = static_cast<uint8_t *>(malloc(length > 0 ? static_cast<size_t>(length) : 1));
-    if (!bytes)
-        return nullptr;
+    if (!bytes) return nullptr;
     RtIndex used = 0;
-    RtIndex converted = RtStringGetBytes(text, RtRangeMake(0, length), kRtStringEncodingASCII, 0, false, bytes, length, &used);
+    RtIndex converted = RtStringGetBytes(text, RtRangeMake(0, length), kRtStringEncodingASCII, 0, false,
+                                         bytes, length, &used);
     RtDataRef result = converted == length ? __RtPLDataDecode(bytes, bytes + used) : nullptr;
     free(bytes);
     return result;

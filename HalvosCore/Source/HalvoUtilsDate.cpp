@@ -21,8 +21,7 @@ static char *putUnsigned(char *out, unsigned value, int digits) {
 }
 
 void hvRtDateToISO8601String(char *buffer, RtIndex len, RtDateRef val, bool noDashes) {
-    if (!buffer || len <= 0)
-        return;
+    if (!buffer || len <= 0) return;
     if (!val) {
         buffer[0] = '\0';
         return;
@@ -34,11 +33,9 @@ void hvRtDateToISO8601String(char *buffer, RtIndex len, RtDateRef val, bool noDa
     unsigned second = gd.second > 0 ? static_cast<unsigned>(gd.second) : 0u;
     char text[80];
     char *p = putUnsigned(text, static_cast<unsigned>(gd.year), 4);
-    if (!noDashes)
-        *p++ = '-';
+    if (!noDashes) *p++ = '-';
     p = putUnsigned(p, static_cast<unsigned>(gd.month), 2);
-    if (!noDashes)
-        *p++ = '-';
+    if (!noDashes) *p++ = '-';
     p = putUnsigned(p, static_cast<unsigned>(gd.day), 2);
     *p++ = 'T';
     p = putUnsigned(p, static_cast<unsigned>(gd.hour), 2);
@@ -90,33 +87,22 @@ RtDateRef hvCreateDateFromISO8601(const char *p, RtIndex len) {
     double second = 0;
 
     do {
-        if (c.more())
-            year = c.read4SInt32();
-        if (c.peek() == '-')
-            c.i++;
-        if (c.more())
-            month = c.read2SInt8();
-        if (c.peek() == '-')
-            c.i++;
-        if (c.more())
-            day = c.read2SInt8();
+        if (c.more()) year = c.read4SInt32();
+        if (c.peek() == '-') c.i++;
+        if (c.more()) month = c.read2SInt8();
+        if (c.peek() == '-') c.i++;
+        if (c.more()) day = c.read2SInt8();
 
-        if (!c.more())
-            break; // a date alone
+        if (!c.more()) break; // a date alone
         char separator = c.take();
-        if (separator != 'T' && separator != 'Z')
-            break;
-        if (c.more())
-            hour = c.read2SInt8();
+        if (separator != 'T' && separator != 'Z') break;
+        if (c.more()) hour = c.read2SInt8();
         if (c.more() && c.take() == ':') {
-            if (c.more())
-                minute = c.read2SInt8();
-            if (c.more() && c.take() == ':')
-                second = c.read2SInt8();
+            if (c.more()) minute = c.read2SInt8();
+            if (c.more() && c.take() == ':') second = c.read2SInt8();
         }
         // After a "Z" separator, and at the end, there is no zone.
-        if (!c.more() || separator == 'Z')
-            break;
+        if (!c.more() || separator == 'Z') break;
 
         bool negative = false;
         if (c.peek() == '-') {
@@ -127,12 +113,10 @@ RtDateRef hvCreateDateFromISO8601(const char *p, RtIndex len) {
         }
         // A zone of two characters or fewer ("Z", "+05") is ignored. So a fraction such as
         // ".25" is read as a zone of 2 hours: deliberate, it is how this reader always behaved.
-        if (c.i + 2 >= c.len)
-            break;
+        if (c.i + 2 >= c.len) break;
         int8_t zoneHour = c.read2SInt8();
         int8_t zoneMinute = 0;
-        if (c.more() && c.take() == ':')
-            zoneMinute = c.read2SInt8();
+        if (c.more() && c.take() == ':') zoneMinute = c.read2SInt8();
         // The zone is added for "+" and subtracted for "-", the reverse of the usual reading:
         // "T10:00:00+02:00" is 12:00 GMT. Deliberate; peers depend on it.
         if (negative) {
@@ -161,8 +145,7 @@ RtStringRef isoEncodeDate(RtDateRef val, bool noDashes) {
 }
 
 RtDateRef isoDecodeDate(RtStringRef text) {
-    if (!text)
-        return nullptr;
+    if (!text) return nullptr;
     // The reader never looks further than about 25 characters, so the first 64 give the same
     // date as the whole text, without an allocation sized by the peer.
     char buffer[64];

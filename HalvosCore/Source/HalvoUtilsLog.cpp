@@ -10,37 +10,36 @@ int gHVDebugVerbose = 0;
 
 void hvInitStatics() {
     static bool sInitialized = false;
-    if (sInitialized)
-        return;
+    if (sInitialized) return;
     // The flag goes up before the environment is read, as the first creation expects.
     sInitialized = true;
     gHVDebug = getenv("HVDebug") != nullptr ? 1 : 0;
     gHVDebugVerbose = getenv("HVDebugVerbose") != nullptr ? 1 : 0;
 }
 
-RtStringRef hvCreateString(const char *format, va_list args) { return rtCreateString(format, args); }
+RtStringRef hvCreateString(const char *format, va_list args) {
+    return rtCreateString(format, args);
+}
 
 // Writes text in the default 8-bit encoding with "." for what it cannot hold; tagged lines get
 // "HV (pid): " in front and a line feed behind. The text is written by length, whole.
 static void writeLossyText(RtStringRef text, bool tagged) {
-    RtDataRef bytes = RtStringCreateExternalRepresentation(kRtAllocatorDefault, text, kRtStringEncodingDefault8Bit, '.');
+    RtDataRef bytes =
+        RtStringCreateExternalRepresentation(kRtAllocatorDefault, text, kRtStringEncodingDefault8Bit, '.');
     if (!bytes) {
         RtShow(text);
         return;
     }
     flockfile(stderr);
-    if (tagged)
-        fprintf(stderr, "HV (%d): ", static_cast<int>(getpid()));
+    if (tagged) fprintf(stderr, "HV (%d): ", static_cast<int>(getpid()));
     fwrite(RtDataGetBytePtr(bytes), 1, static_cast<size_t>(RtDataGetLength(bytes)), stderr);
-    if (tagged)
-        fputc('\n', stderr);
+    if (tagged) fputc('\n', stderr);
     funlockfile(stderr);
     RtRelease(bytes);
 }
 
 int _hvLogf(const char *format, ...) {
-    if (!gHVDebug || !format)
-        return 0;
+    if (!gHVDebug || !format) return 0;
     va_list args;
     va_start(args, format);
     RtStringRef text = rtCreateString(format, args);
@@ -53,8 +52,7 @@ int _hvLogf(const char *format, ...) {
 }
 
 void hvPrintf(RtStringRef format, ...) {
-    if (!format)
-        return;
+    if (!format) return;
     va_list args;
     va_start(args, format);
     RtStringRef text = RtStringCreateWithFormatAndArguments(kRtAllocatorDefault, nullptr, format, args);

@@ -27,25 +27,21 @@ const PerType *getTypeTable() {
 }
 
 HVTypeID HVGetHVTypeIDFromRtType(RtTypeRef val) {
-    if (!val)
-        return eHVUnknownType;
+    if (!val) return eHVUnknownType;
     const PerType *table = getTypeTable();
     RtTypeID type = RtGetTypeID(val);
     if (type == table[0].rtType)
         return RtNumberIsFloatType(static_cast<RtNumberRef>(val)) ? eHVDoubleType : eHVIntegerType;
     for (int row = 1; row < 8; row++)
-        if (table[row].rtType == type)
-            return table[row].hvType;
+        if (table[row].rtType == type) return table[row].hvType;
     return eHVUnknownType;
 }
 
 RtTypeID HVGetRtTypeIDFromHVTypeID(HVTypeID kind) {
     const PerType *table = getTypeTable();
-    if (kind == eHVIntegerType || kind == eHVDoubleType)
-        return table[0].rtType;
+    if (kind == eHVIntegerType || kind == eHVDoubleType) return table[0].rtType;
     for (int row = 1; row < 8; row++)
-        if (table[row].hvType == kind)
-            return table[row].rtType;
+        if (table[row].hvType == kind) return table[row].rtType;
     return 0;
 }
 
@@ -58,16 +54,28 @@ static RtDictionaryRef getQualifiedTypeNames() {
             int kind;
         };
         static const Row rows[] = {
-            {"nil", eHVNullType},         {"null", eHVNullType},           {"NULL", eHVNullType},
-            {"boolean", eHVBooleanType},  {"bool", eHVBooleanType},        {"i4", eHVIntegerType},
-            {"int", eHVIntegerType},      {"long", eHVIntegerType},        {"short", eHVIntegerType},
-            {"string", eHVStringType},    {"double", eHVDoubleType},       {"decimal", eHVDoubleType},
-            {"float", eHVDoubleType},     {"timeInstant", eHVDateType},    {"dateTime", eHVDateType},
-            {"base64", eHVDataType},      {"base64Binary", eHVDataType},   {"Array", eHVArrayType},
+            {"nil", eHVNullType},
+            {"null", eHVNullType},
+            {"NULL", eHVNullType},
+            {"boolean", eHVBooleanType},
+            {"bool", eHVBooleanType},
+            {"i4", eHVIntegerType},
+            {"int", eHVIntegerType},
+            {"long", eHVIntegerType},
+            {"short", eHVIntegerType},
+            {"string", eHVStringType},
+            {"double", eHVDoubleType},
+            {"decimal", eHVDoubleType},
+            {"float", eHVDoubleType},
+            {"timeInstant", eHVDateType},
+            {"dateTime", eHVDateType},
+            {"base64", eHVDataType},
+            {"base64Binary", eHVDataType},
+            {"Array", eHVArrayType},
             {"Dictionary", eHVDictionaryType},
         };
-        RtMutableDictionaryRef dict = RtDictionaryCreateMutable(kRtAllocatorDefault, 0, &kRtTypeDictionaryKeyCallBacks,
-                                                                &kRtTypeDictionaryValueCallBacks);
+        RtMutableDictionaryRef dict = RtDictionaryCreateMutable(
+            kRtAllocatorDefault, 0, &kRtTypeDictionaryKeyCallBacks, &kRtTypeDictionaryValueCallBacks);
         for (const Row &row : rows) {
             RtNumberRef kind = RtNumberCreate(kRtAllocatorDefault, kRtNumberIntType, &row.kind);
             // Process-wide like the table itself: never freed, not counted among live objects.
@@ -84,7 +92,8 @@ bool burstFakeQName(RtStringRef name, RtStringRef *localName) {
     RtRange colon = RtStringFind(name, RTSTR(":"), kRtCompareBackwards);
     if (colon.location != kRtNotFound && colon.location > 0) {
         RtIndex start = colon.location + 1;
-        *localName = RtStringCreateWithSubstring(kRtAllocatorDefault, name, RtRangeMake(start, RtStringGetLength(name) - start));
+        *localName = RtStringCreateWithSubstring(kRtAllocatorDefault, name,
+                                                 RtRangeMake(start, RtStringGetLength(name) - start));
         return true;
     }
     *localName = static_cast<RtStringRef>(RtRetain(name));
@@ -92,15 +101,14 @@ bool burstFakeQName(RtStringRef name, RtStringRef *localName) {
 }
 
 HVTypeID HVQualifiedtoHVType(RtStringRef namespaceString, RtStringRef typeString) {
-    if (!typeString)
-        return eHVUnknownType;
+    if (!typeString) return eHVUnknownType;
     if (rtstrEquivilent(namespaceString, HV_SOAP_1999_SCHEMA_NAMESPACE) ||
         rtstrEquivilent(namespaceString, HV_SOAP_2001_SCHEMA_NAMESPACE) ||
         rtstrEquivilent(namespaceString, HV_SOAP_2001_ENCODING_NAMESPACE)) {
-        RtNumberRef kind = static_cast<RtNumberRef>(RtDictionaryGetValue(getQualifiedTypeNames(), typeString));
+        RtNumberRef kind =
+            static_cast<RtNumberRef>(RtDictionaryGetValue(getQualifiedTypeNames(), typeString));
         int value = eHVUnknownType;
-        if (kind)
-            RtNumberGetValue(kind, kRtNumberIntType, &value);
+        if (kind) RtNumberGetValue(kind, kRtNumberIntType, &value);
         return static_cast<HVTypeID>(value);
     }
     RtStringRef localName = nullptr;
@@ -112,8 +120,7 @@ HVTypeID HVQualifiedtoHVType(RtStringRef namespaceString, RtStringRef typeString
                                           HV_SOAP_1999_ENCODING_NAMESPACE, HV_SOAP_2001_ENCODING_NAMESPACE};
         for (RtStringRef ns : namespaces) {
             result = HVQualifiedtoHVType(ns, localName);
-            if (result != eHVUnknownType)
-                break;
+            if (result != eHVUnknownType) break;
         }
     }
     safeRtRelease(localName);
@@ -124,11 +131,9 @@ HVTypeID HVQualifiedtoHVType(RtStringRef namespaceString, RtStringRef typeString
 
 int getDictNumber(RtDictionaryRef dict, RtStringRef key, int defaultValue) {
     RtTypeRef value = dict ? RtDictionaryGetValue(dict, key) : nullptr;
-    if (!value || RtGetTypeID(value) != RtNumberGetTypeID())
-        return defaultValue;
+    if (!value || RtGetTypeID(value) != RtNumberGetTypeID()) return defaultValue;
     int32_t result = 0;
-    if (!RtNumberGetValue(static_cast<RtNumberRef>(value), kRtNumberSInt32Type, &result))
-        return defaultValue;
+    if (!RtNumberGetValue(static_cast<RtNumberRef>(value), kRtNumberSInt32Type, &result)) return defaultValue;
     return result;
 }
 
@@ -138,8 +143,8 @@ RtNumberRef makeIntValueFromString(RtStringRef text) {
     RtIndex used = 0;
     if (text) {
         RtIndex length = RtStringGetLength(text);
-        RtStringGetBytes(text, RtRangeMake(0, length < 128 ? length : 128), kRtStringEncodingASCII, ' ', false,
-                         reinterpret_cast<uint8_t *>(buffer), 128, &used);
+        RtStringGetBytes(text, RtRangeMake(0, length < 128 ? length : 128), kRtStringEncodingASCII, ' ',
+                         false, reinterpret_cast<uint8_t *>(buffer), 128, &used);
     }
     buffer[used] = '\0';
     long long value = strtoll(buffer, nullptr, 0);

@@ -7,10 +7,8 @@
 #include <vector>
 
 bool rtstrEquivilent(RtStringRef a, RtStringRef b) {
-    if (a == b)
-        return true;
-    if (!a || !b)
-        return false;
+    if (a == b) return true;
+    if (!a || !b) return false;
     // The readers match every element name this way. Two ASCII strings are equal ignoring case
     // only at the same length, and then ASCII case folding decides, without the general compare.
     const char *pa = RtStringGetCStringPtr(a, kRtStringEncodingASCII);
@@ -41,13 +39,14 @@ void checkForXMLContent(RtHTTPMessageRef message, bool *knownXML, bool *possibly
     RtRelease(type);
 }
 
-static bool isQuote(RtUniChar c) { return c == '"' || c == '\''; }
+static bool isQuote(RtUniChar c) {
+    return c == '"' || c == '\'';
+}
 
 RtStringEncoding getResponseCharset(RtHTTPMessageRef message) {
     RtStringEncoding result = kRtStringEncodingUTF8;
     RtStringRef type = message ? RtHTTPMessageCopyHeaderFieldValue(message, RTSTR("Content-Type")) : nullptr;
-    if (!type)
-        return result;
+    if (!type) return result;
     RtRange found = RtStringFind(type, RTSTR("charset="), kRtCompareCaseInsensitive);
     if (found.location != kRtNotFound) {
         RtIndex length = RtStringGetLength(type);
@@ -61,12 +60,12 @@ RtStringEncoding getResponseCharset(RtHTTPMessageRef message) {
         while (start < end && isQuote(RtStringGetCharacterAtIndex(type, end - 1)))
             end--;
         if (start < end) {
-            RtStringRef name = RtStringCreateWithSubstring(kRtAllocatorDefault, type, RtRangeMake(start, end - start));
+            RtStringRef name =
+                RtStringCreateWithSubstring(kRtAllocatorDefault, type, RtRangeMake(start, end - start));
             result = RtStringConvertIANACharSetNameToEncoding(name);
             RtRelease(name);
             // An unknown name means ASCII, not UTF-8: deliberate.
-            if (result == kRtStringEncodingInvalidId)
-                result = kRtStringEncodingASCII;
+            if (result == kRtStringEncodingInvalidId) result = kRtStringEncodingASCII;
         }
     }
     RtRelease(type);
@@ -76,19 +75,16 @@ RtStringEncoding getResponseCharset(RtHTTPMessageRef message) {
 // ---- Finding and parsing --------------------------------------------------------------------
 
 RtIndex findXMLStart(RtDataRef data) {
-    if (!data)
-        return -1;
+    if (!data) return -1;
     const uint8_t *bytes = RtDataGetBytePtr(data);
     RtIndex length = RtDataGetLength(data);
-    if (!bytes || length < 5)
-        return -1;
+    if (!bytes || length < 5) return -1;
     // The whole "<?xml" must lie inside the data: the scan stops five bytes before the end.
     const uint8_t *p = bytes;
     const uint8_t *last = bytes + length - 5;
     while (p <= last) {
         p = static_cast<const uint8_t *>(memchr(p, '<', static_cast<size_t>(last - p) + 1));
-        if (!p)
-            break;
+        if (!p) break;
         if (p[1] == '?' && (p[2] | 0x20) == 'x' && (p[3] | 0x20) == 'm' && (p[4] | 0x20) == 'l')
             return p - bytes;
         p++;
@@ -99,8 +95,7 @@ RtIndex findXMLStart(RtDataRef data) {
 static int32_t errorDictInt(RtDictionaryRef dict, RtStringRef key) {
     RtNumberRef number = static_cast<RtNumberRef>(RtDictionaryGetValue(dict, key));
     int32_t value = -1;
-    if (!number || RtGetTypeID(number) != RtNumberGetTypeID())
-        return -1;
+    if (!number || RtGetTypeID(number) != RtNumberGetTypeID()) return -1;
     RtNumberGetValue(number, kRtNumberSInt32Type, &value);
     return value;
 }
@@ -147,23 +142,26 @@ RtTreeRef parseXML(RtDataRef xmlData, bool forceXML, RtStringEncoding charset, R
 
     RtDictionaryRef errorDict = nullptr;
     RtDataRef source = madeData ? madeData : xmlData;
-    RtTreeRef tree = drain ? RtXMLTreeCreateFromDataDraining(kRtAllocatorDefault, source, kRtXMLParserAllOptions, 1,
-                                                             drain, &errorDict)
+    RtTreeRef tree = drain ? RtXMLTreeCreateFromDataDraining(kRtAllocatorDefault, source,
+                                                             kRtXMLParserAllOptions, 1, drain, &errorDict)
                            : RtXMLTreeCreateFromDataWithError(kRtAllocatorDefault, source, nullptr,
                                                               kRtXMLParserAllOptions, 1, &errorDict);
     if (!tree) {
         // Printed whatever the debug switches say, and without a line feed: kept as it always was.
         hvPrintf(RTSTR("XML Parse error occurred: %@"), errorDict);
         if (errorDict) {
-            RtStringRef description = static_cast<RtStringRef>(RtDictionaryGetValue(errorDict, kRtXMLTreeErrorDescription));
+            RtStringRef description =
+                static_cast<RtStringRef>(RtDictionaryGetValue(errorDict, kRtXMLTreeErrorDescription));
             if (!description || RtGetTypeID(description) != RtStringGetTypeID())
                 description = RTSTR("Unknown parse error");
-            *errorString = RtStringCreateWithFormat(kRtAllocatorDefault, nullptr, RTSTR("%@ (line %d, pos %d, status %d)"),
-                                                    description, errorDictInt(errorDict, kRtXMLTreeErrorLineNumber),
+            *errorString = RtStringCreateWithFormat(kRtAllocatorDefault, nullptr,
+                                                    RTSTR("%@ (line %d, pos %d, status %d)"), description,
+                                                    errorDictInt(errorDict, kRtXMLTreeErrorLineNumber),
                                                     errorDictInt(errorDict, kRtXMLTreeErrorLocation),
                                                     errorDictInt(errorDict, kRtXMLTreeErrorStatusCode));
         } else {
-            *errorString = RtStringCreateCopy(kRtAllocatorDefault, RTSTR("Can't even create parser for errors"));
+            *errorString =
+                RtStringCreateCopy(kRtAllocatorDefault, RTSTR("Can't even create parser for errors"));
         }
     }
     safeRtRelease(errorDict);
@@ -173,7 +171,9 @@ RtTreeRef parseXML(RtDataRef xmlData, bool forceXML, RtStringEncoding charset, R
 
 // ---- Tree helpers ---------------------------------------------------------------------------
 
-RtXMLNodeRef treeGetNode(RtTreeRef tree) { return tree ? RtXMLTreeGetNode(tree) : nullptr; }
+RtXMLNodeRef treeGetNode(RtTreeRef tree) {
+    return tree ? RtXMLTreeGetNode(tree) : nullptr;
+}
 
 RtStringRef getElementName(RtTreeRef tree) {
     RtXMLNodeRef node = treeGetNode(tree);
@@ -182,8 +182,7 @@ RtStringRef getElementName(RtTreeRef tree) {
 
 const RtXMLElementInfo *treeGetElementInfo(RtTreeRef tree) {
     RtXMLNodeRef node = treeGetNode(tree);
-    if (!node || RtXMLNodeGetTypeCode(node) != kRtXMLNodeTypeElement)
-        return nullptr;
+    if (!node || RtXMLNodeGetTypeCode(node) != kRtXMLNodeTypeElement) return nullptr;
     return static_cast<const RtXMLElementInfo *>(RtXMLNodeGetInfoPtr(node));
 }
 
@@ -193,8 +192,7 @@ RtStringRef copyXMLStringFromTree(RtTreeRef tree) {
     RtMutableStringRef joined = nullptr;
     for (RtTreeRef t = tree; t; t = RtTreeGetNextSibling(t)) {
         RtXMLNodeRef node = RtXMLTreeGetNode(t);
-        if (!node)
-            break;
+        if (!node) break;
         RtXMLNodeTypeCode type = RtXMLNodeGetTypeCode(node);
         RtStringRef piece;
         if (type == kRtXMLNodeTypeText || type == kRtXMLNodeTypeCDATASection) {
@@ -206,37 +204,31 @@ RtStringRef copyXMLStringFromTree(RtTreeRef tree) {
                 _hvLogf("strange node in the middle of a string: %d\n", static_cast<int>(type));
             break;
         }
-        if (!piece)
-            break;
+        if (!piece) break;
         if (!first) {
             first = piece;
         } else {
-            if (!joined)
-                joined = RtStringCreateMutableCopy(kRtAllocatorDefault, 0, first);
+            if (!joined) joined = RtStringCreateMutableCopy(kRtAllocatorDefault, 0, first);
             RtStringAppend(joined, piece);
         }
     }
-    if (joined)
-        return joined;
+    if (joined) return joined;
     return first ? RtStringCreateCopy(kRtAllocatorDefault, first) : nullptr;
 }
 
 static bool nameMatches(RtStringRef elementName, RtStringRef name) {
-    if (!elementName)
-        return false;
-    if (rtstrEquivilent(elementName, name))
-        return true;
+    if (!elementName) return false;
+    if (rtstrEquivilent(elementName, name)) return true;
     RtRange colon = RtStringFind(elementName, RTSTR(":"), 0);
-    if (colon.location == kRtNotFound || !name)
-        return false;
+    if (colon.location == kRtNotFound || !name) return false;
     RtIndex localStart = colon.location + 1;
     RtRange local = RtRangeMake(localStart, RtStringGetLength(elementName) - localStart);
-    return RtStringCompareWithOptions(elementName, name, local, kRtCompareCaseInsensitive) == kRtCompareEqualTo;
+    return RtStringCompareWithOptions(elementName, name, local, kRtCompareCaseInsensitive) ==
+           kRtCompareEqualTo;
 }
 
 RtTreeRef findNamedElement(RtTreeRef tree, RtStringRef name) {
-    if (!tree)
-        return nullptr;
+    if (!tree) return nullptr;
     // Pre-order walk without recursion: down to the first child, else to the next sibling,
     // else up until an ancestor below tree has a next sibling.
     RtTreeRef t = RtTreeGetFirstChild(tree);
@@ -244,8 +236,7 @@ RtTreeRef findNamedElement(RtTreeRef tree, RtStringRef name) {
         RtXMLNodeRef node = RtXMLTreeGetNode(t);
         RtXMLNodeTypeCode type = node ? RtXMLNodeGetTypeCode(node) : static_cast<RtXMLNodeTypeCode>(0);
         if (type == kRtXMLNodeTypeElement) {
-            if (nameMatches(RtXMLNodeGetString(node), name))
-                return t;
+            if (nameMatches(RtXMLNodeGetString(node), name)) return t;
             RtTreeRef child = RtTreeGetFirstChild(t);
             if (child) {
                 t = child;
@@ -262,20 +253,18 @@ RtTreeRef findNamedElement(RtTreeRef tree, RtStringRef name) {
             }
             t = RtTreeGetParent(t);
         }
-        if (t == tree)
-            return nullptr;
+        if (t == tree) return nullptr;
     }
     return nullptr;
 }
 
 RtStringRef copyQualifiedName(RtStringRef name) {
-    if (!name)
-        return nullptr;
+    if (!name) return nullptr;
     RtRange colon = RtStringFind(name, RTSTR(":"), 0);
-    if (colon.location == kRtNotFound)
-        return nullptr;
+    if (colon.location == kRtNotFound) return nullptr;
     RtIndex start = colon.location + 1;
-    return RtStringCreateWithSubstring(kRtAllocatorDefault, name, RtRangeMake(start, RtStringGetLength(name) - start));
+    return RtStringCreateWithSubstring(kRtAllocatorDefault, name,
+                                       RtRangeMake(start, RtStringGetLength(name) - start));
 }
 
 RtStringRef getNodeType(RtXMLNodeRef node) {
@@ -319,16 +308,15 @@ RtStringRef getNodeType(RtXMLNodeRef node) {
 
 static void dumpAttributes(RtTreeRef tree, int level) {
     const RtXMLElementInfo *info = treeGetElementInfo(tree);
-    if (!info || !info->attributes || !info->attributeOrder)
-        return;
+    if (!info || !info->attributes || !info->attributeOrder) return;
     RtIndex count = RtArrayGetCount(info->attributeOrder);
-    if (count <= 0)
-        return;
+    if (count <= 0) return;
     hvPrintf(RTSTR("%@[ -- %d ATTRIBUTES --\n"), getIndentString(level), static_cast<int>(count));
     for (RtIndex i = 0; i < count; i++) {
         RtStringRef key = static_cast<RtStringRef>(RtArrayGetValueAtIndex(info->attributeOrder, i));
         if (key)
-            hvPrintf(RTSTR("%@{ %@: %@ }\n"), getIndentString(level + 1), key, RtDictionaryGetValue(info->attributes, key));
+            hvPrintf(RTSTR("%@{ %@: %@ }\n"), getIndentString(level + 1), key,
+                     RtDictionaryGetValue(info->attributes, key));
         else
             hvPrintf(RTSTR("%@{ null key at %d }\n"), getIndentString(level + 1), static_cast<int>(i));
     }
@@ -341,7 +329,8 @@ static void describeChild(RtTreeRef tree, int level) {
     RtStringRef typeName = getNodeType(node);
     if (!rtstrEquivilent(typeName, RTSTR("kRtXMLNodeTypeWhitespace"))) {
         hvPrintf(RTSTR("%@ - 0x%x: type %@, name %@\n"), getIndentString(level),
-                 static_cast<unsigned>(reinterpret_cast<uintptr_t>(node)), typeName, node ? RtXMLNodeGetString(node) : nullptr);
+                 static_cast<unsigned>(reinterpret_cast<uintptr_t>(node)), typeName,
+                 node ? RtXMLNodeGetString(node) : nullptr);
         dumpAttributes(tree, level + 2);
     }
     for (RtTreeRef child = RtTreeGetFirstChild(tree); child; child = RtTreeGetNextSibling(child))
@@ -349,8 +338,7 @@ static void describeChild(RtTreeRef tree, int level) {
 }
 
 void dumpXMLTree(RtTreeRef tree, int level) {
-    if (!tree)
-        return;
+    if (!tree) return;
     for (RtTreeRef child = RtTreeGetFirstChild(tree); child; child = RtTreeGetNextSibling(child))
         describeChild(child, level + 1);
 }
@@ -375,12 +363,14 @@ RtStringRef prettyPrintXML(RtDataRef data, RtStringEncoding encoding) {
     }
     RtStringRef text = RtStringCreateWithBytes(kRtAllocatorDefault, source, length, encoding, false);
     if (!text)
-        text = RtStringCreateWithBytes(kRtAllocatorDefault, source, length, kRtStringEncodingISOLatin1, false);
+        text =
+            RtStringCreateWithBytes(kRtAllocatorDefault, source, length, kRtStringEncodingISOLatin1, false);
     if (!text) {
         copySource();
         for (uint8_t &b : bytes)
             b &= 0x7F;
-        text = RtStringCreateWithBytes(kRtAllocatorDefault, bytes.data(), length, kRtStringEncodingASCII, false);
+        text =
+            RtStringCreateWithBytes(kRtAllocatorDefault, bytes.data(), length, kRtStringEncodingASCII, false);
     }
     return text;
 }

@@ -10,10 +10,8 @@
 
 RtStringRef getIANAString(RtStringEncoding encoding, RtStringEncoding *fallback) {
     RtStringRef name = RtStringConvertEncodingToIANACharSetName(encoding);
-    if (name)
-        return name;
-    if (fallback)
-        *fallback = kRtStringEncodingUTF8;
+    if (name) return name;
+    if (fallback) *fallback = kRtStringEncodingUTF8;
     return RTSTR("UTF-8");
 }
 
@@ -46,14 +44,12 @@ RtStringRef getIndentString(int level) {
 XMLBuffer::XMLBuffer(RtStringEncoding encoding) : fEncoding(encoding) {
     RtStringRef iana = getIANAString(fEncoding, &fEncoding);
     fBytesMode = fEncoding == kRtStringEncodingUTF8;
-    if (!fBytesMode)
-        fBuffer = RtStringCreateMutable(kRtAllocatorDefault, 0);
+    if (!fBytesMode) fBuffer = RtStringCreateMutable(kRtAllocatorDefault, 0);
     addTo(0, "<?xml version=\"1.0\" encoding=\"%@\"?>", iana);
 }
 
 XMLBuffer::~XMLBuffer() {
-    if (!fRendered)
-        std::free(fBytes);
+    if (!fRendered) std::free(fBytes);
     RtRelease(fRendered);
     RtRelease(fBuffer);
     RtRelease(fText);
@@ -63,24 +59,21 @@ bool XMLBuffer::reserveBytes(size_t extra) {
     if (fRendered) {
         // More lines after copyData: the handed-out block stays with its data; go on in a copy.
         char *copy = static_cast<char *>(std::malloc(fLength + extra));
-        if (!copy)
-            return false;
+        if (!copy) return false;
         std::memcpy(copy, fBytes, fLength);
         fBytes = copy;
         fCapacity = fLength + extra;
         RtRelease(fRendered);
         fRendered = nullptr;
     }
-    if (fCapacity - fLength >= extra)
-        return true;
+    if (fCapacity - fLength >= extra) return true;
     // Doubling; glibc grows a large block by remapping its pages, without copying them. The
     // first block is small enough for the allocator's per-thread cache: most requests fit it.
     size_t capacity = fCapacity ? fCapacity : 1024;
     while (capacity - fLength < extra)
         capacity *= 2;
     char *grown = static_cast<char *>(std::realloc(fBytes, capacity));
-    if (!grown)
-        return false;
+    if (!grown) return false;
     fBytes = grown;
     fCapacity = capacity;
     return true;
@@ -93,8 +86,7 @@ XMLBuffer::FormatEntry XMLBuffer::classifyFormat(RtStringRef format) {
     thread_local FormatEntry tFormats[64] = {};
     uintptr_t address = reinterpret_cast<uintptr_t>(format);
     FormatEntry &slot = tFormats[((address >> 4) ^ (address >> 9)) & 63];
-    if (slot.fFormat == format && format)
-        return slot;
+    if (slot.fFormat == format && format) return slot;
     FormatEntry entry{format, RtStringGetCStringPtr(format, kRtStringEncodingASCII), 0, 0};
     if (entry.fLiteral) {
         entry.fLength = size_t(RtStringGetLength(format));
@@ -106,8 +98,7 @@ XMLBuffer::FormatEntry XMLBuffer::classifyFormat(RtStringRef format) {
                           !std::memchr(percent + 2, '%', size_t(end - percent - 2));
             entry.fConversion = single ? percent[1] : 0;
             entry.fLength = size_t(percent - entry.fLiteral);
-            if (!single)
-                entry.fLiteral = nullptr;
+            if (!single) entry.fLiteral = nullptr;
         }
     }
     if (format && RtGetRetainCount(format) == 0x7FFFFFFF) // immortal
@@ -128,8 +119,9 @@ void XMLBuffer::appendLine(int level, RtStringRef format, va_list &args) {
         fText = nullptr;
     }
     // Indentation (getIndentString's count of spaces), the line and CRLF.
-    static const char kSpaces[32] = {' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ',
-                                     ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' '};
+    static const char kSpaces[32] = {' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ',
+                                     ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ',
+                                     ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' '};
     size_t indent = static_cast<unsigned>(level) < 15 ? size_t(level) * 2 : 30;
     // Most lines are constant markup ("<value>", "</member>"): a format without '%' is its own
     // text, and is copied without running the formatter; so is the text around a lone %@ or %d.
@@ -152,8 +144,7 @@ void XMLBuffer::appendLine(int level, RtStringRef format, va_list &args) {
                 *--p = char('0' + magnitude % 10);
                 magnitude /= 10;
             } while (magnitude);
-            if (v < 0)
-                *--p = '-';
+            if (v < 0) *--p = '-';
             value = p;
             valueLength = size_t(number + sizeof number - p);
         } else {
@@ -208,7 +199,9 @@ void XMLBuffer::appendLine(int level, RtStringRef format, va_list &args) {
     fBytes[fLength++] = '\n';
 }
 
-void XMLBuffer::addTo(int level, RtStringRef format, va_list &args) { appendLine(level, format, args); }
+void XMLBuffer::addTo(int level, RtStringRef format, va_list &args) {
+    appendLine(level, format, args);
+}
 
 void XMLBuffer::addTo(int level, RtStringRef format, ...) {
     va_list args;
@@ -228,33 +221,31 @@ void XMLBuffer::addTo(int level, const char *format, ...) {
 
 RtDataRef XMLBuffer::copyData() const {
     // No loss byte: a character the encoding cannot hold makes the whole document NULL.
-    if (!fBytesMode)
-        return RtStringCreateExternalRepresentation(kRtAllocatorDefault, fBuffer, fEncoding, 0);
-    if (fUnrepresentable)
-        return nullptr;
+    if (!fBytesMode) return RtStringCreateExternalRepresentation(kRtAllocatorDefault, fBuffer, fEncoding, 0);
+    if (fUnrepresentable) return nullptr;
     if (!fRendered) {
         // The block becomes the data's bytes, without a copy; the buffer only reads it from now on.
-        fRendered = RtDataCreateWithBytesNoCopy(kRtAllocatorDefault, reinterpret_cast<const uint8_t *>(fBytes),
-                                                RtIndex(fLength), kRtAllocatorMalloc);
-        if (!fRendered)
-            return nullptr;
+        fRendered =
+            RtDataCreateWithBytesNoCopy(kRtAllocatorDefault, reinterpret_cast<const uint8_t *>(fBytes),
+                                        RtIndex(fLength), kRtAllocatorMalloc);
+        if (!fRendered) return nullptr;
     }
     return static_cast<RtDataRef>(RtRetain(fRendered));
 }
 
 RtStringRef XMLBuffer::getString() const {
-    if (!fBytesMode)
-        return fBuffer;
+    if (!fBytesMode) return fBuffer;
     if (!fText)
-        fText = RtStringCreateWithBytes(kRtAllocatorDefault, reinterpret_cast<const uint8_t *>(fBytes), RtIndex(fLength),
-                                        kRtStringEncodingUTF8, false);
+        fText = RtStringCreateWithBytes(kRtAllocatorDefault, reinterpret_cast<const uint8_t *>(fBytes),
+                                        RtIndex(fLength), kRtStringEncodingUTF8, false);
     return fText;
 }
 
 // ---- Entities ---------------------------------------------------------------------------------
 
 //                                   entity name  character
-static const char *const kEntities[5][2] = {{"apos", "'"}, {"quot", "\""}, {"lt", "<"}, {"gt", ">"}, {"amp", "&"}};
+static const char *const kEntities[5][2] = {
+    {"apos", "'"}, {"quot", "\""}, {"lt", "<"}, {"gt", ">"}, {"amp", "&"}};
 
 // The five entities keyed by bare name, or by full reference ("&amp;") when fullReferences.
 static RtDictionaryRef makeEntityDict(bool fullReferences) {
@@ -265,8 +256,9 @@ static RtDictionaryRef makeEntityDict(bool fullReferences) {
         keys[i] = __RtStringMakeConstantString(key.c_str());
         values[i] = __RtStringMakeConstantString(kEntities[i][1]);
     }
-    RtDictionaryRef dict = RtDictionaryCreate(kRtAllocatorDefault, keys, values, 5, &kRtTypeDictionaryKeyCallBacks,
-                                              &kRtTypeDictionaryValueCallBacks);
+    RtDictionaryRef dict =
+        RtDictionaryCreate(kRtAllocatorDefault, keys, values, 5, &kRtTypeDictionaryKeyCallBacks,
+                           &kRtTypeDictionaryValueCallBacks);
     // A process-wide table: never freed, and not counted among live objects.
     RtRuntimeSetImmortal(dict);
     return dict;
@@ -283,24 +275,24 @@ RtDictionaryRef getTrueEntityToCharactersStringDict() {
 }
 
 static RtStringRef decodeWithTable(RtDictionaryRef table, RtStringRef name) {
-    if (!name)
-        return RTSTR("<<Unknown Escape>>");
+    if (!name) return RTSTR("<<Unknown Escape>>");
     RtStringRef character = static_cast<RtStringRef>(RtDictionaryGetValue(table, name));
-    if (character)
-        return character;
-    if (gHVDebugVerbose)
-        _hvLogf("unknown escape entity reference: %@", name);
+    if (character) return character;
+    if (gHVDebugVerbose) _hvLogf("unknown escape entity reference: %@", name);
     return RTSTR("<<Unknown Escape>>");
 }
 
-RtStringRef decodeEntityReference(RtStringRef name) { return decodeWithTable(getEntityToCharacterStringDict(), name); }
+RtStringRef decodeEntityReference(RtStringRef name) {
+    return decodeWithTable(getEntityToCharacterStringDict(), name);
+}
 
 RtStringRef decodeUnparsedEntityReference(RtStringRef reference) {
     return decodeWithTable(getTrueEntityToCharactersStringDict(), reference);
 }
 
 void findReplaceAll(RtMutableStringRef str, RtStringRef find, RtStringRef replacement) {
-    RtStringFindAndReplace(str, find, replacement, RtRangeMake(0, RtStringGetLength(str)), kRtCompareCaseInsensitive);
+    RtStringFindAndReplace(str, find, replacement, RtRangeMake(0, RtStringGetLength(str)),
+                           kRtCompareCaseInsensitive);
 }
 
 // The reference for one of the five characters, or NULL for any other character.
@@ -328,8 +320,7 @@ static inline bool isEntityChar(unsigned c) {
 // One pass gives the same text as replacing "&" first and then the other four characters in
 // turn: the references those replacements insert hold no character that is replaced later.
 RtMutableStringRef entityEncodeString(RtStringRef text) {
-    if (!text)
-        return nullptr;
+    if (!text) return nullptr;
     RtIndex length = RtStringGetLength(text);
     const char *ascii = RtStringGetCStringPtr(text, kRtStringEncodingASCII);
     if (ascii) {
@@ -337,8 +328,7 @@ RtMutableStringRef entityEncodeString(RtStringRef text) {
         RtIndex first = 0;
         while (first < length && !isEntityChar(static_cast<unsigned char>(ascii[first])))
             first++;
-        if (first == length)
-            return RtStringCreateMutableCopy(kRtAllocatorDefault, 0, text);
+        if (first == length) return RtStringCreateMutableCopy(kRtAllocatorDefault, 0, text);
         std::string out;
         out.reserve(static_cast<size_t>(length) + 64);
         out.append(ascii, static_cast<size_t>(first));
@@ -364,8 +354,7 @@ RtMutableStringRef entityEncodeString(RtStringRef text) {
         n = length - pos < kChunk ? length - pos : kChunk;
         RtStringGetCharacters(text, RtRangeMake(pos, n), in);
         // Never split a surrogate pair between two appends.
-        if (pos + n < length && in[n - 1] >= 0xD800 && in[n - 1] < 0xDC00)
-            n--;
+        if (pos + n < length && in[n - 1] >= 0xD800 && in[n - 1] < 0xDC00) n--;
         RtIndex used = 0;
         for (RtIndex i = 0; i < n; i++) {
             const char *ref = in[i] < 128 ? entityFor(in[i]) : nullptr;

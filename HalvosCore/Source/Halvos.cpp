@@ -56,8 +56,8 @@ RtBundleRef registerLibraryBundle() {
     static RtBundleRef sBundle = nullptr;
     if (!sBundle) {
         RtStringRef identifier = RTSTR(HV_BUNDLE_IDENTIFIER);
-        RtDictionaryRef info = rtTypeCreateDictionary(nullptr, kRtBundleIdentifierKey, identifier, kRtBundleVersionKey,
-                                                      RTSTR(HV_VERSION_STRING), nullptr);
+        RtDictionaryRef info = rtTypeCreateDictionary(nullptr, kRtBundleIdentifierKey, identifier,
+                                                      kRtBundleVersionKey, RTSTR(HV_VERSION_STRING), nullptr);
         sBundle = RtBundleRegister(identifier, info);
         safeRtRelease(info);
     }
@@ -71,9 +71,10 @@ static void prepareLibrary() {
 }
 
 HalvoMethodInvocation *createInvocationForProtocol(RtStringRef protocol, RtURLRef url, RtStringRef methodName,
-                                            RtDictionaryRef agreement) {
+                                                   RtDictionaryRef agreement) {
     if (protocol == kHVXMLRPCProtocol)
-        return agreement ? new XMLRPCHalvoMethodInvocation(agreement) : new XMLRPCHalvoMethodInvocation(url, methodName);
+        return agreement ? new XMLRPCHalvoMethodInvocation(agreement)
+                         : new XMLRPCHalvoMethodInvocation(url, methodName);
     if (protocol == kHVSOAP1999Protocol || protocol == kHVSOAP2001Protocol)
         return agreement ? new SOAPHalvoMethodInvocation(protocol, agreement)
                          : new SOAPHalvoMethodInvocation(protocol, url, methodName);
@@ -82,20 +83,22 @@ HalvoMethodInvocation *createInvocationForProtocol(RtStringRef protocol, RtURLRe
 
 // ---- Method invocations ----------------------------------------------------------------------
 
-RtTypeID HVMethodInvocationGetTypeID(void) { return OpaqueHVMethodInvocationRef::getTypeID(); }
+RtTypeID HVMethodInvocationGetTypeID(void) {
+    return OpaqueHVMethodInvocationRef::getTypeID();
+}
 
 HVMethodInvocationRef HVMethodInvocationCreate(RtURLRef url, RtStringRef methodName, RtStringRef protocol) {
     prepareLibrary();
-    if (!url || !protocol)
-        return nullptr;
-    return OpaqueHVMethodInvocationRef::create(createInvocationForProtocol(protocol, url, methodName, nullptr));
+    if (!url || !protocol) return nullptr;
+    return OpaqueHVMethodInvocationRef::create(
+        createInvocationForProtocol(protocol, url, methodName, nullptr));
 }
 
 HVMethodInvocationRef HVMethodInvocationCreateFromSerialization(RtDataRef contract) {
-    if (!contract)
-        return nullptr;
+    if (!contract) return nullptr;
     prepareLibrary();
-    RtTypeRef plist = RtPropertyListCreateFromXMLData(kRtAllocatorDefault, contract, kRtPropertyListImmutable, nullptr);
+    RtTypeRef plist =
+        RtPropertyListCreateFromXMLData(kRtAllocatorDefault, contract, kRtPropertyListImmutable, nullptr);
     if (RtGetTypeID(plist) != RtDictionaryGetTypeID()) {
         safeRtRelease(plist);
         return nullptr;
@@ -109,11 +112,9 @@ HVMethodInvocationRef HVMethodInvocationCreateFromSerialization(RtDataRef contra
 
 RtDataRef HVMethodInvocationCopySerialization(HVMethodInvocationRef invocation) {
     HalvoMethodInvocation *impl = OpaqueHVMethodInvocationRef::implOf(invocation);
-    if (!impl)
-        return nullptr;
+    if (!impl) return nullptr;
     RtDictionaryRef agreement = impl->copyAgreement();
-    if (!agreement)
-        return nullptr;
+    if (!agreement) return nullptr;
     RtDataRef data = RtPropertyListCreateXMLData(kRtAllocatorDefault, agreement);
     RtRelease(agreement);
     return data;
@@ -122,17 +123,14 @@ RtDataRef HVMethodInvocationCopySerialization(HVMethodInvocationRef invocation) 
 void HVMethodInvocationSetParameters(HVMethodInvocationRef invocation, RtDictionaryRef parameters,
                                      RtArrayRef paramOrder) {
     HalvoMethodInvocation *impl = OpaqueHVMethodInvocationRef::implOf(invocation);
-    if (!impl)
-        return;
+    if (!impl) return;
     impl->setParameters(parameters, paramOrder);
 }
 
 RtDictionaryRef HVMethodInvocationCopyParameters(HVMethodInvocationRef invocation, RtArrayRef *paramOrder) {
-    if (paramOrder)
-        *paramOrder = nullptr;
+    if (paramOrder) *paramOrder = nullptr;
     HalvoMethodInvocation *impl = OpaqueHVMethodInvocationRef::implOf(invocation);
-    if (!impl)
-        return nullptr;
+    if (!impl) return nullptr;
     RtDictionaryRef parameters = nullptr;
     impl->getParameters(&parameters, paramOrder);
     return parameters;
@@ -140,45 +138,38 @@ RtDictionaryRef HVMethodInvocationCopyParameters(HVMethodInvocationRef invocatio
 
 void HVMethodInvocationSetProperty(HVMethodInvocationRef invocation, RtStringRef propName, RtTypeRef value) {
     HalvoMethodInvocation *impl = OpaqueHVMethodInvocationRef::implOf(invocation);
-    if (!impl)
-        return;
+    if (!impl) return;
     impl->setProperty(propName, value);
 }
 
 RtTypeRef HVMethodInvocationCopyProperty(HVMethodInvocationRef invocation, RtStringRef propName) {
     HalvoMethodInvocation *impl = OpaqueHVMethodInvocationRef::implOf(invocation);
-    if (!impl)
-        return nullptr;
+    if (!impl) return nullptr;
     return safeRtRetain(impl->getProperty(propName));
 }
 
-void HVMethodInvocationSetCallBack(HVMethodInvocationRef invocation, HVMethodInvocationCallBackProcPtr clientCB,
-                                   HVClientContext *context) {
+void HVMethodInvocationSetCallBack(HVMethodInvocationRef invocation,
+                                   HVMethodInvocationCallBackProcPtr clientCB, HVClientContext *context) {
     HalvoMethodInvocation *impl = OpaqueHVMethodInvocationRef::implOf(invocation);
-    if (!impl)
-        return;
+    if (!impl) return;
     impl->setCallback(clientCB, context);
 }
 
 void HVMethodInvocationScheduleWithRunLoop(HVMethodInvocationRef invocation, RtRunLoopRef runLoop,
                                            RtStringRef runLoopMode) {
     HalvoMethodInvocation *impl = OpaqueHVMethodInvocationRef::implOf(invocation);
-    if (!impl)
-        return;
+    if (!impl) return;
     HVRunLoopSource *source = impl->getSource();
     // Signalled at once, so the call starts on the loop's next pass.
-    if (source && source->addToRunLoop(runLoop, runLoopMode) && source->getSource())
-        source->signal();
+    if (source && source->addToRunLoop(runLoop, runLoopMode) && source->getSource()) source->signal();
 }
 
 void HVMethodInvocationUnscheduleFromRunLoop(HVMethodInvocationRef invocation, RtRunLoopRef runLoop,
                                              RtStringRef runLoopMode) {
     HalvoMethodInvocation *impl = OpaqueHVMethodInvocationRef::implOf(invocation);
-    if (!impl)
-        return;
+    if (!impl) return;
     HVRunLoopSource *source = impl->getSource();
-    if (source)
-        source->removeFromRunLoop(runLoop, runLoopMode);
+    if (source) source->removeFromRunLoop(runLoop, runLoopMode);
 }
 
 // Stores the delivered result where Invoke waits for it.
@@ -188,8 +179,7 @@ static void _syncCallback(HVMethodInvocationRef, void *info, RtDictionaryRef res
 
 RtDictionaryRef HVMethodInvocationInvoke(HVMethodInvocationRef invocation) {
     HalvoMethodInvocation *impl = OpaqueHVMethodInvocationRef::implOf(invocation);
-    if (!impl)
-        return nullptr;
+    if (!impl) return nullptr;
     static const RtStringRef kHVSyncMode = RTSTR("HVSYNC");
     RtDictionaryRef result = nullptr;
     HVClientContext context = {0, &result, nullptr, nullptr, nullptr};
@@ -213,8 +203,7 @@ RtDictionaryRef HVMethodInvocationInvoke(HVMethodInvocationRef invocation) {
 }
 
 bool HVMethodResultIsFault(RtDictionaryRef methodResult) {
-    if (!methodResult)
-        return false;
+    if (!methodResult) return false;
     // Identity with the boolean true object: a number 1 is not a fault marker.
     return RtDictionaryGetValue(methodResult, HalvoResult::isFaultKey()) == kRtBooleanTrue;
 }
@@ -223,24 +212,23 @@ void HVMethodInvocationAddSerializationOverride(HVMethodInvocationRef invocation
                                                 HVMethodInvocationSerializationProcPtr serializationProc,
                                                 HVClientContext *serializationRefcon) {
     HalvoMethodInvocation *impl = OpaqueHVMethodInvocationRef::implOf(invocation);
-    if (!impl)
-        return;
+    if (!impl) return;
     impl->addSerializationOverride(objType, serializationProc, serializationRefcon);
 }
 
-void HVMethodInvocationAddDeserializationOverride(HVMethodInvocationRef invocation, RtStringRef typeNamespace,
-                                                  RtStringRef typeName,
-                                                  HVMethodInvocationDeserializationProcPtr deserializationProc,
-                                                  HVClientContext *deserializationRefcon) {
+void HVMethodInvocationAddDeserializationOverride(
+    HVMethodInvocationRef invocation, RtStringRef typeNamespace, RtStringRef typeName,
+    HVMethodInvocationDeserializationProcPtr deserializationProc, HVClientContext *deserializationRefcon) {
     HalvoMethodInvocation *impl = OpaqueHVMethodInvocationRef::implOf(invocation);
-    if (!impl)
-        return;
+    if (!impl) return;
     impl->addDeserializationOverride(typeNamespace, typeName, deserializationProc, deserializationRefcon);
 }
 
 // ---- Protocol handlers -----------------------------------------------------------------------
 
-RtTypeID HVProtocolHandlerGetTypeID(void) { return OpaqueHVProtocolHandlerRef::getTypeID(); }
+RtTypeID HVProtocolHandlerGetTypeID(void) {
+    return OpaqueHVProtocolHandlerRef::getTypeID();
+}
 
 HVProtocolHandlerRef HVProtocolHandlerCreate(RtAllocatorRef, RtStringRef protocol) {
     prepareLibrary();
@@ -254,10 +242,8 @@ HVProtocolHandlerRef HVProtocolHandlerCreate(RtAllocatorRef, RtStringRef protoco
 
 RtDictionaryRef HVProtocolHandlerCopyRequestDictionary(HVProtocolHandlerRef handler, RtDataRef data) {
     HVProtocolHandler *impl = OpaqueHVProtocolHandlerRef::implOf(handler);
-    if (!impl)
-        return nullptr;
-    if (!data)
-        return nullptr;
+    if (!impl) return nullptr;
+    if (!data) return nullptr;
     AutoString errorString; // the reason of a failure is not reported to the caller
     return impl->parsePostData(data, kRtStringEncodingUTF8, &errorString);
 }
@@ -265,10 +251,8 @@ RtDictionaryRef HVProtocolHandlerCopyRequestDictionary(HVProtocolHandlerRef hand
 RtDictionaryRef HVProtocolHandlerCopyReplyDictionary(HVProtocolHandlerRef handler, RtStringRef methodName,
                                                      RtDataRef data) {
     HVProtocolHandler *impl = OpaqueHVProtocolHandlerRef::implOf(handler);
-    if (!impl)
-        return nullptr;
-    if (!methodName || !data)
-        return nullptr;
+    if (!impl) return nullptr;
+    if (!methodName || !data) return nullptr;
     AutoString errorString;
     return impl->parseReplyData(methodName, data, kRtStringEncodingUTF8, &errorString);
 }
@@ -277,40 +261,35 @@ RtDataRef HVProtocolHandlerCopyRequestDocument(HVProtocolHandlerRef handler, RtS
                                                RtDictionaryRef methodParams, RtArrayRef methodParamOrder,
                                                RtDictionaryRef methodExtras) {
     HVProtocolHandler *impl = OpaqueHVProtocolHandlerRef::implOf(handler);
-    if (!impl)
-        return nullptr;
-    if (!methodName)
-        return nullptr;
+    if (!impl) return nullptr;
+    if (!methodName) return nullptr;
     return impl->createRequest(methodName, methodParams, methodParamOrder, methodExtras);
 }
 
 RtDataRef HVProtocolHandlerCopyReplyDocument(HVProtocolHandlerRef handler, RtDictionaryRef context,
                                              RtTypeRef returnValue) {
     HVProtocolHandler *impl = OpaqueHVProtocolHandlerRef::implOf(handler);
-    if (!impl)
-        return nullptr;
+    if (!impl) return nullptr;
     return impl->createReply(context, returnValue);
 }
 
 RtDataRef HVProtocolHandlerCopyFaultDocument(HVProtocolHandlerRef handler, RtDictionaryRef context,
                                              RtDictionaryRef faultDict) {
     HVProtocolHandler *impl = OpaqueHVProtocolHandlerRef::implOf(handler);
-    if (!impl)
-        return nullptr;
+    if (!impl) return nullptr;
     return impl->createFault(context, faultDict);
 }
 
-void HVProtocolHandlerSetProperty(HVProtocolHandlerRef handler, RtStringRef propertyName, RtTypeRef propertyValue) {
+void HVProtocolHandlerSetProperty(HVProtocolHandlerRef handler, RtStringRef propertyName,
+                                  RtTypeRef propertyValue) {
     HVProtocolHandler *impl = OpaqueHVProtocolHandlerRef::implOf(handler);
-    if (!impl)
-        return;
+    if (!impl) return;
     impl->setProperty(propertyName, propertyValue);
 }
 
 RtTypeRef HVProtocolHandlerCopyProperty(HVProtocolHandlerRef handler, RtStringRef propertyName) {
     HVProtocolHandler *impl = OpaqueHVProtocolHandlerRef::implOf(handler);
-    if (!impl)
-        return nullptr;
+    if (!impl) return nullptr;
     // Required behaviour: the value gains a reference nobody releases, and NULL is returned.
     safeRtRetain(impl->getProperty(propertyName));
     return nullptr;
@@ -320,8 +299,7 @@ void HVProtocolHandlerSetSerializationOverride(HVProtocolHandlerRef handler, RtT
                                                HVMethodInvocationSerializationProcPtr serializationProc,
                                                HVClientContext *context) {
     HVProtocolHandler *impl = OpaqueHVProtocolHandlerRef::implOf(handler);
-    if (!impl)
-        return;
+    if (!impl) return;
     impl->addSerializationOverride(objType, serializationProc, context);
 }
 
@@ -330,7 +308,6 @@ void HVProtocolHandlerSetDeserializationOverride(HVProtocolHandlerRef handler, R
                                                  HVMethodInvocationDeserializationProcPtr deserializationProc,
                                                  HVClientContext *context) {
     HVProtocolHandler *impl = OpaqueHVProtocolHandlerRef::implOf(handler);
-    if (!impl)
-        return;
+    if (!impl) return;
     impl->addDeserializationOverride(typeNamespace, typeName, deserializationProc, context);
 }

@@ -16,8 +16,7 @@ constexpr int kMaxDecodeDepth = 512;
 
 // Sets error to the formatted message unless an earlier one is already there.
 void setError(AutoString &error, const char *format, ...) {
-    if (!error.isNull())
-        return;
+    if (!error.isNull()) return;
     va_list args;
     va_start(args, format);
     RtStringRef message = rtCreateString(format, args);
@@ -27,13 +26,13 @@ void setError(AutoString &error, const char *format, ...) {
 }
 
 class DepthGuard {
-public:
+  public:
     explicit DepthGuard(int &depth) : fDepth(depth) { ++fDepth; }
     ~DepthGuard() { --fDepth; }
     DepthGuard(const DepthGuard &) = delete;
     DepthGuard &operator=(const DepthGuard &) = delete;
 
-private:
+  private:
     int &fDepth;
 };
 
@@ -58,8 +57,8 @@ RtTypeRef newDouble(RtStringRef text) {
 } // namespace
 
 SOAPDecoder::SOAPDecoder(SOAPProtocolHandler *handler, RtTreeRef body)
-    : fHandler(handler), fBody(body), fDepth(0), fIndexed(false), fResolved(), fRecentNames(), fRecentNameParts(),
-      fRecentNamespaces(), fRecentNamespaceKinds(), fRecentTypeKeys(), fRecentTypes() {}
+    : fHandler(handler), fBody(body), fDepth(0), fIndexed(false), fResolved(), fRecentNames(),
+      fRecentNameParts(), fRecentNamespaces(), fRecentNamespaceKinds(), fRecentTypeKeys(), fRecentTypes() {}
 
 SOAPDecoder::~SOAPDecoder() {
     for (ResolvedPrefix &slot : fResolved)
@@ -87,8 +86,7 @@ SOAPDecoder::~SOAPDecoder() {
 
 const SOAPDecoder::NameParts &SOAPDecoder::split(RtStringRef name) {
     size_t recent = recentSlot(name);
-    if (fRecentNames[recent] == name)
-        return *fRecentNameParts[recent];
+    if (fRecentNames[recent] == name) return *fRecentNameParts[recent];
     auto found = fNames.find(name);
     if (found != fNames.end()) {
         fRecentNames[recent] = name;
@@ -101,7 +99,8 @@ const SOAPDecoder::NameParts &SOAPDecoder::split(RtStringRef name) {
     // A colon in front counts as no prefix, as in xmlNamespaceQualify.
     if (colon != kRtNotFound && colon > 0) {
         parts.prefix = RtStringCreateWithSubstring(kRtAllocatorDefault, name, RtRangeMake(0, colon));
-        parts.local = RtStringCreateWithSubstring(kRtAllocatorDefault, name, RtRangeMake(colon + 1, length - colon - 1));
+        parts.local = RtStringCreateWithSubstring(kRtAllocatorDefault, name,
+                                                  RtRangeMake(colon + 1, length - colon - 1));
     } else {
         parts.local = static_cast<RtStringRef>(RtRetain(name));
     }
@@ -115,8 +114,8 @@ const SOAPDecoder::NameParts &SOAPDecoder::split(RtStringRef name) {
         parts.roles = eIdRole;
     // The same test as xmlGetElementNamespaces: "xmlns", or "xmlns:" and a prefix, in any case.
     if ((length == 5 && rtstrEquivilent(name, RTSTR("xmlns"))) ||
-        (length > 6 && RtStringCompareWithOptions(name, RTSTR("xmlns:"), RtRangeMake(0, 6), kRtCompareCaseInsensitive) ==
-                           kRtCompareEqualTo))
+        (length > 6 && RtStringCompareWithOptions(name, RTSTR("xmlns:"), RtRangeMake(0, 6),
+                                                  kRtCompareCaseInsensitive) == kRtCompareEqualTo))
         parts.roles |= eDeclarationRole;
     const NameParts &made = fNames.emplace(static_cast<RtStringRef>(RtRetain(name)), parts).first->second;
     fRecentNames[recent] = name;
@@ -131,8 +130,7 @@ RtStringRef SOAPDecoder::resolve(const NameParts &parts, const AutoDict &scope) 
     RtStringRef key = parts.prefix ? parts.prefix : RTSTR("__defaultNamespace");
     RtDictionaryRef dict = scope.getImmutableDict();
     ResolvedPrefix &slot = fResolved[(reinterpret_cast<uintptr_t>(key) >> 4) % kResolvedSlots];
-    if (slot.fPrefix == key && slot.fScope == dict)
-        return slot.fNamespace;
+    if (slot.fPrefix == key && slot.fScope == dict) return slot.fNamespace;
     RtStringRef ns = static_cast<RtStringRef>(scope.getValue(key));
     safeRtRetain(dict);
     safeRtRelease(slot.fScope);
@@ -141,11 +139,9 @@ RtStringRef SOAPDecoder::resolve(const NameParts &parts, const AutoDict &scope) 
 }
 
 unsigned SOAPDecoder::namespaceKind(RtStringRef ns) {
-    if (!ns)
-        return 0;
+    if (!ns) return 0;
     size_t recent = recentSlot(ns);
-    if (fRecentNamespaces[recent] == ns)
-        return fRecentNamespaceKinds[recent];
+    if (fRecentNamespaces[recent] == ns) return fRecentNamespaceKinds[recent];
     auto found = fNamespaceKinds.find(ns);
     if (found != fNamespaceKinds.end()) {
         fRecentNamespaces[recent] = ns;
@@ -162,8 +158,7 @@ unsigned SOAPDecoder::namespaceKind(RtStringRef ns) {
 }
 
 unsigned SOAPDecoder::attributeRoles(const RtXMLElementInfo *info) {
-    if (!info || !info->attributes || !info->attributeOrder)
-        return 0;
+    if (!info || !info->attributes || !info->attributeOrder) return 0;
     unsigned roles = 0;
     RtIndex count = RtArrayGetCount(info->attributeOrder);
     for (RtIndex i = 0; i < count; i++)
@@ -172,26 +167,23 @@ unsigned SOAPDecoder::attributeRoles(const RtXMLElementInfo *info) {
     return roles;
 }
 
-RtStringRef SOAPDecoder::getNodeAttribute(const RtXMLElementInfo *info, const AutoDict &scope, unsigned nsKinds,
-                                          unsigned role) {
-    if (!info || !info->attributes || !info->attributeOrder)
-        return nullptr;
+RtStringRef SOAPDecoder::getNodeAttribute(const RtXMLElementInfo *info, const AutoDict &scope,
+                                          unsigned nsKinds, unsigned role) {
+    if (!info || !info->attributes || !info->attributeOrder) return nullptr;
     RtIndex count = RtArrayGetCount(info->attributeOrder);
     for (RtIndex i = 0; i < count; i++) {
         RtStringRef name = static_cast<RtStringRef>(RtArrayGetValueAtIndex(info->attributeOrder, i));
-        if (!name)
-            continue;
+        if (!name) continue;
         const NameParts &parts = split(name);
-        if (!(parts.roles & role) || (nsKinds && !(namespaceKind(resolve(parts, scope)) & nsKinds)))
-            continue;
+        if (!(parts.roles & role) || (nsKinds && !(namespaceKind(resolve(parts, scope)) & nsKinds))) continue;
         return static_cast<RtStringRef>(RtDictionaryGetValue(info->attributes, name));
     }
     return nullptr;
 }
 
-RtStringRef SOAPDecoder::getSoapNodeAttribute(const RtXMLElementInfo *info, const AutoDict &scope, unsigned role) {
-    if (!info || !info->attributes || !info->attributeOrder)
-        return nullptr;
+RtStringRef SOAPDecoder::getSoapNodeAttribute(const RtXMLElementInfo *info, const AutoDict &scope,
+                                              unsigned role) {
+    if (!info || !info->attributes || !info->attributeOrder) return nullptr;
     // One walk for the three tries: a 1999 match wins outright, then the first 2001 match, then
     // the first in the default namespace (in any namespace when there is no default).
     RtStringRef in2001 = nullptr;
@@ -201,26 +193,21 @@ RtStringRef SOAPDecoder::getSoapNodeAttribute(const RtXMLElementInfo *info, cons
     RtIndex count = RtArrayGetCount(info->attributeOrder);
     for (RtIndex i = 0; i < count; i++) {
         RtStringRef name = static_cast<RtStringRef>(RtArrayGetValueAtIndex(info->attributeOrder, i));
-        if (!name)
-            continue;
+        if (!name) continue;
         const NameParts &parts = split(name);
-        if (!(parts.roles & role))
-            continue;
+        if (!(parts.roles & role)) continue;
         RtStringRef ns = resolve(parts, scope);
         unsigned kind = namespaceKind(ns);
-        if (kind & eXSI1999)
-            return static_cast<RtStringRef>(RtDictionaryGetValue(info->attributes, name));
+        if (kind & eXSI1999) return static_cast<RtStringRef>(RtDictionaryGetValue(info->attributes, name));
         if (kind & eXSI2001) {
-            if (!in2001)
-                in2001 = name;
+            if (!in2001) in2001 = name;
         } else if (!in2001 && !inDefault) {
             // Only needed while no 2001 match outranks it.
             if (!defaultKnown) {
                 defaultNS = static_cast<RtStringRef>(scope.getValue(RTSTR("__defaultNamespace")));
                 defaultKnown = true;
             }
-            if (!defaultNS || rtstrEquivilent(defaultNS, ns))
-                inDefault = name;
+            if (!defaultNS || rtstrEquivilent(defaultNS, ns)) inDefault = name;
         }
     }
     RtStringRef chosen = in2001 ? in2001 : inDefault;
@@ -238,8 +225,7 @@ const SOAPDecoder::TypeInfo &SOAPDecoder::typeInfo(RtStringRef type, const AutoD
     RtStringRef ns = resolve(split(type), scope);
     auto key = std::make_pair(type, ns);
     size_t recent = recentSlot(type, ns);
-    if (fRecentTypeKeys[recent] == key)
-        return *fRecentTypes[recent];
+    if (fRecentTypeKeys[recent] == key) return *fRecentTypes[recent];
     auto found = fTypes.find(key);
     if (found != fTypes.end()) {
         fRecentTypeKeys[recent] = key;
@@ -268,7 +254,8 @@ RtTypeRef SOAPDecoder::decodeTyped(RtTreeRef target, const RtXMLElementInfo *inf
                                    RtXMLNodeRef firstNode, const AutoDict &scope, AutoString &error) {
     // Without a declared type the shape decides, in the 2001 schema namespace.
     static const TypeInfo kImpliedArray = {eHVArrayType, RTSTR("http://www.w3.org/2001/XMLSchema|Array")};
-    static const TypeInfo kImpliedDictionary = {eHVDictionaryType, RTSTR("http://www.w3.org/2001/XMLSchema|Dictionary")};
+    static const TypeInfo kImpliedDictionary = {eHVDictionaryType,
+                                                RTSTR("http://www.w3.org/2001/XMLSchema|Dictionary")};
     static const TypeInfo kImpliedString = {eHVStringType, RTSTR("http://www.w3.org/2001/XMLSchema|string")};
 
     const TypeInfo *type;
@@ -290,8 +277,9 @@ RtTypeRef SOAPDecoder::decodeTyped(RtTreeRef target, const RtXMLElementInfo *inf
         value = RtRetain(kRtNull);
         break;
     case eHVBooleanType:
-        value = (!text || rtstrEquivilent(text, RTSTR("0")) || rtstrEquivilent(text, RTSTR("false"))) ? kRtBooleanFalse
-                                                                                                   : kRtBooleanTrue;
+        value = (!text || rtstrEquivilent(text, RTSTR("0")) || rtstrEquivilent(text, RTSTR("false")))
+                    ? kRtBooleanFalse
+                    : kRtBooleanTrue;
         RtRetain(value);
         break;
     case eHVIntegerType:
@@ -324,10 +312,8 @@ RtTypeRef SOAPDecoder::decodeTyped(RtTreeRef target, const RtXMLElementInfo *inf
 RtTypeRef SOAPDecoder::decodeFallback(RtTreeRef target, const RtXMLElementInfo *info, RtTreeRef firstChild,
                                       RtStringRef text, const TypeInfo &type, const AutoDict &scope,
                                       AutoString &error) {
-    if (gHVDebug)
-        _hvLogf("####: NOTE: couldn't short circuit for %@", type.qualified);
-    if (gHVDebugVerbose)
-        _hvLogf("parseSOAPType: got a type: %@", type.qualified);
+    if (gHVDebug) _hvLogf("####: NOTE: couldn't short circuit for %@", type.qualified);
+    if (gHVDebugVerbose) _hvLogf("parseSOAPType: got a type: %@", type.qualified);
 
     // The qualified form is split again at its first colon, the way the names of the document
     // are split; a namespace URI with a colon in it therefore finds no namespace here.
@@ -340,9 +326,11 @@ RtTypeRef SOAPDecoder::decodeFallback(RtTreeRef target, const RtXMLElementInfo *
             value = parseSOAPDictionary(target, scope, error);
         else if (rtstrEquivilent(local, RTSTR("Array")))
             value = parseSOAPArray(target, scope, error);
-        else if ((rtstrEquivilent(local, RTSTR("base64")) || rtstrEquivilent(local, RTSTR("base64Binary"))) && text)
+        else if ((rtstrEquivilent(local, RTSTR("base64")) || rtstrEquivilent(local, RTSTR("base64Binary"))) &&
+                 text)
             value = decodeBinaryData(text);
-    } else if (rtstrEquivilent(ns, HV_SOAP_1999_SCHEMA_NAMESPACE) || rtstrEquivilent(ns, HV_SOAP_2001_SCHEMA_NAMESPACE)) {
+    } else if (rtstrEquivilent(ns, HV_SOAP_1999_SCHEMA_NAMESPACE) ||
+               rtstrEquivilent(ns, HV_SOAP_2001_SCHEMA_NAMESPACE)) {
         if (rtstrEquivilent(local, RTSTR("string"))) {
             value = firstChild ? copyXMLStringFromTree(firstChild) : nullptr;
         } else if (text) {
@@ -357,24 +345,22 @@ RtTypeRef SOAPDecoder::decodeFallback(RtTreeRef target, const RtXMLElementInfo *
                 value = newDouble(text);
             } else if (rtstrEquivilent(local, RTSTR("timeInstant"))) {
                 value = isoDecodeDate(text);
-            } else if (rtstrEquivilent(local, RTSTR("base64")) || rtstrEquivilent(local, RTSTR("base64Binary"))) {
+            } else if (rtstrEquivilent(local, RTSTR("base64")) ||
+                       rtstrEquivilent(local, RTSTR("base64Binary"))) {
                 value = decodeBinaryData(text);
             }
         } else {
             setError(error, "No value for %@", local);
         }
     }
-    if (!value && isArray(info, scope))
-        value = parseSOAPArray(target, scope, error);
+    if (!value && isArray(info, scope)) value = parseSOAPArray(target, scope, error);
     // Deliberately unconditional: a single child's text replaces whatever was decoded above.
     if (RtTreeGetChildCount(target) == 1) {
         safeRtRelease(value);
         value = copyXMLStringFromTree(RtTreeGetFirstChild(target));
     }
-    if (!value)
-        value = parseSOAPDictionary(target, scope, error);
-    if (!value)
-        setError(error, "Don't know how to deserialize '%@' in namespace '%@'", local, ns);
+    if (!value) value = parseSOAPDictionary(target, scope, error);
+    if (!value) setError(error, "Don't know how to deserialize '%@' in namespace '%@'", local, ns);
     return value;
 }
 
@@ -402,7 +388,8 @@ RtTypeRef SOAPDecoder::parseSOAPType(RtTreeRef element, const AutoDict &scope, A
     RtTreeRef firstChild = RtTreeGetFirstChild(element);
     if (firstChild) {
         RtXMLNodeRef firstNode = RtXMLTreeGetNode(firstChild);
-        if (RtTypeRef value = fHandler->deserilizeOverride(firstChild, elementScope, nodeName(firstNode), fBody))
+        if (RtTypeRef value =
+                fHandler->deserilizeOverride(firstChild, elementScope, nodeName(firstNode), fBody))
             return value;
         return decodeTyped(element, info, firstChild, firstNode, elementScope, error);
     }
@@ -418,7 +405,8 @@ RtTypeRef SOAPDecoder::parseSOAPType(RtTreeRef element, const AutoDict &scope, A
 RtTypeRef SOAPDecoder::followReference(RtStringRef href, const AutoDict &scope, AutoString &error) {
     RtTreeRef target;
     if (RtStringGetLength(href) > 0 && RtStringGetCharacterAtIndex(href, 0) == '#') {
-        RtStringRef id = RtStringCreateWithSubstring(kRtAllocatorDefault, href, RtRangeMake(1, RtStringGetLength(href) - 1));
+        RtStringRef id = RtStringCreateWithSubstring(kRtAllocatorDefault, href,
+                                                     RtRangeMake(1, RtStringGetLength(href) - 1));
         target = findAnchor(id);
         RtRelease(id);
     } else {
@@ -435,8 +423,7 @@ RtTypeRef SOAPDecoder::followReference(RtStringRef href, const AutoDict &scope, 
     // A target is one value however often it is referenced: decoding it once keeps the work
     // linear in the document even when references fan out.
     auto done = fDecodedTargets.find(target);
-    if (done != fDecodedTargets.end())
-        return RtRetain(done->second);
+    if (done != fDecodedTargets.end()) return RtRetain(done->second);
 
     const RtXMLElementInfo *info = elementInfo(RtXMLTreeGetNode(target));
     std::optional<AutoDict> ownScope;
@@ -447,15 +434,14 @@ RtTypeRef SOAPDecoder::followReference(RtStringRef href, const AutoDict &scope, 
     enter(target);
     RtTypeRef value = decodeTyped(target, info, nullptr, nullptr, ownScope ? *ownScope : scope, error);
     leave();
-    if (value && error.isNull())
-        fDecodedTargets.emplace(target, RtRetain(value));
+    if (value && error.isNull()) fDecodedTargets.emplace(target, RtRetain(value));
     return value;
 }
 
 RtTypeRef SOAPDecoder::parseSOAPArray(RtTreeRef element, const AutoDict &scope, AutoString &error) {
-    if (gHVDebugVerbose)
-        _hvLogf("in parseSOAPArray\n");
-    RtMutableArrayRef array = RtArrayCreateMutable(kRtAllocatorDefault, RtTreeGetChildCount(element), &kRtTypeArrayCallBacks);
+    if (gHVDebugVerbose) _hvLogf("in parseSOAPArray\n");
+    RtMutableArrayRef array =
+        RtArrayCreateMutable(kRtAllocatorDefault, RtTreeGetChildCount(element), &kRtTypeArrayCallBacks);
     for (RtTreeRef child = RtTreeGetFirstChild(element); child; child = RtTreeGetNextSibling(child)) {
         RtTypeRef value = parseSOAPType(child, scope, error);
         if (!error.isNull()) {
@@ -471,11 +457,10 @@ RtTypeRef SOAPDecoder::parseSOAPArray(RtTreeRef element, const AutoDict &scope, 
 }
 
 RtTypeRef SOAPDecoder::parseSOAPDictionary(RtTreeRef element, const AutoDict &scope, AutoString &error) {
-    if (gHVDebugVerbose)
-        _hvLogf("in parseSOAPDictionary\n");
-    RtMutableDictionaryRef dict = RtDictionaryCreateMutable(kRtAllocatorDefault, RtTreeGetChildCount(element),
-                                                            &kRtCopyStringDictionaryKeyCallBacks,
-                                                            &kRtTypeDictionaryValueCallBacks);
+    if (gHVDebugVerbose) _hvLogf("in parseSOAPDictionary\n");
+    RtMutableDictionaryRef dict =
+        RtDictionaryCreateMutable(kRtAllocatorDefault, RtTreeGetChildCount(element),
+                                  &kRtCopyStringDictionaryKeyCallBacks, &kRtTypeDictionaryValueCallBacks);
     // Arrays this walk made to gather repeated names: nobody else holds them, so appending in
     // place is the same as replacing them by an appended copy, without the quadratic copying.
     std::unordered_set<RtTypeRef> gathered;
@@ -485,8 +470,7 @@ RtTypeRef SOAPDecoder::parseSOAPDictionary(RtTreeRef element, const AutoDict &sc
             safeRtRelease(value);
             break;
         }
-        if (!value)
-            continue;
+        if (!value) continue;
         RtStringRef name = nodeName(RtXMLTreeGetNode(child));
         RtTypeRef earlier = RtDictionaryGetValue(dict, name);
         if (!earlier) {
@@ -521,21 +505,17 @@ void SOAPDecoder::buildAnchorIndex() {
     AutoDict anyScope;
     for (RtTreeRef child = RtTreeGetFirstChild(fBody); child; child = RtTreeGetNextSibling(child)) {
         RtStringRef id = getNodeAttribute(elementInfo(RtXMLTreeGetNode(child)), anyScope, 0, eIdRole);
-        if (!id)
-            continue;
+        if (!id) continue;
         // Only the first child with a given id (ignoring case) can ever be found.
-        if (findAnchor(id))
-            continue;
+        if (findAnchor(id)) continue;
         fAnchors.emplace(RtStringHashCaseInsensitive(id), std::make_pair(id, child));
     }
 }
 
 RtTreeRef SOAPDecoder::findAnchor(RtStringRef id) {
-    if (!fIndexed)
-        buildAnchorIndex();
+    if (!fIndexed) buildAnchorIndex();
     auto range = fAnchors.equal_range(RtStringHashCaseInsensitive(id));
     for (auto it = range.first; it != range.second; ++it)
-        if (rtstrEquivilent(it->second.first, id))
-            return it->second.second;
+        if (rtstrEquivilent(it->second.first, id)) return it->second.second;
     return nullptr;
 }

@@ -26,8 +26,7 @@ struct FaultContext {
 RtStringRef _parseFaultCode(RtTreeRef tree, RtXMLNodeRef, const AutoDict &, void *refcon) {
     RtTreeRef first = RtTreeGetFirstChild(tree);
     RtStringRef text = first ? RtXMLNodeGetString(RtXMLTreeGetNode(first)) : nullptr;
-    if (!text)
-        return RTSTR("Can't parse <faultcode>");
+    if (!text) return RTSTR("Can't parse <faultcode>");
     // A qualified code such as "SOAP-ENV:Client" reads as 0, which becomes -1.
     int32_t code = RtStringGetIntValue(text);
     static_cast<FaultContext *>(refcon)->fCode = code ? code : -1;
@@ -36,8 +35,7 @@ RtStringRef _parseFaultCode(RtTreeRef tree, RtXMLNodeRef, const AutoDict &, void
 
 RtStringRef _parseFaultString(RtTreeRef tree, RtXMLNodeRef, const AutoDict &, void *refcon) {
     RtTreeRef first = RtTreeGetFirstChild(tree);
-    if (!first)
-        return RTSTR("Can't parse <faultstring>");
+    if (!first) return RTSTR("Can't parse <faultstring>");
     AutoString text;
     *text.getStringPtr() = copyXMLStringFromTree(first);
     static_cast<FaultContext *>(refcon)->fFaultString.setString(text.getString());
@@ -45,32 +43,31 @@ RtStringRef _parseFaultString(RtTreeRef tree, RtXMLNodeRef, const AutoDict &, vo
 }
 
 RtStringRef _parseFault(RtTreeRef tree, RtXMLNodeRef, const AutoDict &scope, void *refcon) {
-    if (gHVDebugVerbose)
-        _hvLogf("in _parseFault\n");
+    if (gHVDebugVerbose) _hvLogf("in _parseFault\n");
     auto *context = static_cast<ReplyContext *>(refcon);
     FaultContext fault;
-    //                                 namespace                         local name            handler            context
-    const XMLElementInterrogator rows[] = {{HV_SOAP_1999_ENVELOPE_NAMESPACE, RTSTR("faultcode"), _parseFaultCode, &fault},
-                                           {HV_SOAP_1999_ENVELOPE_NAMESPACE, RTSTR("faultstring"), _parseFaultString, &fault},
-                                           {HV_SOAP_2001_ENVELOPE_NAMESPACE, RTSTR("faultcode"), _parseFaultCode, &fault},
-                                           {HV_SOAP_2001_ENVELOPE_NAMESPACE, RTSTR("faultstring"), _parseFaultString, &fault},
-                                           {nullptr, RTSTR("faultcode"), _parseFaultCode, &fault},
-                                           {nullptr, RTSTR("faultstring"), _parseFaultString, &fault}};
+    //                                 namespace                         local name            handler context
+    const XMLElementInterrogator rows[] = {
+        {HV_SOAP_1999_ENVELOPE_NAMESPACE, RTSTR("faultcode"), _parseFaultCode, &fault},
+        {HV_SOAP_1999_ENVELOPE_NAMESPACE, RTSTR("faultstring"), _parseFaultString, &fault},
+        {HV_SOAP_2001_ENVELOPE_NAMESPACE, RTSTR("faultcode"), _parseFaultCode, &fault},
+        {HV_SOAP_2001_ENVELOPE_NAMESPACE, RTSTR("faultstring"), _parseFaultString, &fault},
+        {nullptr, RTSTR("faultcode"), _parseFaultCode, &fault},
+        {nullptr, RTSTR("faultstring"), _parseFaultString, &fault}};
     AutoString error;
     *error.getStringPtr() = xmlInterrogateElements(tree, scope, rows, 6, nullptr);
     if (!error.isNull()) {
         fault.fCode = HalvoResult::kTransportError;
         fault.fFaultString.setString(error.getString());
     }
-    if (fault.fFaultString.isNull())
-        fault.fFaultString.setString(RTSTR("Server Fault"));
-    context->fResult->becomeFault(fault.fFaultString.getString(), fault.fCode, nullptr, kRtStringEncodingUTF8);
+    if (fault.fFaultString.isNull()) fault.fFaultString.setString(RTSTR("Server Fault"));
+    context->fResult->becomeFault(fault.fFaultString.getString(), fault.fCode, nullptr,
+                                  kRtStringEncodingUTF8);
     return nullptr;
 }
 
 RtStringRef _parseMethodReply(RtTreeRef tree, RtXMLNodeRef, const AutoDict &scope, void *refcon) {
-    if (gHVDebugVerbose)
-        _hvLogf("in _parseMethodReply\n");
+    if (gHVDebugVerbose) _hvLogf("in _parseMethodReply\n");
     auto *context = static_cast<ReplyContext *>(refcon);
     SOAPDecoder *decoder = context->fDecoder.get();
     HalvoResult *result = context->fResult;
@@ -78,11 +75,11 @@ RtStringRef _parseMethodReply(RtTreeRef tree, RtXMLNodeRef, const AutoDict &scop
     AutoDict parameters(newMutableDict());
     AutoString error;
     decoder->enter(tree);
-    for (RtTreeRef child = RtTreeGetFirstChild(tree); child && error.isNull(); child = RtTreeGetNextSibling(child)) {
+    for (RtTreeRef child = RtTreeGetFirstChild(tree); child && error.isNull();
+         child = RtTreeGetNextSibling(child)) {
         RtTypeRef value = decoder->parseSOAPType(child, scope, error);
         // A later parameter of the same name replaces an earlier one.
-        if (error.isNull())
-            parameters.addValue(getElementName(child), value);
+        if (error.isNull()) parameters.addValue(getElementName(child), value);
         safeRtRelease(value);
     }
     decoder->leave();
@@ -115,19 +112,18 @@ RtStringRef _parseMethodReply(RtTreeRef tree, RtXMLNodeRef, const AutoDict &scop
 }
 
 RtStringRef _parseSOAPHeader(RtTreeRef tree, RtXMLNodeRef, const AutoDict &, void *refcon) {
-    if (gHVDebugVerbose)
-        _hvLogf("in _parseSOAPHeader\n");
+    if (gHVDebugVerbose) _hvLogf("in _parseSOAPHeader\n");
     AutoArray headers;
     for (RtTreeRef child = RtTreeGetFirstChild(tree); child; child = RtTreeGetNextSibling(child))
         headers.appendValue(child);
     if (headers.getCount() > 0)
-        static_cast<ReplyContext *>(refcon)->fResult->addToResult(kHVSOAPMessageHeaders, headers.getImmutableArray());
+        static_cast<ReplyContext *>(refcon)->fResult->addToResult(kHVSOAPMessageHeaders,
+                                                                  headers.getImmutableArray());
     return nullptr;
 }
 
 RtStringRef _parseSOAPBody(RtTreeRef tree, RtXMLNodeRef, const AutoDict &scope, void *refcon) {
-    if (gHVDebugVerbose)
-        _hvLogf("in _parseSOAPBody\n");
+    if (gHVDebugVerbose) _hvLogf("in _parseSOAPBody\n");
     auto *context = static_cast<ReplyContext *>(refcon);
     context->fBody = tree;
     context->fDecoder.reset(new SOAPDecoder(context->fHandler, tree));
@@ -135,25 +131,26 @@ RtStringRef _parseSOAPBody(RtTreeRef tree, RtXMLNodeRef, const AutoDict &scope, 
     AutoString response("%@Response", context->fMethodName);
     RtStringRef name = context->fMethodName;
     // Each child is dispatched on its own: a fault and a response are both read, in order.
-    //                                 namespace                        local name          handler            context
-    const XMLElementInterrogator rows[] = {{HV_SOAP_1999_ENVELOPE_NAMESPACE, RTSTR("Fault"), _parseFault, context},
-                                           {HV_SOAP_2001_ENVELOPE_NAMESPACE, RTSTR("Fault"), _parseFault, context},
-                                           {methodNS, response.getString(), _parseMethodReply, context},
-                                           {methodNS, name, _parseMethodReply, context},
-                                           {nullptr, response.getString(), _parseMethodReply, context},
-                                           {nullptr, name, _parseMethodReply, context}};
+    //                                 namespace                        local name          handler context
+    const XMLElementInterrogator rows[] = {
+        {HV_SOAP_1999_ENVELOPE_NAMESPACE, RTSTR("Fault"), _parseFault, context},
+        {HV_SOAP_2001_ENVELOPE_NAMESPACE, RTSTR("Fault"), _parseFault, context},
+        {methodNS, response.getString(), _parseMethodReply, context},
+        {methodNS, name, _parseMethodReply, context},
+        {nullptr, response.getString(), _parseMethodReply, context},
+        {nullptr, name, _parseMethodReply, context}};
     return xmlInterrogateElements(tree, scope, rows, 6, nullptr);
 }
 
 RtStringRef _parseSOAPEnvelope(RtTreeRef tree, RtXMLNodeRef, const AutoDict &scope, void *refcon) {
-    if (gHVDebugVerbose)
-        _hvLogf("in _parseSOAPEnvelope\n");
+    if (gHVDebugVerbose) _hvLogf("in _parseSOAPEnvelope\n");
     // Header and Body must be in the envelope namespace: no any-namespace rows here.
-    //                                 namespace                        local name           handler           context
-    const XMLElementInterrogator rows[] = {{HV_SOAP_1999_ENVELOPE_NAMESPACE, RTSTR("Header"), _parseSOAPHeader, refcon},
-                                           {HV_SOAP_1999_ENVELOPE_NAMESPACE, RTSTR("Body"), _parseSOAPBody, refcon},
-                                           {HV_SOAP_2001_ENVELOPE_NAMESPACE, RTSTR("Header"), _parseSOAPHeader, refcon},
-                                           {HV_SOAP_2001_ENVELOPE_NAMESPACE, RTSTR("Body"), _parseSOAPBody, refcon}};
+    //                                 namespace                        local name           handler context
+    const XMLElementInterrogator rows[] = {
+        {HV_SOAP_1999_ENVELOPE_NAMESPACE, RTSTR("Header"), _parseSOAPHeader, refcon},
+        {HV_SOAP_1999_ENVELOPE_NAMESPACE, RTSTR("Body"), _parseSOAPBody, refcon},
+        {HV_SOAP_2001_ENVELOPE_NAMESPACE, RTSTR("Header"), _parseSOAPHeader, refcon},
+        {HV_SOAP_2001_ENVELOPE_NAMESPACE, RTSTR("Body"), _parseSOAPBody, refcon}};
     return xmlInterrogateElements(tree, scope, rows, 4, nullptr);
 }
 
@@ -166,19 +163,18 @@ void makeRootScope(RtTreeRef document, RtStringRef methodNamespace, AutoDict &sc
 }
 
 void SOAPProtocolHandler::parseReply(HalvoResult *result, RtStringRef methodName, RtTreeRef tree) {
-    if (gHVDebugVerbose)
-        dumpXMLTree(tree, 0);
+    if (gHVDebugVerbose) dumpXMLTree(tree, 0);
     AutoDict scope;
     makeRootScope(tree, getMethodNamespace(), scope);
     ReplyContext context = {this, methodName, result, nullptr, nullptr};
     // A root that is not a SOAP 1.1 Envelope matches no row: no value and no fault.
-    //                                 namespace                        local name             handler             context
-    const XMLElementInterrogator rows[] = {{HV_SOAP_1999_ENVELOPE_NAMESPACE, RTSTR("Envelope"), _parseSOAPEnvelope, &context},
-                                           {HV_SOAP_2001_ENVELOPE_NAMESPACE, RTSTR("Envelope"), _parseSOAPEnvelope, &context}};
+    //                                 namespace                        local name             handler context
+    const XMLElementInterrogator rows[] = {
+        {HV_SOAP_1999_ENVELOPE_NAMESPACE, RTSTR("Envelope"), _parseSOAPEnvelope, &context},
+        {HV_SOAP_2001_ENVELOPE_NAMESPACE, RTSTR("Envelope"), _parseSOAPEnvelope, &context}};
     AutoString error;
     *error.getStringPtr() = xmlInterrogateElements(tree, scope, rows, 2, nullptr);
-    if (!error.isNull() && !result->isFault())
-        result->becomeFault(error.getString(), kSOAPParseStreamError);
+    if (!error.isNull() && !result->isFault()) result->becomeFault(error.getString(), kSOAPParseStreamError);
 }
 
 void SOAPHalvoMethodInvocation::parseReply(HalvoResult *result, RtTreeRef tree) {
@@ -187,8 +183,8 @@ void SOAPHalvoMethodInvocation::parseReply(HalvoResult *result, RtTreeRef tree) 
     handler.parseReply(result, fMethodName, tree);
 }
 
-RtDictionaryRef SOAPProtocolHandler::parseReplyData(RtStringRef methodName, RtDataRef data, RtStringEncoding encoding,
-                                                    AutoString *errorString) {
+RtDictionaryRef SOAPProtocolHandler::parseReplyData(RtStringRef methodName, RtDataRef data,
+                                                    RtStringEncoding encoding, AutoString *errorString) {
     HalvoResult result;
     AutoString localError;
     AutoString *error = errorString ? errorString : &localError;
@@ -198,7 +194,8 @@ RtDictionaryRef SOAPProtocolHandler::parseReplyData(RtStringRef methodName, RtDa
         parseReply(&result, methodName, tree);
         RtRelease(tree);
     } else {
-        result.becomeFault(error->isNull() ? RTSTR("Could not parse XML.") : error->getString(), kSOAPParseStreamError);
+        result.becomeFault(error->isNull() ? RTSTR("Could not parse XML.") : error->getString(),
+                           kSOAPParseStreamError);
     }
     return result.copyDictionary();
 }

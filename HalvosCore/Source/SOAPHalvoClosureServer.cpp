@@ -3,7 +3,6 @@
 #include "HalvoResult.h"
 #include "SOAPCodec.h"
 
-
 namespace {
 
 // What the request tables share (their refcon): the handler, the request dictionary being
@@ -15,26 +14,24 @@ struct RequestContext {
 };
 
 RtStringRef _parseReqSOAPHeader(RtTreeRef tree, RtXMLNodeRef, const AutoDict &, void *refcon) {
-    if (gHVDebugVerbose)
-        _hvLogf("in _parseReqSOAPHeader\n");
+    if (gHVDebugVerbose) _hvLogf("in _parseReqSOAPHeader\n");
     static_cast<RequestContext *>(refcon)->fRequest->addValue(kHVSOAPMessageHeaders, tree);
     return nullptr;
 }
 
 RtStringRef _parseReqSOAPBody(RtTreeRef tree, RtXMLNodeRef, const AutoDict &scope, void *refcon) {
-    if (gHVDebugVerbose)
-        _hvLogf("in _parseReqSOAPBody\n");
+    if (gHVDebugVerbose) _hvLogf("in _parseReqSOAPBody\n");
     auto *context = static_cast<RequestContext *>(refcon);
     context->fBody = tree;
     RtTreeRef method = RtTreeGetFirstChild(tree);
-    if (!method)
-        return RTSTR("Body missing method");
+    if (!method) return RTSTR("Body missing method");
 
     AutoDict methodScope(scope);
     xmlGetElementNamespaces(method, methodScope);
     AutoString methodNS;
     AutoString methodName;
-    xmlNamespaceQualify(methodScope, getElementName(method), methodNS.getStringPtr(), methodName.getStringPtr());
+    xmlNamespaceQualify(methodScope, getElementName(method), methodNS.getStringPtr(),
+                        methodName.getStringPtr());
     AutoDict *request = context->fRequest;
     request->addValue(kHVSOAPMethodNamespaceURI, methodNS.getString());
     request->addValue(requestMethodNameKey(), methodName.getString());
@@ -44,13 +41,13 @@ RtStringRef _parseReqSOAPBody(RtTreeRef tree, RtXMLNodeRef, const AutoDict &scop
     AutoArray order;
     AutoString error;
     decoder.enter(method);
-    for (RtTreeRef child = RtTreeGetFirstChild(method); child && error.isNull(); child = RtTreeGetNextSibling(child)) {
+    for (RtTreeRef child = RtTreeGetFirstChild(method); child && error.isNull();
+         child = RtTreeGetNextSibling(child)) {
         RtStringRef name = getElementName(child);
         AutoDict childScope(methodScope);
         xmlGetElementNamespaces(child, childScope);
         RtTypeRef value = context->fHandler->deserilizeOverride(child, childScope, name, tree);
-        if (!value)
-            value = decoder.parseSOAPType(child, methodScope, error);
+        if (!value) value = decoder.parseSOAPType(child, methodScope, error);
         if (error.isNull()) {
             parameters.addValue(name, value);
             order.appendValue(name);
@@ -58,28 +55,26 @@ RtStringRef _parseReqSOAPBody(RtTreeRef tree, RtXMLNodeRef, const AutoDict &scop
         safeRtRelease(value);
     }
     decoder.leave();
-    if (!error.isNull())
-        return error.getRetainedString();
+    if (!error.isNull()) return error.getRetainedString();
     request->addValue(requestParametersKey(), parameters.getImmutableDict());
     request->addValue(requestParameterOrderKey(), order.getImmutableArray());
     return nullptr;
 }
 
 RtStringRef _parseReqSOAPEnvelope(RtTreeRef tree, RtXMLNodeRef, const AutoDict &scope, void *refcon) {
-    if (gHVDebugVerbose)
-        _hvLogf("in _parseReqSOAPEnvelope\n");
-    //                                 namespace                        local name           handler              context
-    const XMLElementInterrogator rows[] = {{HV_SOAP_1999_ENVELOPE_NAMESPACE, RTSTR("Header"), _parseReqSOAPHeader, refcon},
-                                           {HV_SOAP_1999_ENVELOPE_NAMESPACE, RTSTR("Body"), _parseReqSOAPBody, refcon},
-                                           {HV_SOAP_2001_ENVELOPE_NAMESPACE, RTSTR("Header"), _parseReqSOAPHeader, refcon},
-                                           {HV_SOAP_2001_ENVELOPE_NAMESPACE, RTSTR("Body"), _parseReqSOAPBody, refcon}};
+    if (gHVDebugVerbose) _hvLogf("in _parseReqSOAPEnvelope\n");
+    //                                 namespace                        local name           handler context
+    const XMLElementInterrogator rows[] = {
+        {HV_SOAP_1999_ENVELOPE_NAMESPACE, RTSTR("Header"), _parseReqSOAPHeader, refcon},
+        {HV_SOAP_1999_ENVELOPE_NAMESPACE, RTSTR("Body"), _parseReqSOAPBody, refcon},
+        {HV_SOAP_2001_ENVELOPE_NAMESPACE, RTSTR("Header"), _parseReqSOAPHeader, refcon},
+        {HV_SOAP_2001_ENVELOPE_NAMESPACE, RTSTR("Body"), _parseReqSOAPBody, refcon}};
     return xmlInterrogateElements(tree, scope, rows, 4, nullptr);
 }
 
 // The encoding of documents written for a request: its "/HVTextEncoding", else UTF-8.
 RtStringEncoding replyEncoding(RtDictionaryRef request) {
-    if (!request)
-        return kRtStringEncodingUTF8;
+    if (!request) return kRtStringEncodingUTF8;
     return static_cast<RtStringEncoding>(
         getDictNumber(request, requestTextEncodingKey(), static_cast<int>(kRtStringEncodingUTF8)));
 }
@@ -90,21 +85,22 @@ RtTypeRef requestValue(RtDictionaryRef request, RtStringRef key) {
 
 } // namespace
 
-RtDictionaryRef SOAPProtocolHandler::parsePostData(RtDataRef data, RtStringEncoding encoding, AutoString *errorString) {
+RtDictionaryRef SOAPProtocolHandler::parsePostData(RtDataRef data, RtStringEncoding encoding,
+                                                   AutoString *errorString) {
     AutoString localError;
     AutoString *error = errorString ? errorString : &localError;
     error->setString(nullptr);
     RtTreeRef tree = parseXML(data, true, encoding, error->getStringPtr());
-    if (!tree)
-        return nullptr;
+    if (!tree) return nullptr;
 
     AutoDict request(newMutableDict());
     RequestContext context = {this, &request, nullptr};
     AutoDict scope;
     makeRootScope(tree, getMethodNamespace(), scope);
-    //                                 namespace                        local name             handler                context
-    const XMLElementInterrogator rows[] = {{HV_SOAP_1999_ENVELOPE_NAMESPACE, RTSTR("Envelope"), _parseReqSOAPEnvelope, &context},
-                                           {HV_SOAP_2001_ENVELOPE_NAMESPACE, RTSTR("Envelope"), _parseReqSOAPEnvelope, &context}};
+    //                                 namespace                        local name             handler context
+    const XMLElementInterrogator rows[] = {
+        {HV_SOAP_1999_ENVELOPE_NAMESPACE, RTSTR("Envelope"), _parseReqSOAPEnvelope, &context},
+        {HV_SOAP_2001_ENVELOPE_NAMESPACE, RTSTR("Envelope"), _parseReqSOAPEnvelope, &context}};
     AutoString failure;
     *failure.getStringPtr() = xmlInterrogateElements(tree, scope, rows, 2, nullptr);
     RtRelease(tree);
@@ -119,8 +115,7 @@ RtDictionaryRef SOAPProtocolHandler::parsePostData(RtDataRef data, RtStringEncod
 RtDataRef SOAPProtocolHandler::createReply(RtDictionaryRef context, RtTypeRef returnValue) {
     XMLBuffer buffer(replyEncoding(context));
     buffer.addTo(1, RTSTR("<SOAP-ENV:Envelope"));
-    if (!writeEnvelopeNamespaces(&buffer, fProtocolKind))
-        return nullptr;
+    if (!writeEnvelopeNamespaces(&buffer, fProtocolKind)) return nullptr;
     buffer.addTo(3, RTSTR("<SOAP-ENV:Body>"));
     RtTypeRef methodName = requestValue(context, requestMethodNameKey());
     RtTypeRef methodNS = requestValue(context, kHVSOAPMethodNamespaceURI);
@@ -141,15 +136,15 @@ RtDataRef SOAPProtocolHandler::createReply(RtDictionaryRef context, RtTypeRef re
 RtDataRef SOAPProtocolHandler::createFault(RtDictionaryRef context, RtDictionaryRef faultDict) {
     XMLBuffer buffer(replyEncoding(context));
     buffer.addTo(1, RTSTR("<SOAP-ENV:Envelope"));
-    if (!writeEnvelopeNamespaces(&buffer, fProtocolKind))
-        return nullptr;
+    if (!writeEnvelopeNamespaces(&buffer, fProtocolKind)) return nullptr;
     buffer.addTo(3, RTSTR("<SOAP-ENV:Body>"));
     buffer.addTo(4, RTSTR("<SOAP-ENV:Fault>"));
     // The code is always the client code; the dictionary's code and extra are not written.
     buffer.addTo(5, RTSTR("<faultcode>SOAP-ENV:Client</faultcode>"));
     RtTypeRef faultString = faultDict ? RtDictionaryGetValue(faultDict, kHVFaultString) : nullptr;
     // Inserted as it stands, without entity encoding.
-    buffer.addTo(5, RTSTR("<faultstring>%@</faultstring>"), faultString ? faultString : RTSTR("Unknown Fault"));
+    buffer.addTo(5, RTSTR("<faultstring>%@</faultstring>"),
+                 faultString ? faultString : RTSTR("Unknown Fault"));
     buffer.addTo(4, RTSTR("</SOAP-ENV:Fault>"));
     buffer.addTo(3, RTSTR("</SOAP-ENV:Body>"));
     buffer.addTo(1, RTSTR("</SOAP-ENV:Envelope>"));

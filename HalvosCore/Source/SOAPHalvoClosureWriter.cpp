@@ -7,16 +7,18 @@
 namespace {
 
 // The method element's namespace when no kHVSOAPMethodNamespaceURI is set.
-RtStringRef placeholderMethodNamespace() { return RTSTR("urn:halvos:soap"); }
+RtStringRef placeholderMethodNamespace() {
+    return RTSTR("urn:halvos:soap");
+}
 
 RtStringRef methodNamespaceProperty(RtTypeRef value) {
-    return RtGetTypeID(value) == RtStringGetTypeID() ? static_cast<RtStringRef>(value) : placeholderMethodNamespace();
+    return RtGetTypeID(value) == RtStringGetTypeID() ? static_cast<RtStringRef>(value)
+                                                     : placeholderMethodNamespace();
 }
 
 // Record members whose names are empty or begin with '/' are the record's own settings.
 bool isValidKey(RtTypeRef key) {
-    if (RtGetTypeID(key) != RtStringGetTypeID())
-        return false;
+    if (RtGetTypeID(key) != RtStringGetTypeID()) return false;
     RtStringRef name = static_cast<RtStringRef>(key);
     return RtStringGetLength(name) > 0 && RtStringGetCharacterAtIndex(name, 0) != '/';
 }
@@ -27,9 +29,9 @@ RtStringRef copyOverrideText(RtStringRef text, RtStringRef name) {
     RtMutableStringRef result = RtStringCreateMutableCopy(kRtAllocatorDefault, 0, text);
     bool once = RtStringFind(name, RTSTR("%@"), 0).location != kRtNotFound;
     for (int pass = 0; pass < 64; pass++) {
-        RtIndex replaced = RtStringFindAndReplace(result, RTSTR("%@"), name, RtRangeMake(0, RtStringGetLength(result)), 0);
-        if (replaced == 0 || once)
-            break;
+        RtIndex replaced =
+            RtStringFindAndReplace(result, RTSTR("%@"), name, RtRangeMake(0, RtStringGetLength(result)), 0);
+        if (replaced == 0 || once) break;
     }
     return result;
 }
@@ -84,12 +86,11 @@ RtStringRef SOAPProtocolHandler::dateTimeEncoding() {
     return fProtocolKind == kHVSOAP1999Protocol ? RTSTR("timeInstant") : RTSTR("dateTime");
 }
 
-RtDataRef SOAPProtocolHandler::createRequest(RtStringRef methodName, RtDictionaryRef parameters, RtArrayRef order,
-                                             RtDictionaryRef /*extras*/) {
+RtDataRef SOAPProtocolHandler::createRequest(RtStringRef methodName, RtDictionaryRef parameters,
+                                             RtArrayRef order, RtDictionaryRef /*extras*/) {
     XMLBuffer buffer(kRtStringEncodingUTF8);
     buffer.addTo(1, RTSTR("<SOAP-ENV:Envelope"));
-    if (!writeEnvelopeNamespaces(&buffer, fProtocolKind))
-        return nullptr;
+    if (!writeEnvelopeNamespaces(&buffer, fProtocolKind)) return nullptr;
 
     // Header entries are the caller's own XML, written as they stand.
     if (RtTypeRef headers = getProperty(kHVSOAPMessageHeaders)) {
@@ -113,7 +114,8 @@ RtDataRef SOAPProtocolHandler::createRequest(RtStringRef methodName, RtDictionar
     buffer.addTo(3, RTSTR("<SOAP-ENV:Body>"));
     RtStringRef methodNS = getMethodNamespace();
     // Identity, not text: only the library's own kHVSOAPStyleRPC selects rpc in SOAP-2001.
-    bool rpc = fProtocolKind == kHVSOAP1999Protocol || getProperty(kHVSOAPBodyEncodingStyle) == kHVSOAPStyleRPC;
+    bool rpc =
+        fProtocolKind == kHVSOAP1999Protocol || getProperty(kHVSOAPBodyEncodingStyle) == kHVSOAPStyleRPC;
     if (rpc)
         buffer.addTo(4, RTSTR("<m:%@ xmlns:m=\"%@\">"), methodName, methodNS);
     else
@@ -163,8 +165,9 @@ void SOAPProtocolHandler::serialize(XMLBuffer *buffer, int level, RtStringRef na
     case eHVDoubleType: {
         // Exactly what "%.8g" prints, without the C library's slow path for it.
         char number[128];
-        auto printed = std::to_chars(number, number + sizeof number - 1, getDoubleValue(static_cast<RtNumberRef>(value)),
-                                     std::chars_format::general, 8);
+        auto printed =
+            std::to_chars(number, number + sizeof number - 1, getDoubleValue(static_cast<RtNumberRef>(value)),
+                          std::chars_format::general, 8);
         *printed.ptr = '\0';
         buffer->addTo(level, RTSTR("<%@ xsi:type=\"xsd:double\">%s</%@>"), name, number, name);
         break;
@@ -192,8 +195,8 @@ void SOAPProtocolHandler::serialize(XMLBuffer *buffer, int level, RtStringRef na
     case eHVArrayType: {
         RtArrayRef array = static_cast<RtArrayRef>(value);
         RtIndex count = RtArrayGetCount(array);
-        buffer->addTo(level, RTSTR("<%@ SOAP-ENC:arrayType=\"xsd:%@[%d]\" xsi:type=\"SOAP-ENC:Array\">"), name,
-                      heterogeneousArrayTypeName(), static_cast<int>(count));
+        buffer->addTo(level, RTSTR("<%@ SOAP-ENC:arrayType=\"xsd:%@[%d]\" xsi:type=\"SOAP-ENC:Array\">"),
+                      name, heterogeneousArrayTypeName(), static_cast<int>(count));
         for (RtIndex i = 0; i < count; i++) {
             RtTypeRef element = RtArrayGetValueAtIndex(array, i);
             if (element) {
@@ -213,18 +216,20 @@ void SOAPProtocolHandler::serialize(XMLBuffer *buffer, int level, RtStringRef na
         RtTypeRef recordNS = RtDictionaryGetValue(dict, kHVRecordNamespaceURI);
         AutoString extra;
         if (recordNS)
-            *extra.getStringPtr() = RtStringCreateWithFormat(kRtAllocatorDefault, nullptr, RTSTR(" xmlns=\"%@\""), recordNS);
-        buffer->addTo(level, RTSTR("<%@ xsi:type=\"%@\"%@>"), name, type ? type : RTSTR("SOAP-ENC:Dictionary"),
+            *extra.getStringPtr() =
+                RtStringCreateWithFormat(kRtAllocatorDefault, nullptr, RTSTR(" xmlns=\"%@\""), recordNS);
+        buffer->addTo(level, RTSTR("<%@ xsi:type=\"%@\"%@>"), name,
+                      type ? type : RTSTR("SOAP-ENC:Dictionary"),
                       extra.isNull() ? RTSTR("") : extra.getString());
         RtTypeRef order = RtDictionaryGetValue(dict, kHVRecordParameterOrder);
-        AutoArray keys(RtGetTypeID(order) == RtArrayGetTypeID()
-                           ? static_cast<RtArrayRef>(RtRetain(order))
-                           : copyDictionaryKeys(dict));
+        AutoArray keys(RtGetTypeID(order) == RtArrayGetTypeID() ? static_cast<RtArrayRef>(RtRetain(order))
+                                                                : copyDictionaryKeys(dict));
         ArrayIterator key(keys);
         while (key.hasMoreElements()) {
             RtTypeRef member = key.nextElement();
             if (isValidKey(member))
-                serialize(buffer, level + 1, static_cast<RtStringRef>(member), RtDictionaryGetValue(dict, member));
+                serialize(buffer, level + 1, static_cast<RtStringRef>(member),
+                          RtDictionaryGetValue(dict, member));
         }
         buffer->addTo(level, RTSTR("</%@>"), name);
         break;

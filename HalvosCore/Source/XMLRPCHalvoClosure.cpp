@@ -16,19 +16,18 @@ XMLRPCHalvoMethodInvocation::XMLRPCHalvoMethodInvocation(RtURLRef url, RtStringR
 XMLRPCHalvoMethodInvocation::XMLRPCHalvoMethodInvocation(RtDictionaryRef agreement)
     : HalvoMethodInvocation(agreement), fMethodName(nullptr) {
     RtTypeRef name = agreement ? RtDictionaryGetValue(agreement, RTSTR("MethodName")) : nullptr;
-    if (RtGetTypeID(name) == RtStringGetTypeID())
-        fMethodName = static_cast<RtStringRef>(RtRetain(name));
+    if (RtGetTypeID(name) == RtStringGetTypeID()) fMethodName = static_cast<RtStringRef>(RtRetain(name));
 }
 
-XMLRPCHalvoMethodInvocation::~XMLRPCHalvoMethodInvocation() { safeRtRelease(fMethodName); }
+XMLRPCHalvoMethodInvocation::~XMLRPCHalvoMethodInvocation() {
+    safeRtRelease(fMethodName);
+}
 
 RtDictionaryRef XMLRPCHalvoMethodInvocation::copyAgreement() {
     RtMutableDictionaryRef dict = newMutableDict();
-    if (!dict)
-        return nullptr;
+    if (!dict) return nullptr;
     RtDictionarySetValue(dict, RTSTR("ProtocolType"), kHVXMLRPCProtocol);
-    if (fMethodName)
-        RtDictionarySetValue(dict, RTSTR("MethodName"), fMethodName);
+    if (fMethodName) RtDictionarySetValue(dict, RTSTR("MethodName"), fMethodName);
     populateAgreement(dict);
     return dict;
 }
@@ -78,33 +77,28 @@ RtArrayRef recordOrder(RtDictionaryRef dict) {
 // The names of a request's parameters in sending order (new array, caller releases): the
 // caller's order, else the dictionary's own record order, else its keys.
 RtArrayRef copyParameterNames(RtDictionaryRef parameters, RtArrayRef order) {
-    if (!order && !parameters)
-        order = AutoArray::getEmptyArray();
-    if (!order)
-        order = recordOrder(parameters);
+    if (!order && !parameters) order = AutoArray::getEmptyArray();
+    if (!order) order = recordOrder(parameters);
     return order ? static_cast<RtArrayRef>(RtRetain(order)) : copyDictionaryKeys(parameters);
 }
 
 // Record keys ("", "/HVRecordParamOrder", ...) are bookkeeping, never struct members.
 bool isReservedKey(RtTypeRef key) {
-    if (RtGetTypeID(key) != RtStringGetTypeID())
-        return false;
+    if (RtGetTypeID(key) != RtStringGetTypeID()) return false;
     RtStringRef name = static_cast<RtStringRef>(key);
     return RtStringGetLength(name) == 0 || RtStringGetCharacterAtIndex(name, 0) == '/';
 }
 
 // The encoding a reply or fault is written in: the one the request came in, else UTF-8.
 RtStringEncoding replyEncoding(RtDictionaryRef context) {
-    if (!context)
-        return kRtStringEncodingUTF8;
+    if (!context) return kRtStringEncodingUTF8;
     return static_cast<RtStringEncoding>(
         getDictNumber(context, requestTextEncodingKey(), static_cast<int>(kRtStringEncodingUTF8)));
 }
 
 // The value under key, else under fallbackKey; NULL when dict is NULL or has neither.
 RtTypeRef firstPresent(RtDictionaryRef dict, RtStringRef key, RtStringRef fallbackKey) {
-    if (!dict)
-        return nullptr;
+    if (!dict) return nullptr;
     RtTypeRef value = RtDictionaryGetValue(dict, key);
     return value ? value : RtDictionaryGetValue(dict, fallbackKey);
 }
@@ -153,7 +147,8 @@ void XMLRPCProtocolHandler::serialize(XMLBuffer *buffer, int level, const void *
             buffer->addTo(level + 1, RTSTR("<i4>%d</i4>"), getIntValue(static_cast<RtNumberRef>(value)));
             break;
         case eHVDoubleType:
-            buffer->addTo(level + 1, RTSTR("<double>%g</double>"), getDoubleValue(static_cast<RtNumberRef>(value)));
+            buffer->addTo(level + 1, RTSTR("<double>%g</double>"),
+                          getDoubleValue(static_cast<RtNumberRef>(value)));
             break;
         case eHVStringType: {
             AutoString text;
@@ -194,8 +189,7 @@ void XMLRPCProtocolHandler::serialize(XMLBuffer *buffer, int level, const void *
             ArrayIterator key(keys);
             while (key.hasMoreElements()) {
                 RtTypeRef name = key.nextElement();
-                if (isReservedKey(name))
-                    continue;
+                if (isReservedKey(name)) continue;
                 // Member names go out as they are, without entity encoding.
                 buffer->addTo(level + 2, RTSTR("<member>"));
                 buffer->addTo(level + 3, RTSTR("<name>%@</name>"), name);
@@ -207,7 +201,8 @@ void XMLRPCProtocolHandler::serialize(XMLBuffer *buffer, int level, const void *
         }
         default:
             // Null and kinds XML-RPC has no element for travel as their description.
-            buffer->addTo(level + 1, RTSTR("<!-- Unknown RtType (%d) for parameter - trying string coercion -->"),
+            buffer->addTo(level + 1,
+                          RTSTR("<!-- Unknown RtType (%d) for parameter - trying string coercion -->"),
                           static_cast<int>(RtGetTypeID(value)));
             buffer->addTo(level + 1, RTSTR("<string>%@</string>"), value);
             break;
@@ -256,8 +251,17 @@ RtDataRef XMLRPCProtocolHandler::createFault(RtDictionaryRef context, RtDictiona
 
 namespace {
 
-enum ValueElement { eStringElement, eArrayElement, eStructElement, eBooleanElement, eIntElement, eDoubleElement,
-                    eDateElement, eBase64Element, eUnknownElement };
+enum ValueElement {
+    eStringElement,
+    eArrayElement,
+    eStructElement,
+    eBooleanElement,
+    eIntElement,
+    eDoubleElement,
+    eDateElement,
+    eBase64Element,
+    eUnknownElement
+};
 
 struct ValueElementRow {
     RtStringRef name;
@@ -267,26 +271,21 @@ struct ValueElementRow {
 // The kind of a type element inside <value>, by its name ignoring case.
 ValueElement valueElementKind(RtStringRef name) {
     //                                      element name                kind
-    static const ValueElementRow rows[] = {{RTSTR("string"), eStringElement},
-                                           {RTSTR("array"), eArrayElement},
-                                           {RTSTR("struct"), eStructElement},
-                                           {RTSTR("boolean"), eBooleanElement},
-                                           {RTSTR("i4"), eIntElement},
-                                           {RTSTR("int"), eIntElement},
-                                           {RTSTR("double"), eDoubleElement},
-                                           {RTSTR("dateTime.iso8601"), eDateElement},
-                                           {RTSTR("base64"), eBase64Element}};
+    static const ValueElementRow rows[] = {
+        {RTSTR("string"), eStringElement}, {RTSTR("array"), eArrayElement},
+        {RTSTR("struct"), eStructElement}, {RTSTR("boolean"), eBooleanElement},
+        {RTSTR("i4"), eIntElement},        {RTSTR("int"), eIntElement},
+        {RTSTR("double"), eDoubleElement}, {RTSTR("dateTime.iso8601"), eDateElement},
+        {RTSTR("base64"), eBase64Element}};
     for (const ValueElementRow &row : rows)
-        if (rtstrEquivilent(name, row.name))
-            return row.kind;
+        if (rtstrEquivilent(name, row.name)) return row.kind;
     return eUnknownElement;
 }
 
 bool isTrueText(RtStringRef text) {
     static const RtStringRef truths[] = {RTSTR("1"), RTSTR("true"), RTSTR("yes"), RTSTR("y"), RTSTR("t")};
     for (RtStringRef truth : truths)
-        if (rtstrEquivilent(text, truth))
-            return true;
+        if (rtstrEquivilent(text, truth)) return true;
     return false;
 }
 
@@ -296,7 +295,9 @@ RtStringRef copyElementText(RtTreeRef element) {
     return first ? copyXMLStringFromTree(first) : nullptr;
 }
 
-void setError(AutoString &error, RtStringRef message) { error.setString(message); }
+void setError(AutoString &error, RtStringRef message) {
+    error.setString(message);
+}
 
 void setError(AutoString &error, const char *format, RtStringRef name) {
     AutoString message(format, name);
@@ -322,14 +323,16 @@ void appendArrayItem(AutoArray &array, RtTreeRef item, AutoString &error) {
 // are never looked at.
 RtTypeRef parseArrayData(RtTreeRef dataTree, AutoString &error) {
     if (!rtstrEquivilent(getElementName(dataTree), RTSTR("data"))) {
-        setError(error, RTSTR("<array> should only containa single <data> element")); // the missing space belongs to the message
+        setError(error,
+                 RTSTR("<array> should only containa single <data> element")); // the missing space belongs to
+                                                                               // the message
         return nullptr;
     }
     AutoArray array;
-    for (RtTreeRef item = RtTreeGetFirstChild(dataTree); item && error.isNull(); item = RtTreeGetNextSibling(item))
+    for (RtTreeRef item = RtTreeGetFirstChild(dataTree); item && error.isNull();
+         item = RtTreeGetNextSibling(item))
         appendArrayItem(array, item, error);
-    if (!error.isNull())
-        return nullptr;
+    if (!error.isNull()) return nullptr;
     return RtRetain(array.getMutableArray());
 }
 
@@ -368,8 +371,7 @@ RtTypeRef parseStructData(RtTreeRef member, AutoString &error) {
         RtTypeRef value = nullptr;
         checkStructChild(first, name, value, error);
         RtTreeRef second = error.isNull() ? RtTreeGetNextSibling(first) : nullptr;
-        if (second)
-            checkStructChild(second, name, value, error);
+        if (second) checkStructChild(second, name, value, error);
         // A member with a single child (a lone name or value) is dropped without complaint.
         if (second && error.isNull()) {
             if (name.isNull())
@@ -379,8 +381,7 @@ RtTypeRef parseStructData(RtTreeRef member, AutoString &error) {
         }
         safeRtRelease(value);
     }
-    if (!error.isNull())
-        return nullptr;
+    if (!error.isNull()) return nullptr;
     return RtRetain(dict.getMutableDict());
 }
 
@@ -388,8 +389,7 @@ RtTypeRef parseStructData(RtTreeRef member, AutoString &error) {
 // an error, else with error set.
 RtTypeRef parseType(RtTreeRef valueTree, AutoString &error) {
     RtTreeRef child = RtTreeGetFirstChild(valueTree);
-    if (!child)
-        return nullptr;
+    if (!child) return nullptr;
     RtXMLNodeRef node = RtXMLTreeGetNode(child);
     if (RtXMLNodeGetTypeCode(node) != kRtXMLNodeTypeElement)
         return copyXMLStringFromTree(child); // a <value> without a type element is a string
@@ -459,8 +459,7 @@ constexpr RtIndex kReplyDataDepth = 6;
 // Whether data is the <data> that parseReply would read as the reply's array. Everything this
 // looks at precedes data's first child in the document, so it is already in the tree.
 bool _isReplyData(RtTreeRef data, void *info) {
-    if (gHVDebugVerbose)
-        return false; // the verbose log prints the whole tree
+    if (gHVDebugVerbose) return false; // the verbose log prints the whole tree
     RtTreeRef array = RtTreeGetParent(data);
     RtTreeRef value = RtTreeGetParent(array);
     RtTreeRef param = RtTreeGetParent(value);
@@ -474,7 +473,8 @@ bool _isReplyData(RtTreeRef data, void *info) {
     RtXMLNodeRef arrayNode = RtXMLTreeGetNode(array);
     RtStringRef arrayName = RtXMLNodeGetString(arrayNode);
     if (RtXMLNodeGetTypeCode(arrayNode) != kRtXMLNodeTypeElement || !arrayName ||
-        valueElementKind(arrayName) != eArrayElement || !rtstrEquivilent(getElementName(data), RTSTR("data")) ||
+        valueElementKind(arrayName) != eArrayElement ||
+        !rtstrEquivilent(getElementName(data), RTSTR("data")) ||
         rtstrEquivilent(getElementName(params), RTSTR("fault")) ||
         !rtstrEquivilent(getElementName(params), RTSTR("params")) ||
         findNamedElement(document, RTSTR("methodResponse")) != response)
@@ -485,8 +485,7 @@ bool _isReplyData(RtTreeRef data, void *info) {
 
 void _readReplyArrayItem(RtTreeRef item, void *info) {
     auto *drain = static_cast<ReplyArrayDrain *>(info);
-    if (drain->fError.isNull())
-        appendArrayItem(drain->fArray, item, drain->fError);
+    if (drain->fError.isNull()) appendArrayItem(drain->fArray, item, drain->fError);
 }
 
 } // namespace
@@ -519,8 +518,7 @@ void XMLRPCProtocolHandler::parseReply(HalvoResult *result, RtTreeRef tree, Repl
                                          ? getIntValue(static_cast<RtNumberRef>(code))
                                          : -1);
                 // A fault without "faultString" keeps no string: the result holds no NULL values.
-                if (text)
-                    result->setFaultString(static_cast<RtStringRef>(text));
+                if (text) result->setFaultString(static_cast<RtStringRef>(text));
             } else if (error.isNull()) {
                 setError(error, RTSTR("Can't parse <fault>."));
             }
@@ -546,8 +544,7 @@ void XMLRPCProtocolHandler::parseReply(HalvoResult *result, RtTreeRef tree, Repl
     } else {
         setError(error, RTSTR("Child of the 'methodResponse' must be <fault> or <params>"));
     }
-    if (!error.isNull())
-        result->becomeFault(error.getString(), kParseStreamError);
+    if (!error.isNull()) result->becomeFault(error.getString(), kParseStreamError);
 }
 
 RtDictionaryRef XMLRPCProtocolHandler::parseReplyData(RtStringRef /*methodName*/, RtDataRef data,
@@ -557,17 +554,17 @@ RtDictionaryRef XMLRPCProtocolHandler::parseReplyData(RtStringRef /*methodName*/
     AutoString *error = errorString ? errorString : &localError;
     error->setString(nullptr);
     if (!readReply(&result, data, true, encoding, error->getStringPtr()))
-        result.becomeFault(error->isNull() ? RTSTR("Could not parse XML.") : error->getString(), kParseStreamError);
+        result.becomeFault(error->isNull() ? RTSTR("Could not parse XML.") : error->getString(),
+                           kParseStreamError);
     return result.copyDictionary();
 }
 
-bool XMLRPCProtocolHandler::readReply(HalvoResult *result, RtDataRef data, bool forceXML, RtStringEncoding charset,
-                                      RtStringRef *errorString) {
+bool XMLRPCProtocolHandler::readReply(HalvoResult *result, RtDataRef data, bool forceXML,
+                                      RtStringEncoding charset, RtStringRef *errorString) {
     ReplyArrayDrain drain;
     RtXMLTreeDrainContext draining = {kReplyDataDepth, _isReplyData, _readReplyArrayItem, &drain};
     RtTreeRef tree = parseXML(data, forceXML, charset, errorString, &draining);
-    if (!tree)
-        return false;
+    if (!tree) return false;
     parseReply(result, tree, &drain);
     RtRelease(tree);
     return true;
@@ -617,8 +614,7 @@ RtStringRef _parseParams(RtTreeRef tree, RtXMLNodeRef, const AutoDict &scope, vo
 }
 
 RtStringRef _parseString(RtTreeRef tree, RtXMLNodeRef, const AutoDict &, void *refcon) {
-    if (!RtTreeGetFirstChild(tree))
-        return RTSTR("Can't parse string");
+    if (!RtTreeGetFirstChild(tree)) return RTSTR("Can't parse string");
     AutoString text;
     *text.getStringPtr() = copyElementText(tree);
     static_cast<AutoString *>(refcon)->setString(text.getString());
@@ -632,10 +628,8 @@ RtStringRef _parseMethodCall(RtTreeRef tree, RtXMLNodeRef, const AutoDict &scope
     //                                 namespace  local name           handler        context
     const XMLElementInterrogator rows[] = {{nullptr, RTSTR("methodName"), _parseString, &methodName},
                                            {nullptr, RTSTR("params"), _parseParams, &parameters}};
-    if (RtStringRef error = xmlInterrogateElements(tree, scope, rows, 2, nullptr))
-        return error;
-    if (methodName.isNull())
-        return RTSTR("<methodName> missing for request");
+    if (RtStringRef error = xmlInterrogateElements(tree, scope, rows, 2, nullptr)) return error;
+    if (methodName.isNull()) return RTSTR("<methodName> missing for request");
 
     AutoArray order;
     for (RtIndex i = 0, count = parameters.getCount(); i < count; i++) {
@@ -661,8 +655,7 @@ RtDictionaryRef XMLRPCProtocolHandler::parsePostData(RtDataRef data, RtStringEnc
     AutoString *error = errorString ? errorString : &localError;
     error->setString(nullptr);
     RtTreeRef tree = parseXML(data, true, encoding, error->getStringPtr());
-    if (!tree)
-        return nullptr;
+    if (!tree) return nullptr;
 
     // Top-level elements other than <methodCall> are handed back as extensions.
     AutoArray extensions;

@@ -7,7 +7,8 @@ static RtIndex findFirst(RtStringRef str, RtStringRef c) {
 }
 
 static RtStringRef copyTail(RtStringRef str, RtIndex from) {
-    return RtStringCreateWithSubstring(kRtAllocatorDefault, str, RtRangeMake(from, RtStringGetLength(str) - from));
+    return RtStringCreateWithSubstring(kRtAllocatorDefault, str,
+                                       RtRangeMake(from, RtStringGetLength(str) - from));
 }
 
 // Sets key in scope unless it already holds the same text: a scope shared with the parent is
@@ -15,22 +16,18 @@ static RtStringRef copyTail(RtStringRef str, RtIndex from) {
 // on every element).
 static void declare(AutoDict &scope, RtStringRef key, RtTypeRef value) {
     RtTypeRef current = scope.getValue(key);
-    if (!current || !RtEqual(current, value))
-        scope.addValue(key, value);
+    if (!current || !RtEqual(current, value)) scope.addValue(key, value);
 }
 
 void xmlGetElementNamespaces(RtTreeRef tree, AutoDict &scope) {
     const RtXMLElementInfo *info = treeGetElementInfo(tree);
-    if (!info || !info->attributes || !info->attributeOrder)
-        return;
+    if (!info || !info->attributes || !info->attributeOrder) return;
     RtIndex count = RtArrayGetCount(info->attributeOrder);
     for (RtIndex i = 0; i < count; i++) {
         RtStringRef name = static_cast<RtStringRef>(RtArrayGetValueAtIndex(info->attributeOrder, i));
-        if (!name)
-            continue;
+        if (!name) continue;
         RtTypeRef value = RtDictionaryGetValue(info->attributes, name);
-        if (!value)
-            continue;
+        if (!value) continue;
         RtIndex length = RtStringGetLength(name);
         if (length == 5 && rtstrEquivilent(name, RTSTR("xmlns"))) {
             declare(scope, RTSTR("__defaultNamespace"), value);
@@ -60,14 +57,14 @@ void xmlNamespaceQualify(const AutoDict &scope, RtStringRef name, RtStringRef *n
 }
 
 void fullyQualify(AutoString &text, const AutoDict &scope) {
-    if (text.isNull())
-        return;
+    if (text.isNull()) return;
     RtStringRef ns = nullptr;
     RtStringRef local = nullptr;
     xmlNamespaceQualify(scope, text.getString(), &ns, &local);
     // An undeclared prefix leaves the text exactly as it was, prefix and all.
     if (ns && local) {
-        RtStringRef qualified = RtStringCreateWithFormat(kRtAllocatorDefault, nullptr, RTSTR("%@|%@"), ns, local);
+        RtStringRef qualified =
+            RtStringCreateWithFormat(kRtAllocatorDefault, nullptr, RTSTR("%@|%@"), ns, local);
         text.setString(qualified);
         RtRelease(qualified);
     }
@@ -86,24 +83,23 @@ void xmlBurstFullyQualifiedName(RtStringRef text, RtStringRef *namespaceOut, RtS
     *localNameOut = static_cast<RtStringRef>(RtRetain(text));
 }
 
-RtStringRef xmlInterrogateElements(RtTreeRef tree, const AutoDict &parentNamespace, const XMLElementInterrogator *ei,
-                                   int32_t eiCount, RtMutableArrayRef extensions) {
+RtStringRef xmlInterrogateElements(RtTreeRef tree, const AutoDict &parentNamespace,
+                                   const XMLElementInterrogator *ei, int32_t eiCount,
+                                   RtMutableArrayRef extensions) {
     RtStringRef result = nullptr;
     for (RtTreeRef child = tree ? RtTreeGetFirstChild(tree) : nullptr; child && !result;
          child = RtTreeGetNextSibling(child)) {
         RtXMLNodeRef node = RtXMLTreeGetNode(child);
         // Text, white space, comments and processing instructions are neither dispatched nor
         // collected.
-        if (!node || RtXMLNodeGetTypeCode(node) != kRtXMLNodeTypeElement)
-            continue;
+        if (!node || RtXMLNodeGetTypeCode(node) != kRtXMLNodeTypeElement) continue;
 
         // The child's own declarations apply to its own name. The copy shares the parent's
         // dictionary until the child declares something.
         AutoDict scope(parentNamespace);
         xmlGetElementNamespaces(child, scope);
         RtStringRef elementName = RtXMLNodeGetString(node);
-        if (!elementName)
-            continue;
+        if (!elementName) continue;
         RtStringRef ns = nullptr;
         RtStringRef local = nullptr;
         xmlNamespaceQualify(scope, elementName, &ns, &local);
@@ -113,15 +109,15 @@ RtStringRef xmlInterrogateElements(RtTreeRef tree, const AutoDict &parentNamespa
             const XMLElementInterrogator &r = ei[row];
             // A row without a namespace takes any element; one with a namespace never matches
             // an element that has none.
-            if ((!r.elemNamespace || rtstrEquivilent(r.elemNamespace, ns)) && rtstrEquivilent(r.elemName, local)) {
+            if ((!r.elemNamespace || rtstrEquivilent(r.elemNamespace, ns)) &&
+                rtstrEquivilent(r.elemName, local)) {
                 matched = true;
                 // Only the first matching row is called, whatever its handler returns.
                 result = r.callback ? r.callback(child, node, scope, r.refcon) : nullptr;
                 break;
             }
         }
-        if (!matched && extensions)
-            RtArrayAppendValue(extensions, child);
+        if (!matched && extensions) RtArrayAppendValue(extensions, child);
         safeRtRelease(ns);
         safeRtRelease(local);
     }

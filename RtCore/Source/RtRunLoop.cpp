@@ -55,7 +55,7 @@ struct Mode {
 
 struct LoopState {
     std::mutex fLock;
-    std::vector<Mode *> fModes;            // a mode, once made, lives as long as the loop
+    std::vector<Mode *> fModes;             // a mode, once made, lives as long as the loop
     std::vector<RtStringRef> fRunningModes; // one per active RtRunLoopRunInMode, innermost last
     std::thread::id fThread;
     int fWakeFd = -1;
@@ -123,11 +123,14 @@ bool _equalSources(RtTypeRef a, RtTypeRef b);
 RtHashCode _hashSource(RtTypeRef obj);
 
 //                                      version name                  init     copy     finalize
-const RtRuntimeClass sLoopClass = {0, "RtRunLoop", nullptr, nullptr, _finalizeLoop, nullptr, nullptr, nullptr, nullptr};
-const RtRuntimeClass sSourceClass = {0, "RtRunLoopSource", nullptr, nullptr, _finalizeSource,
-                                     _equalSources, _hashSource, nullptr, nullptr};
-const RtRuntimeClass sTimerClass = {0, "RtRunLoopTimer", nullptr, nullptr, _finalizeTimer, nullptr, nullptr, nullptr, nullptr};
-const RtRuntimeClass sWatcherClass = {0, "RtFileDescriptor", nullptr, nullptr, _finalizeWatcher, nullptr, nullptr, nullptr, nullptr};
+const RtRuntimeClass sLoopClass = {0,       "RtRunLoop", nullptr, nullptr, _finalizeLoop,
+                                   nullptr, nullptr,     nullptr, nullptr};
+const RtRuntimeClass sSourceClass = {
+    0, "RtRunLoopSource", nullptr, nullptr, _finalizeSource, _equalSources, _hashSource, nullptr, nullptr};
+const RtRuntimeClass sTimerClass = {0,       "RtRunLoopTimer", nullptr, nullptr, _finalizeTimer,
+                                    nullptr, nullptr,          nullptr, nullptr};
+const RtRuntimeClass sWatcherClass = {
+    0, "RtFileDescriptor", nullptr, nullptr, _finalizeWatcher, nullptr, nullptr, nullptr, nullptr};
 
 std::atomic<RtTypeID> gLoopTypeID{kRtNotATypeID};
 std::atomic<RtTypeID> gSourceTypeID{kRtNotATypeID};
@@ -135,8 +138,7 @@ std::atomic<RtTypeID> gTimerTypeID{kRtNotATypeID};
 std::atomic<RtTypeID> gWatcherTypeID{kRtNotATypeID};
 
 // Allocates a runtime object whose C++ state follows the header and constructs that state.
-template <class Object>
-Object *createObject(std::atomic<RtTypeID> &slot, const RtRuntimeClass *cls) {
+template <class Object> Object *createObject(std::atomic<RtTypeID> &slot, const RtRuntimeClass *cls) {
     RtTypeID typeID = rt::registerOnce(slot, cls);
     auto *obj = static_cast<Object *>(const_cast<void *>(
         RtRuntimeCreateInstance(nullptr, typeID, RtIndex(sizeof(Object) - sizeof(RtRuntimeBase)))));
@@ -144,9 +146,13 @@ Object *createObject(std::atomic<RtTypeID> &slot, const RtRuntimeClass *cls) {
     return obj;
 }
 
-RtAbsoluteTime now() { return RtAbsoluteTimeGetCurrent(); }
+RtAbsoluteTime now() {
+    return RtAbsoluteTimeGetCurrent();
+}
 
-bool sameMode(RtStringRef a, RtStringRef b) { return a == b || RtEqual(a, b); }
+bool sameMode(RtStringRef a, RtStringRef b) {
+    return a == b || RtEqual(a, b);
+}
 
 // ---- Mode table (callers hold the loop's lock) --------------------------------------------
 
@@ -162,12 +168,13 @@ Mode *findMode(LoopState &ls, RtStringRef name, bool create) {
     return m;
 }
 
-template <class Ref>
-bool listContains(const std::vector<Ref> &list, Ref obj) {
+template <class Ref> bool listContains(const std::vector<Ref> &list, Ref obj) {
     return std::find(list.begin(), list.end(), obj) != list.end();
 }
 
-bool onLoopThread(RtRunLoopRef rl) { return rl->fState.fThread == std::this_thread::get_id(); }
+bool onLoopThread(RtRunLoopRef rl) {
+    return rl->fState.fThread == std::this_thread::get_id();
+}
 
 // Another thread changed what the loop waits for: let a sleeping loop recompute its wait.
 void wakeIfForeign(RtRunLoopRef rl) {
@@ -195,7 +202,8 @@ bool addToMode(RtRunLoopRef rl, Ref obj, RtStringRef mode, std::vector<Ref> Mode
 
 // Removes obj from (rl, mode). On success the caller owns the reference the mode held.
 template <class Ref>
-bool removeFromMode(RtRunLoopRef rl, Ref obj, RtStringRef mode, std::vector<Ref> Mode::*list, Scheduled &sched) {
+bool removeFromMode(RtRunLoopRef rl, Ref obj, RtStringRef mode, std::vector<Ref> Mode::*list,
+                    Scheduled &sched) {
     LoopState &ls = rl->fState;
     Membership dropped{nullptr, nullptr};
     {
@@ -224,9 +232,12 @@ bool removeFromMode(RtRunLoopRef rl, Ref obj, RtStringRef mode, std::vector<Ref>
 bool containsInMode(RtRunLoopRef rl, Mode *m, RtTypeRef obj, int kind) {
     std::lock_guard<std::mutex> guard(rl->fState.fLock);
     switch (kind) {
-    case 0: return listContains(m->fSources, static_cast<RtRunLoopSourceRef>(const_cast<void *>(obj)));
-    case 1: return listContains(m->fTimers, static_cast<RtRunLoopTimerRef>(const_cast<void *>(obj)));
-    default: return listContains(m->fWatchers, static_cast<RtFileDescriptorRef>(const_cast<void *>(obj)));
+    case 0:
+        return listContains(m->fSources, static_cast<RtRunLoopSourceRef>(const_cast<void *>(obj)));
+    case 1:
+        return listContains(m->fTimers, static_cast<RtRunLoopTimerRef>(const_cast<void *>(obj)));
+    default:
+        return listContains(m->fWatchers, static_cast<RtFileDescriptorRef>(const_cast<void *>(obj)));
     }
 }
 
@@ -288,15 +299,21 @@ void tearDown(RtRunLoopRef rl) {
         std::lock_guard<std::mutex> guard(ls.fLock);
         ls.fTornDown = true;
         for (Mode *m : ls.fModes) {
-            for (auto s : m->fSources) sources.emplace_back(s, m->fName);
-            for (auto t : m->fTimers) timers.emplace_back(t, m->fName);
-            for (auto w : m->fWatchers) watchers.emplace_back(w, m->fName);
+            for (auto s : m->fSources)
+                sources.emplace_back(s, m->fName);
+            for (auto t : m->fTimers)
+                timers.emplace_back(t, m->fName);
+            for (auto w : m->fWatchers)
+                watchers.emplace_back(w, m->fName);
         }
     }
     // The mode lists still own their references; removal hands each one to us.
-    for (auto &[s, mode] : sources) RtRunLoopRemoveSource(rl, s, mode);
-    for (auto &[t, mode] : timers) RtRunLoopRemoveTimer(rl, t, mode);
-    for (auto &[w, mode] : watchers) RtRunLoopRemoveFileDescriptor(rl, w, mode);
+    for (auto &[s, mode] : sources)
+        RtRunLoopRemoveSource(rl, s, mode);
+    for (auto &[t, mode] : timers)
+        RtRunLoopRemoveTimer(rl, t, mode);
+    for (auto &[w, mode] : watchers)
+        RtRunLoopRemoveFileDescriptor(rl, w, mode);
 }
 
 void _finalizeLoop(RtTypeRef obj) {
@@ -306,7 +323,8 @@ void _finalizeLoop(RtTypeRef obj) {
         RtRelease(m->fName);
         delete m;
     }
-    for (RtStringRef s : ls.fRunningModes) RtRelease(s);
+    for (RtStringRef s : ls.fRunningModes)
+        RtRelease(s);
     if (ls.fWakeFd >= 0) close(ls.fWakeFd);
     ls.~LoopState();
 }
@@ -315,9 +333,9 @@ void _finalizeLoop(RtTypeRef obj) {
 
 enum { eKindSource = 0, eKindTimer = 1, eKindWatcher = 2 };
 
-template <class Ref>
-void releaseAll(std::vector<Ref> &v) {
-    for (Ref r : v) RtRelease(r);
+template <class Ref> void releaseAll(std::vector<Ref> &v) {
+    for (Ref r : v)
+        RtRelease(r);
     v.clear();
 }
 
@@ -326,7 +344,8 @@ void releaseAll(std::vector<Ref> &v) {
 // every call, even for a single element.
 template <class Ref> void sortByOrder(std::vector<Ref> &v) {
     if (v.size() > 16) {
-        std::stable_sort(v.begin(), v.end(), [](Ref a, Ref b) { return a->fState.fOrder < b->fState.fOrder; });
+        std::stable_sort(v.begin(), v.end(),
+                         [](Ref a, Ref b) { return a->fState.fOrder < b->fState.fOrder; });
         return;
     }
     for (size_t i = 1; i < v.size(); i++) {
@@ -347,7 +366,8 @@ void fireTimers(RtRunLoopRef rl, Mode *m, std::vector<RtRunLoopTimerRef> &due) {
             std::lock_guard<std::mutex> tg(timer->fState.fLock);
             if (!timer->fState.fFiring && timer->fState.fFireDate <= t) due.push_back(timer);
         }
-        for (RtRunLoopTimerRef timer : due) RtRetain(timer);
+        for (RtRunLoopTimerRef timer : due)
+            RtRetain(timer);
     }
     sortByOrder(due);
     for (RtRunLoopTimerRef timer : due) {
@@ -389,7 +409,8 @@ bool performSources(RtRunLoopRef rl, Mode *m, bool stopAfterOne, std::vector<RtR
         std::lock_guard<std::mutex> guard(rl->fState.fLock);
         for (RtRunLoopSourceRef s : m->fSources)
             if (s->fState.fSignalled.load(std::memory_order_acquire)) ready.push_back(s);
-        for (RtRunLoopSourceRef s : ready) RtRetain(s);
+        for (RtRunLoopSourceRef s : ready)
+            RtRetain(s);
     }
     sortByOrder(ready);
     bool performed = false;
@@ -452,7 +473,8 @@ void waitForEvents(LoopState &ls, double wait, std::vector<pollfd> &fds) {
     int n = ppoll(fds.data(), nfds_t(fds.size()), timeout, nullptr);
     if (sleeps) ls.fWaiting.store(false, std::memory_order_release);
     if (n < 0) {
-        for (pollfd &p : fds) p.revents = 0;
+        for (pollfd &p : fds)
+            p.revents = 0;
         return;
     }
     if (fds.back().revents & POLLIN) {
@@ -476,7 +498,8 @@ void dispatchWatchers(RtRunLoopRef rl, Mode *m, std::vector<Watch> &watches, std
         if (!types || !isValid(w->fState.fSched) || !containsInMode(rl, m, w, eKindWatcher)) continue;
         w->fState.fCallout(w, types, w->fState.fContext.info);
     }
-    for (Watch &wt : watches) RtRelease(wt.fWatcher);
+    for (Watch &wt : watches)
+        RtRelease(wt.fWatcher);
     watches.clear();
     fds.clear();
 }
@@ -492,7 +515,8 @@ struct RunScratch {
 thread_local std::vector<std::unique_ptr<RunScratch>> tRunScratch;
 thread_local size_t tRunDepth = 0;
 
-int32_t runInMode(RtRunLoopRef rl, RtStringRef modeName, RtTimeInterval seconds, bool returnAfterSourceHandled) {
+int32_t runInMode(RtRunLoopRef rl, RtStringRef modeName, RtTimeInterval seconds,
+                  bool returnAfterSourceHandled) {
     LoopState &ls = rl->fState;
     Mode *m;
     {
@@ -588,7 +612,9 @@ void _finalizeWatcher(RtTypeRef obj) {
 
 // ---- The loop -------------------------------------------------------------------------------
 
-RtTypeID RtRunLoopGetTypeID(void) { return rt::registerOnce(gLoopTypeID, &sLoopClass); }
+RtTypeID RtRunLoopGetTypeID(void) {
+    return rt::registerOnce(gLoopTypeID, &sLoopClass);
+}
 
 RtRunLoopRef RtRunLoopGetCurrent(void) {
     if (gCurrentLoopGone) return nullptr;
@@ -637,9 +663,12 @@ bool RtRunLoopIsWaiting(RtRunLoopRef rl) {
 
 // ---- Sources ------------------------------------------------------------------------------
 
-RtTypeID RtRunLoopSourceGetTypeID(void) { return rt::registerOnce(gSourceTypeID, &sSourceClass); }
+RtTypeID RtRunLoopSourceGetTypeID(void) {
+    return rt::registerOnce(gSourceTypeID, &sSourceClass);
+}
 
-RtRunLoopSourceRef RtRunLoopSourceCreate(RtAllocatorRef, RtIndex order, const RtRunLoopSourceContext *context) {
+RtRunLoopSourceRef RtRunLoopSourceCreate(RtAllocatorRef, RtIndex order,
+                                         const RtRunLoopSourceContext *context) {
     if (!context) return nullptr;
     auto *s = createObject<__RtRunLoopSource>(gSourceTypeID, &sSourceClass);
     if (!s) return nullptr;
@@ -702,7 +731,9 @@ void RtRunLoopSourceGetContext(RtRunLoopSourceRef source, RtRunLoopSourceContext
 
 // ---- Timers -------------------------------------------------------------------------------
 
-RtTypeID RtRunLoopTimerGetTypeID(void) { return rt::registerOnce(gTimerTypeID, &sTimerClass); }
+RtTypeID RtRunLoopTimerGetTypeID(void) {
+    return rt::registerOnce(gTimerTypeID, &sTimerClass);
+}
 
 RtRunLoopTimerRef RtRunLoopTimerCreate(RtAllocatorRef, RtAbsoluteTime fireDate, RtTimeInterval interval,
                                        RtOptionFlags, RtIndex order, RtRunLoopTimerCallBack callout,
@@ -717,7 +748,8 @@ RtRunLoopTimerRef RtRunLoopTimerCreate(RtAllocatorRef, RtAbsoluteTime fireDate, 
     ts.fCallout = callout;
     if (context) {
         ts.fContext = *context;
-        if (context->retain && context->info) ts.fContext.info = const_cast<void *>(context->retain(context->info));
+        if (context->retain && context->info)
+            ts.fContext.info = const_cast<void *>(context->retain(context->info));
     }
     return t;
 }
@@ -780,10 +812,13 @@ bool RtRunLoopTimerIsValid(RtRunLoopTimerRef timer) {
 
 // ---- Descriptor watchers ------------------------------------------------------------------
 
-RtTypeID RtFileDescriptorGetTypeID(void) { return rt::registerOnce(gWatcherTypeID, &sWatcherClass); }
+RtTypeID RtFileDescriptorGetTypeID(void) {
+    return rt::registerOnce(gWatcherTypeID, &sWatcherClass);
+}
 
 RtFileDescriptorRef RtFileDescriptorCreate(RtAllocatorRef, int fd, bool closeOnInvalidate,
-                                           RtFileDescriptorCallBack callout, const RtFileDescriptorContext *context) {
+                                           RtFileDescriptorCallBack callout,
+                                           const RtFileDescriptorContext *context) {
     if (fd < 0 || !callout) return nullptr;
     auto *w = createObject<__RtFileDescriptor>(gWatcherTypeID, &sWatcherClass);
     if (!w) return nullptr;
@@ -793,7 +828,8 @@ RtFileDescriptorRef RtFileDescriptorCreate(RtAllocatorRef, int fd, bool closeOnI
     ws.fCallout = callout;
     if (context) {
         ws.fContext = *context;
-        if (context->retain && context->info) ws.fContext.info = const_cast<void *>(context->retain(context->info));
+        if (context->retain && context->info)
+            ws.fContext.info = const_cast<void *>(context->retain(context->info));
     }
     return w;
 }

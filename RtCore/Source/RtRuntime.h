@@ -26,8 +26,8 @@ constexpr uint64_t kInteriorBit = uint64_t(1) << 62;
 constexpr uint64_t kInteriorOwnerMask = (uint64_t(1) << 61) - 1;
 
 inline std::atomic<uint64_t> &refCount(RtTypeRef obj) {
-    return *reinterpret_cast<std::atomic<uint64_t> *>(&const_cast<RtRuntimeBase *>(
-        static_cast<const RtRuntimeBase *>(obj))->_rc);
+    return *reinterpret_cast<std::atomic<uint64_t> *>(
+        &const_cast<RtRuntimeBase *>(static_cast<const RtRuntimeBase *>(obj))->_rc);
 }
 
 inline const ClassEntry *classOf(RtTypeRef obj) {
@@ -35,7 +35,9 @@ inline const ClassEntry *classOf(RtTypeRef obj) {
 }
 
 // True when obj is a live runtime object of typeID (NULL is never).
-inline bool isA(RtTypeRef obj, RtTypeID typeID) { return obj && classOf(obj)->typeID == typeID; }
+inline bool isA(RtTypeRef obj, RtTypeID typeID) {
+    return obj && classOf(obj)->typeID == typeID;
+}
 
 // Registers a class once, thread-safely, and returns its id (for the runtime's own classes).
 RtTypeID registerOnce(std::atomic<RtTypeID> &slot, const RtRuntimeClass *cls);

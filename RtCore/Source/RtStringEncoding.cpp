@@ -350,8 +350,8 @@ RtStringRef RtStringCreateWithBytes(RtAllocatorRef, const uint8_t *bytes, RtInde
 // UTF-8 from either storage without going through the per-character encoder: the protocol
 // writers render whole documents (megabytes of UTF-16 once any character is not Latin-1) this
 // way. Same results as the general loop of RtStringGetBytes.
-static RtIndex getBytesUTF8(RtStringRef str, RtRange range, uint8_t lossByte, uint8_t *buffer, RtIndex maxBufLen,
-                            RtIndex *usedBufLen) {
+static RtIndex getBytesUTF8(RtStringRef str, RtRange range, uint8_t lossByte, uint8_t *buffer,
+                            RtIndex maxBufLen, RtIndex *usedBufLen) {
     RtIndex used = 0, i = range.location, end = range.location + range.length;
     if (!rt::isWide(str)) {
         const uint8_t *p = rt::chars8(str);

@@ -7,8 +7,7 @@
 #include <unicode/uchar.h>
 
 RtHashCode RtStringHashCaseInsensitive(RtStringRef str) {
-    if (!rt::isString(str))
-        return 0;
+    if (!rt::isString(str)) return 0;
     // FNV-1a over the folded code points, then a final mix so that short names spread well.
     uint64_t h = 0xCBF29CE484222325ull;
     RtIndex n = str->fLength;

@@ -72,14 +72,16 @@ static void _finalizeTree(RtTypeRef obj) {
 
 static RtStringRef _copyTreeDescription(RtTypeRef obj) {
     TreeNode *n = nodeOfTree(static_cast<RtTreeRef>(const_cast<void *>(obj)));
-    return RtStringCreateWithFormat(kRtAllocatorDefault, nullptr, RTSTR("<RtTree %p>{children = %u, node = %@}"), obj,
+    return RtStringCreateWithFormat(kRtAllocatorDefault, nullptr,
+                                    RTSTR("<RtTree %p>{children = %u, node = %@}"), obj,
                                     unsigned(n->fChildCount), xmlNodeOfNode(n));
 }
 
 static RtStringRef _copyNodeDescription(RtTypeRef obj) {
     TreeNode *n = nodeOfXMLNode(static_cast<RtXMLNodeRef>(obj));
-    return RtStringCreateWithFormat(kRtAllocatorDefault, nullptr, RTSTR("<RtXMLNode %p>{type = %d, string = %@}"), obj,
-                                    int(n->fType), n->fString);
+    return RtStringCreateWithFormat(kRtAllocatorDefault, nullptr,
+                                    RTSTR("<RtXMLNode %p>{type = %d, string = %@}"), obj, int(n->fType),
+                                    n->fString);
 }
 
 static const RtRuntimeClass sTreeClass = {
@@ -122,8 +124,9 @@ const RtXMLElementInfo *noAttributesInfo(bool isEmpty) {
     };
     static const Shared sShared = [] {
         Shared s{};
-        RtDictionaryRef dict = RtDictionaryCreate(kRtAllocatorDefault, nullptr, nullptr, 0,
-                                                  &kRtTypeDictionaryKeyCallBacks, &kRtTypeDictionaryValueCallBacks);
+        RtDictionaryRef dict =
+            RtDictionaryCreate(kRtAllocatorDefault, nullptr, nullptr, 0, &kRtTypeDictionaryKeyCallBacks,
+                               &kRtTypeDictionaryValueCallBacks);
         RtArrayRef array = RtArrayCreate(kRtAllocatorDefault, nullptr, 0, &kRtTypeArrayCallBacks);
         RtRuntimeSetImmortal(dict); // shared by every element without attributes, for the process
         RtRuntimeSetImmortal(array);
@@ -153,8 +156,8 @@ static void setNumber(RtMutableDictionaryRef dict, RtStringRef key, long value) 
 }
 
 static RtDictionaryRef createErrorDictionary(const ParseError &error) {
-    RtMutableDictionaryRef dict = RtDictionaryCreateMutable(kRtAllocatorDefault, 0, &kRtTypeDictionaryKeyCallBacks,
-                                                            &kRtTypeDictionaryValueCallBacks);
+    RtMutableDictionaryRef dict = RtDictionaryCreateMutable(
+        kRtAllocatorDefault, 0, &kRtTypeDictionaryKeyCallBacks, &kRtTypeDictionaryValueCallBacks);
     if (!dict) return nullptr;
     RtStringRef description = RtStringCreateWithBytes(
         kRtAllocatorDefault, reinterpret_cast<const uint8_t *>(error.fDescription.data()),
@@ -167,8 +170,9 @@ static RtDictionaryRef createErrorDictionary(const ParseError &error) {
     return dict;
 }
 
-RtTreeRef rt::xml::createTree(RtDataRef xmlData, RtStringEncoding encoding, RtOptionFlags options, RtIndex version,
-                              RtDictionaryRef *errorDict, const RtXMLTreeDrainContext *drain) {
+RtTreeRef rt::xml::createTree(RtDataRef xmlData, RtStringEncoding encoding, RtOptionFlags options,
+                              RtIndex version, RtDictionaryRef *errorDict,
+                              const RtXMLTreeDrainContext *drain) {
     if (errorDict) *errorDict = nullptr;
     const uint8_t *bytes = nullptr;
     size_t length = 0;
@@ -194,8 +198,9 @@ RtTreeRef rt::xml::createTree(RtDataRef xmlData, RtStringEncoding encoding, RtOp
     return root ? treeOfNode(&root->fNode) : nullptr;
 }
 
-RtTreeRef RtXMLTreeCreateFromDataWithError(RtAllocatorRef, RtDataRef xmlData, RtURLRef, RtOptionFlags parseOptions,
-                                           RtIndex versionOfNodes, RtDictionaryRef *errorDict) {
+RtTreeRef RtXMLTreeCreateFromDataWithError(RtAllocatorRef, RtDataRef xmlData, RtURLRef,
+                                           RtOptionFlags parseOptions, RtIndex versionOfNodes,
+                                           RtDictionaryRef *errorDict) {
     return createTree(xmlData, kRtStringEncodingInvalidId, parseOptions, versionOfNodes, errorDict);
 }
 

@@ -173,7 +173,8 @@ class AttributeSets {
     ~AttributeSets() { delete[] fSlots; }
 
     // The pair for the interned keys and values (count of each), or NULL.
-    RtXMLElementInfo *find(const void *const *keys, const void *const *values, size_t count, uint32_t hash) const {
+    RtXMLElementInfo *find(const void *const *keys, const void *const *values, size_t count,
+                           uint32_t hash) const {
         if (!fSlots) return nullptr;
         for (size_t i = hash & fMask, probe = 0; probe < kMaxProbe; probe++, i = (i + 1) & fMask) {
             const Slot &slot = fSlots[i];
@@ -223,7 +224,8 @@ class AttributeSets {
     bool grow() {
         size_t capacity = fSlots ? (fMask + 1) * 2 : 64;
         if (capacity > kMaxSlots) return false;
-        auto *slots = new (std::nothrow) Slot[capacity](); // not calloc: glibc serves it past the thread cache
+        auto *slots =
+            new (std::nothrow) Slot[capacity](); // not calloc: glibc serves it past the thread cache
         if (!slots) return false;
         size_t mask = capacity - 1;
         for (size_t i = 0; fSlots && i <= fMask; i++) {
@@ -260,8 +262,9 @@ bool rawIsReference(const char *raw, int count, const char *name, size_t nameLen
     for (size_t i = 0; i < units; i++) {
         char expected = i == 0 ? '&' : i == units - 1 ? ';' : name[i - 1];
         const char *unit = raw + i * width;
-        bool match = width == 1 ? unit[0] == expected
-                                : (unit[0] == expected && unit[1] == 0) || (unit[0] == 0 && unit[1] == expected);
+        bool match = width == 1
+                         ? unit[0] == expected
+                         : (unit[0] == expected && unit[1] == 0) || (unit[0] == 0 && unit[1] == expected);
         if (!match) return false;
     }
     return true;
@@ -290,8 +293,9 @@ class TreeBuilder {
                                            const XML_Char *value, int valueLength, const XML_Char *base,
                                            const XML_Char *systemId, const XML_Char *publicId,
                                            const XML_Char *notationName);
-    static int XMLCALL _externalEntityReference(XML_Parser parser, const XML_Char *context, const XML_Char *base,
-                                                const XML_Char *systemId, const XML_Char *publicId);
+    static int XMLCALL _externalEntityReference(XML_Parser parser, const XML_Char *context,
+                                                const XML_Char *base, const XML_Char *systemId,
+                                                const XML_Char *publicId);
 
   private:
     void startElement(const char *name, const char **atts);
@@ -328,12 +332,12 @@ class TreeBuilder {
     NameTable fTexts;
     AttributeSets fAttributeSets;
 
-    TreeNode *fCurrent;                  // the open element, or the document node
-    std::vector<TreeNode *> fLastChild;  // last child of each open node, the document first
-    std::string fText;                   // character data not yet made into a node
+    TreeNode *fCurrent;                 // the open element, or the document node
+    std::vector<TreeNode *> fLastChild; // last child of each open node, the document first
+    std::string fText;                  // character data not yet made into a node
     bool fInCDATA = false;
     int fEntityDeclarations = 0;
-    std::vector<const void *> fKeys;     // scratch for attributes
+    std::vector<const void *> fKeys; // scratch for attributes
     std::vector<const void *> fValues;
 
     bool fFailed = false;
@@ -352,8 +356,8 @@ TreeBuilder::TreeBuilder(RootNode *root, XML_Parser parser, RtOptionFlags option
                          const RtXMLTreeDrainContext *drain)
     : fParser(parser), fRoot(root), fDocument(root->fDocument), fOptions(options),
       fTreeClass(classEntry(treeTypeID())), fNodeClass(classEntry(xmlNodeTypeID())),
-      fPlainInfo(noAttributesInfo(false)), fNames(root->fDocument),
-      fTexts(root->fDocument), fCurrent(&root->fNode),
+      fPlainInfo(noAttributesInfo(false)), fNames(root->fDocument), fTexts(root->fDocument),
+      fCurrent(&root->fNode),
       fDrain(drain && drain->consume && drain->shouldDrain && drain->depth > 0 ? drain : nullptr) {
     fLastChild.reserve(64);
     fLastChild.push_back(nullptr);
@@ -539,8 +543,9 @@ bool TreeBuilder::setAttributes(TreeNode *element, const char **atts) {
             return true;
         }
     }
-    RtDictionaryRef dict = RtDictionaryCreate(kRtAllocatorDefault, fKeys.data(), fValues.data(), RtIndex(n),
-                                              &kRtTypeDictionaryKeyCallBacks, &kRtTypeDictionaryValueCallBacks);
+    RtDictionaryRef dict =
+        RtDictionaryCreate(kRtAllocatorDefault, fKeys.data(), fValues.data(), RtIndex(n),
+                           &kRtTypeDictionaryKeyCallBacks, &kRtTypeDictionaryValueCallBacks);
     // A record others may share belongs to the document; any other to its element.
     std::vector<RtTypeRef> &owner = allInterned ? fDocument.fShared : fDocument.fOwned;
     if (dict) owner.push_back(dict);
@@ -608,7 +613,7 @@ bool TreeBuilder::predefinedReference(char c) {
         RtStringRef fString;
     };
     static const Entry sEntries[] = {
-        {'&', "amp", RTSTR("amp")},    {'<', "lt", RTSTR("lt")},       {'>', "gt", RTSTR("gt")},
+        {'&', "amp", RTSTR("amp")},   {'<', "lt", RTSTR("lt")},      {'>', "gt", RTSTR("gt")},
         {'"', "quot", RTSTR("quot")}, {'\'', "apos", RTSTR("apos")},
     };
     for (const Entry &entry : sEntries) {
@@ -680,13 +685,13 @@ void TreeBuilder::entityDeclaration() {
              "more than " + std::to_string(kRtXMLTreeMaxEntityDeclarations) + " entity declarations");
 }
 
-#define HANDLER_BODY(call)                                                                                             \
-    auto *b = static_cast<TreeBuilder *>(data);                                                                        \
-    if (b->fFailed) return;                                                                                            \
-    try {                                                                                                              \
-        call;                                                                                                          \
-    } catch (...) {                                                                                                    \
-        b->outOfMemory();                                                                                              \
+#define HANDLER_BODY(call)                                                                                   \
+    auto *b = static_cast<TreeBuilder *>(data);                                                              \
+    if (b->fFailed) return;                                                                                  \
+    try {                                                                                                    \
+        call;                                                                                                \
+    } catch (...) {                                                                                          \
+        b->outOfMemory();                                                                                    \
     }
 
 void XMLCALL TreeBuilder::_startElement(void *data, const XML_Char *name, const XML_Char **atts) {
@@ -710,7 +715,8 @@ void XMLCALL TreeBuilder::_startCDATA(void *data) {
 void XMLCALL TreeBuilder::_endCDATA(void *data) {
     HANDLER_BODY(b->endCDATA())
 }
-void XMLCALL TreeBuilder::_startDoctype(void *data, const XML_Char *name, const XML_Char *, const XML_Char *, int) {
+void XMLCALL TreeBuilder::_startDoctype(void *data, const XML_Char *name, const XML_Char *, const XML_Char *,
+                                        int) {
     HANDLER_BODY(b->startDoctype(name))
 }
 void XMLCALL TreeBuilder::_entityDeclaration(void *data, const XML_Char *, int, const XML_Char *, int,
@@ -725,7 +731,8 @@ int XMLCALL TreeBuilder::_externalEntityReference(XML_Parser parser, const XML_C
                                                   const XML_Char *, const XML_Char *) {
     // Nothing is ever loaded: the reference fails the parse instead of silently vanishing.
     auto *b = static_cast<TreeBuilder *>(XML_GetUserData(parser));
-    b->fail(XML_ERROR_EXTERNAL_ENTITY_HANDLING, "reference to an external entity (external entities are never read)");
+    b->fail(XML_ERROR_EXTERNAL_ENTITY_HANDLING,
+            "reference to an external entity (external entities are never read)");
     return XML_STATUS_ERROR;
 }
 

@@ -5,5 +5,6 @@
 RtTreeRef RtXMLTreeCreateFromDataDraining(RtAllocatorRef, RtDataRef xmlData, RtOptionFlags parseOptions,
                                           RtIndex versionOfNodes, const RtXMLTreeDrainContext *drain,
                                           RtDictionaryRef *errorDict) {
-    return rt::xml::createTree(xmlData, kRtStringEncodingInvalidId, parseOptions, versionOfNodes, errorDict, drain);
+    return rt::xml::createTree(xmlData, kRtStringEncodingInvalidId, parseOptions, versionOfNodes, errorDict,
+                               drain);
 }

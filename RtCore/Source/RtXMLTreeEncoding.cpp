@@ -56,8 +56,8 @@ std::string sniffCharset(const uint8_t *p, size_t n) {
         size_t start = j;
         while (j < end && p[j] != quote) {
             uint8_t c = p[j];
-            bool nameChar = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '.' ||
-                            c == '_' || c == '-';
+            bool nameChar = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
+                            c == '.' || c == '_' || c == '-';
             if (!nameChar || j - start > 64) return std::string();
             j++;
         }
@@ -120,8 +120,8 @@ bool transcode(const uint8_t *p, size_t n, const std::string &charset, InputPlan
     bool reset = true;
     for (;;) {
         status = U_ZERO_ERROR;
-        ucnv_convertEx(cv.fTo, cv.fFrom, &target, reinterpret_cast<char *>(buffer) + capacity, &source, sourceLimit,
-                       pivot, &pivotSource, &pivotTarget, pivot + 1024, reset, true, &status);
+        ucnv_convertEx(cv.fTo, cv.fFrom, &target, reinterpret_cast<char *>(buffer) + capacity, &source,
+                       sourceLimit, pivot, &pivotSource, &pivotTarget, pivot + 1024, reset, true, &status);
         reset = false;
         if (status != U_BUFFER_OVERFLOW_ERROR) break;
         size_t used = size_t(target - reinterpret_cast<char *>(buffer));
@@ -143,7 +143,8 @@ bool transcode(const uint8_t *p, size_t n, const std::string &charset, InputPlan
         UErrorCode ignored = U_ZERO_ERROR;
         ucnv_getInvalidChars(cv.fFrom, bad, &badLength, &ignored);
         size_t consumed = size_t(source - reinterpret_cast<const char *>(p));
-        size_t location = U_SUCCESS(ignored) && size_t(badLength) <= consumed ? consumed - size_t(badLength) : consumed;
+        size_t location =
+            U_SUCCESS(ignored) && size_t(badLength) <= consumed ? consumed - size_t(badLength) : consumed;
         setError(error, kRtXMLTreeStatusInvalidBytesForCharset,
                  "bytes not valid in the document's charset \"" + charset + "\"", p, location);
         return false;
@@ -161,7 +162,8 @@ InputPlan::~InputPlan() {
     std::free(fTranscoded);
 }
 
-bool planInput(const uint8_t *bytes, size_t length, RtStringEncoding override, InputPlan &plan, ParseError &error) {
+bool planInput(const uint8_t *bytes, size_t length, RtStringEncoding override, InputPlan &plan,
+               ParseError &error) {
     plan.fBytes = bytes;
     plan.fLength = length;
     std::string charset;

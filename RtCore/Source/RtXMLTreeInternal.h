@@ -93,8 +93,10 @@ inline const void *info(const TreeNode *n) {
 struct Document {
     Arena fNodes;
     Arena fArena;
-    std::vector<RtTypeRef> fOwned;  // each the string of one node (or held by one); released when the document dies
-    std::vector<RtTypeRef> fShared; // interned strings, attribute dictionaries; released when the document dies
+    std::vector<RtTypeRef>
+        fOwned; // each the string of one node (or held by one); released when the document dies
+    std::vector<RtTypeRef>
+        fShared; // interned strings, attribute dictionaries; released when the document dies
     RtIndex fVersion = 0;
 };
 
@@ -108,8 +110,8 @@ inline TreeNode *nodeOfTree(RtTreeRef tree) {
     return reinterpret_cast<TreeNode *>(tree);
 }
 inline TreeNode *nodeOfXMLNode(RtXMLNodeRef node) {
-    return reinterpret_cast<TreeNode *>(
-        reinterpret_cast<char *>(const_cast<struct __RtXMLNode *>(node)) - offsetof(TreeNode, fNodeHeader));
+    return reinterpret_cast<TreeNode *>(reinterpret_cast<char *>(const_cast<struct __RtXMLNode *>(node)) -
+                                        offsetof(TreeNode, fNodeHeader));
 }
 inline RtTreeRef treeOfNode(TreeNode *n) {
     return reinterpret_cast<RtTreeRef>(&n->fTreeHeader);
@@ -157,7 +159,8 @@ struct InputPlan {
 // Decides the charset (override, when not kRtStringEncodingInvalidId, else the byte-order mark
 // or the declaration) and transcodes through ICU what expat cannot read. False with error set
 // when the bytes are not valid in the charset or the override is unknown.
-bool planInput(const uint8_t *bytes, size_t length, RtStringEncoding override, InputPlan &plan, ParseError &error);
+bool planInput(const uint8_t *bytes, size_t length, RtStringEncoding override, InputPlan &plan,
+               ParseError &error);
 
 // Parses plan's bytes into root's document. False with error set on any failure. With drain,
 // the children of the element it accepts are handed over and removed as they complete (see

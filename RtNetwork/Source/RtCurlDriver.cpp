@@ -62,14 +62,17 @@ CurlDriver::CurlDriver(RtRunLoopRef loop, CURLM *multi) : fLoop(loop), fMulti(mu
 CurlDriver::~CurlDriver() {
     // Cleaning up closes the cached connections; their sockets come back through
     // _socketCallback, which drops their watchers.
-    for (CURL *easy : fSpareEasy) curl_easy_cleanup(easy);
+    for (CURL *easy : fSpareEasy)
+        curl_easy_cleanup(easy);
     releaseHeaderList(fLastHeaders);
     releaseParsedURL(fLastURL);
     curl_multi_cleanup(fMulti);
-    while (!fWatchers.empty()) dropWatcher(fWatchers.begin()->first);
+    while (!fWatchers.empty())
+        dropWatcher(fWatchers.begin()->first);
     RtRunLoopTimerInvalidate(fTimer);
     RtRelease(fTimer);
-    for (ModeUse &use : fModes) RtRelease(use.fMode);
+    for (ModeUse &use : fModes)
+        RtRelease(use.fMode);
     RtRelease(fLoop);
 }
 
@@ -77,9 +80,13 @@ void CurlDriver::release() {
     if (--fRefs == 0) delete this;
 }
 
-bool CurlDriver::add(CURL *easy) { return curl_multi_add_handle(fMulti, easy) == CURLM_OK; }
+bool CurlDriver::add(CURL *easy) {
+    return curl_multi_add_handle(fMulti, easy) == CURLM_OK;
+}
 
-void CurlDriver::remove(CURL *easy) { curl_multi_remove_handle(fMulti, easy); }
+void CurlDriver::remove(CURL *easy) {
+    curl_multi_remove_handle(fMulti, easy);
+}
 
 CURL *CurlDriver::takeEasy() {
     if (fSpareEasy.empty()) return curl_easy_init();
@@ -138,8 +145,8 @@ CurlParsedURL *CurlDriver::shareParsedURL(const std::string &text) {
     }
     CURLU *handle = curl_url();
     // The flags libcurl itself parses CURLOPT_URL with.
-    if (!handle || curl_url_set(handle, CURLUPART_URL, text.c_str(), CURLU_GUESS_SCHEME | CURLU_NON_SUPPORT_SCHEME) !=
-                       CURLUE_OK) {
+    if (!handle || curl_url_set(handle, CURLUPART_URL, text.c_str(),
+                                CURLU_GUESS_SCHEME | CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK) {
         curl_url_cleanup(handle);
         return nullptr;
     }
@@ -164,7 +171,8 @@ void CurlDriver::activateMode(RtStringRef mode) {
         if (RtEqual(use.fMode, mode)) {
             if (use.fCount++ == 0) {
                 RtRunLoopAddTimer(fLoop, fTimer, use.fMode);
-                for (auto &entry : fWatchers) RtRunLoopAddFileDescriptor(fLoop, entry.second, use.fMode);
+                for (auto &entry : fWatchers)
+                    RtRunLoopAddFileDescriptor(fLoop, entry.second, use.fMode);
             }
             return;
         }
@@ -172,7 +180,8 @@ void CurlDriver::activateMode(RtStringRef mode) {
     RtStringRef copy = RtStringCreateCopy(kRtAllocatorDefault, mode);
     fModes.push_back({copy, 1});
     RtRunLoopAddTimer(fLoop, fTimer, copy);
-    for (auto &entry : fWatchers) RtRunLoopAddFileDescriptor(fLoop, entry.second, copy);
+    for (auto &entry : fWatchers)
+        RtRunLoopAddFileDescriptor(fLoop, entry.second, copy);
 }
 
 void CurlDriver::deactivateMode(RtStringRef mode) {
@@ -180,7 +189,8 @@ void CurlDriver::deactivateMode(RtStringRef mode) {
         if (!RtEqual(use.fMode, mode) || use.fCount == 0) continue;
         if (--use.fCount == 0) {
             RtRunLoopRemoveTimer(fLoop, fTimer, use.fMode);
-            for (auto &entry : fWatchers) RtRunLoopRemoveFileDescriptor(fLoop, entry.second, use.fMode);
+            for (auto &entry : fWatchers)
+                RtRunLoopRemoveFileDescriptor(fLoop, entry.second, use.fMode);
         }
         return;
     }

@@ -68,8 +68,8 @@ void _finalizeMessage(RtTypeRef obj) {
     ms.~MessageState();
 }
 
-const RtRuntimeClass sMessageClass = {0, "RtHTTPMessage", nullptr, nullptr, _finalizeMessage,
-                                      nullptr, nullptr, nullptr, nullptr};
+const RtRuntimeClass sMessageClass = {0,       "RtHTTPMessage", nullptr, nullptr, _finalizeMessage,
+                                      nullptr, nullptr,         nullptr, nullptr};
 std::atomic<RtTypeID> gMessageTypeID{kRtNotATypeID};
 
 RtHTTPMessageRef createMessage(bool isRequest) {
@@ -82,13 +82,18 @@ RtHTTPMessageRef createMessage(bool isRequest) {
     return m;
 }
 
-bool isMessage(RtHTTPMessageRef m) { return m && RtGetTypeID(m) == RtHTTPMessageGetTypeID(); }
+bool isMessage(RtHTTPMessageRef m) {
+    return m && RtGetTypeID(m) == RtHTTPMessageGetTypeID();
+}
 
 // Text from the wire: UTF-8 when it is valid, else ISO Latin 1 (every byte maps).
 RtStringRef stringFromBytes(std::string_view bytes) {
     auto *p = reinterpret_cast<const uint8_t *>(bytes.data());
-    RtStringRef s = RtStringCreateWithBytes(kRtAllocatorDefault, p, RtIndex(bytes.size()), kRtStringEncodingUTF8, false);
-    return s ? s : RtStringCreateWithBytes(kRtAllocatorDefault, p, RtIndex(bytes.size()), kRtStringEncodingISOLatin1, false);
+    RtStringRef s =
+        RtStringCreateWithBytes(kRtAllocatorDefault, p, RtIndex(bytes.size()), kRtStringEncodingUTF8, false);
+    return s ? s
+             : RtStringCreateWithBytes(kRtAllocatorDefault, p, RtIndex(bytes.size()),
+                                       kRtStringEncodingISOLatin1, false);
 }
 
 RtStringRef versionString(std::string_view v) {
@@ -99,21 +104,54 @@ RtStringRef versionString(std::string_view v) {
 
 const char *reasonPhrase(int32_t code) {
     //                         code  phrase
-    static const struct { int32_t fCode; const char *fPhrase; } sReasons[] = {
-        {100, "Continue"}, {101, "Switching Protocols"}, {200, "OK"}, {201, "Created"},
-        {202, "Accepted"}, {203, "Non-Authoritative Information"}, {204, "No Content"},
-        {205, "Reset Content"}, {206, "Partial Content"}, {300, "Multiple Choices"},
-        {301, "Moved Permanently"}, {302, "Found"}, {303, "See Other"}, {304, "Not Modified"},
-        {305, "Use Proxy"}, {307, "Temporary Redirect"}, {308, "Permanent Redirect"},
-        {400, "Bad Request"}, {401, "Unauthorized"}, {402, "Payment Required"}, {403, "Forbidden"},
-        {404, "Not Found"}, {405, "Method Not Allowed"}, {406, "Not Acceptable"},
-        {407, "Proxy Authentication Required"}, {408, "Request Timeout"}, {409, "Conflict"},
-        {410, "Gone"}, {411, "Length Required"}, {412, "Precondition Failed"},
-        {413, "Content Too Large"}, {414, "URI Too Long"}, {415, "Unsupported Media Type"},
-        {416, "Range Not Satisfiable"}, {417, "Expectation Failed"}, {421, "Misdirected Request"},
-        {422, "Unprocessable Content"}, {426, "Upgrade Required"}, {500, "Internal Server Error"},
-        {501, "Not Implemented"}, {502, "Bad Gateway"}, {503, "Service Unavailable"},
-        {504, "Gateway Timeout"}, {505, "HTTP Version Not Supported"},
+    static const struct {
+        int32_t fCode;
+        const char *fPhrase;
+    } sReasons[] = {
+        {100, "Continue"},
+        {101, "Switching Protocols"},
+        {200, "OK"},
+        {201, "Created"},
+        {202, "Accepted"},
+        {203, "Non-Authoritative Information"},
+        {204, "No Content"},
+        {205, "Reset Content"},
+        {206, "Partial Content"},
+        {300, "Multiple Choices"},
+        {301, "Moved Permanently"},
+        {302, "Found"},
+        {303, "See Other"},
+        {304, "Not Modified"},
+        {305, "Use Proxy"},
+        {307, "Temporary Redirect"},
+        {308, "Permanent Redirect"},
+        {400, "Bad Request"},
+        {401, "Unauthorized"},
+        {402, "Payment Required"},
+        {403, "Forbidden"},
+        {404, "Not Found"},
+        {405, "Method Not Allowed"},
+        {406, "Not Acceptable"},
+        {407, "Proxy Authentication Required"},
+        {408, "Request Timeout"},
+        {409, "Conflict"},
+        {410, "Gone"},
+        {411, "Length Required"},
+        {412, "Precondition Failed"},
+        {413, "Content Too Large"},
+        {414, "URI Too Long"},
+        {415, "Unsupported Media Type"},
+        {416, "Range Not Satisfiable"},
+        {417, "Expectation Failed"},
+        {421, "Misdirected Request"},
+        {422, "Unprocessable Content"},
+        {426, "Upgrade Required"},
+        {500, "Internal Server Error"},
+        {501, "Not Implemented"},
+        {502, "Bad Gateway"},
+        {503, "Service Unavailable"},
+        {504, "Gateway Timeout"},
+        {505, "HTTP Version Not Supported"},
     };
     for (const auto &r : sReasons)
         if (r.fCode == code) return r.fPhrase;
@@ -121,24 +159,28 @@ const char *reasonPhrase(int32_t code) {
 }
 
 bool isToken(std::string_view s) {
-    return !s.empty() &&
-           std::all_of(s.begin(), s.end(), [](char c) { return rt::isHTTPTokenChar(static_cast<unsigned char>(c)); });
+    return !s.empty() && std::all_of(s.begin(), s.end(), [](char c) {
+        return rt::isHTTPTokenChar(static_cast<unsigned char>(c));
+    });
 }
 
 std::string_view trimSpace(std::string_view s) {
-    while (!s.empty() && (s.front() == ' ' || s.front() == '\t')) s.remove_prefix(1);
-    while (!s.empty() && (s.back() == ' ' || s.back() == '\t')) s.remove_suffix(1);
+    while (!s.empty() && (s.front() == ' ' || s.front() == '\t'))
+        s.remove_prefix(1);
+    while (!s.empty() && (s.back() == ' ' || s.back() == '\t'))
+        s.remove_suffix(1);
     return s;
 }
 
 bool isHTTPVersion(std::string_view v) {
-    return v.size() == 8 && v.substr(0, 5) == "HTTP/" && v[5] >= '0' && v[5] <= '9' && v[6] == '.' && v[7] >= '0' &&
-           v[7] <= '9';
+    return v.size() == 8 && v.substr(0, 5) == "HTTP/" && v[5] >= '0' && v[5] <= '9' && v[6] == '.' &&
+           v[7] >= '0' && v[7] <= '9';
 }
 
 Header *findHeader(MessageState &ms, RtStringRef name) {
     for (Header &h : ms.fHeaders)
-        if (h.fName == name || RtStringCompare(h.fName, name, kRtCompareCaseInsensitive) == kRtCompareEqualTo) return &h;
+        if (h.fName == name || RtStringCompare(h.fName, name, kRtCompareCaseInsensitive) == kRtCompareEqualTo)
+            return &h;
     return nullptr;
 }
 
@@ -149,7 +191,8 @@ void setHeader(MessageState &ms, RtStringRef name, RtStringRef value) {
         RtRelease(old);
         return;
     }
-    ms.fHeaders.push_back({RtStringCreateCopy(kRtAllocatorDefault, name), RtStringCreateCopy(kRtAllocatorDefault, value)});
+    ms.fHeaders.push_back(
+        {RtStringCreateCopy(kRtAllocatorDefault, name), RtStringCreateCopy(kRtAllocatorDefault, value)});
 }
 
 bool parseStartLine(MessageState &ms, std::string_view line) {
@@ -297,7 +340,8 @@ BodyView httpBody(RtHTTPMessageRef message) {
 RtHTTPMessageRef createResponseFromHead(std::string_view head) {
     RtHTTPMessageRef m = createMessage(false);
     if (!m) return nullptr;
-    while (!head.empty() && (head.back() == '\n' || head.back() == '\r')) head.remove_suffix(1);
+    while (!head.empty() && (head.back() == '\n' || head.back() == '\r'))
+        head.remove_suffix(1);
     if (head.size() > kMaxHeadBytes || !parseHead(m->fState, head, true)) {
         RtRelease(m);
         return nullptr;
@@ -306,9 +350,15 @@ RtHTTPMessageRef createResponseFromHead(std::string_view head) {
     return m;
 }
 
-RtIndex httpHeaderCount(RtHTTPMessageRef message) { return RtIndex(message->fState.fHeaders.size()); }
-RtStringRef httpHeaderName(RtHTTPMessageRef message, RtIndex index) { return message->fState.fHeaders[size_t(index)].fName; }
-RtStringRef httpHeaderValue(RtHTTPMessageRef message, RtIndex index) { return message->fState.fHeaders[size_t(index)].fValue; }
+RtIndex httpHeaderCount(RtHTTPMessageRef message) {
+    return RtIndex(message->fState.fHeaders.size());
+}
+RtStringRef httpHeaderName(RtHTTPMessageRef message, RtIndex index) {
+    return message->fState.fHeaders[size_t(index)].fName;
+}
+RtStringRef httpHeaderValue(RtHTTPMessageRef message, RtIndex index) {
+    return message->fState.fHeaders[size_t(index)].fValue;
+}
 
 } // namespace rt
 
@@ -335,8 +385,8 @@ RtHTTPMessageRef RtHTTPMessageCreateRequest(RtAllocatorRef, RtStringRef requestM
     return m;
 }
 
-RtHTTPMessageRef RtHTTPMessageCreateResponse(RtAllocatorRef, int32_t statusCode, RtStringRef statusDescription,
-                                             RtStringRef httpVersion) {
+RtHTTPMessageRef RtHTTPMessageCreateResponse(RtAllocatorRef, int32_t statusCode,
+                                             RtStringRef statusDescription, RtStringRef httpVersion) {
     RtHTTPMessageRef m = createMessage(false);
     if (!m) return nullptr;
     MessageState &ms = m->fState;
@@ -354,7 +404,9 @@ RtHTTPMessageRef RtHTTPMessageCreateResponse(RtAllocatorRef, int32_t statusCode,
     return m;
 }
 
-RtHTTPMessageRef RtHTTPMessageCreateEmpty(RtAllocatorRef, bool isRequest) { return createMessage(isRequest); }
+RtHTTPMessageRef RtHTTPMessageCreateEmpty(RtAllocatorRef, bool isRequest) {
+    return createMessage(isRequest);
+}
 
 RtHTTPMessageRef RtHTTPMessageCreateCopy(RtAllocatorRef, RtHTTPMessageRef message) {
     if (!isMessage(message)) return nullptr;
@@ -415,7 +467,8 @@ bool RtHTTPMessageAppendBytes(RtHTTPMessageRef message, const uint8_t *newBytes,
     }
     ms.fHeaderComplete = true;
     if (ms.fIsRequest) makeRequestURL(ms);
-    appendBody(ms, reinterpret_cast<const uint8_t *>(ms.fHead.data()) + bodyAt, RtIndex(ms.fHead.size() - bodyAt));
+    appendBody(ms, reinterpret_cast<const uint8_t *>(ms.fHead.data()) + bodyAt,
+               RtIndex(ms.fHead.size() - bodyAt));
     std::string().swap(ms.fHead);
     return true;
 }
@@ -459,11 +512,16 @@ RtDataRef RtHTTPMessageCopySerializedMessage(RtHTTPMessageRef message) {
         out += "\r\n";
     }
     out += "\r\n";
-    if (ms.fBody) out.append(reinterpret_cast<const char *>(RtDataGetBytePtr(ms.fBody)), size_t(RtDataGetLength(ms.fBody)));
-    return RtDataCreate(kRtAllocatorDefault, reinterpret_cast<const uint8_t *>(out.data()), RtIndex(out.size()));
+    if (ms.fBody)
+        out.append(reinterpret_cast<const char *>(RtDataGetBytePtr(ms.fBody)),
+                   size_t(RtDataGetLength(ms.fBody)));
+    return RtDataCreate(kRtAllocatorDefault, reinterpret_cast<const uint8_t *>(out.data()),
+                        RtIndex(out.size()));
 }
 
-bool RtHTTPMessageIsRequest(RtHTTPMessageRef message) { return isMessage(message) && message->fState.fIsRequest; }
+bool RtHTTPMessageIsRequest(RtHTTPMessageRef message) {
+    return isMessage(message) && message->fState.fIsRequest;
+}
 
 RtStringRef RtHTTPMessageCopyVersion(RtHTTPMessageRef message) {
     return isMessage(message) ? static_cast<RtStringRef>(RtRetain(message->fState.fVersion)) : nullptr;
@@ -494,7 +552,9 @@ void RtHTTPMessageSetBody(RtHTTPMessageRef message, RtDataRef bodyData) {
     RtRelease(old);
 }
 
-RtDataRef RtHTTPMessageCopyBody(RtHTTPMessageRef message) { return isMessage(message) ? shareBody(message->fState) : nullptr; }
+RtDataRef RtHTTPMessageCopyBody(RtHTTPMessageRef message) {
+    return isMessage(message) ? shareBody(message->fState) : nullptr;
+}
 
 void RtHTTPMessageSetHeaderFieldValue(RtHTTPMessageRef message, RtStringRef headerField, RtStringRef value) {
     if (!isMessage(message) || !headerField) return;
@@ -521,8 +581,9 @@ RtStringRef RtHTTPMessageCopyHeaderFieldValue(RtHTTPMessageRef message, RtString
 
 RtDictionaryRef RtHTTPMessageCopyAllHeaderFields(RtHTTPMessageRef message) {
     if (!isMessage(message)) return nullptr;
-    RtMutableDictionaryRef dict = RtDictionaryCreateMutable(kRtAllocatorDefault, 0, &kRtTypeDictionaryKeyCallBacks,
-                                                            &kRtTypeDictionaryValueCallBacks);
-    for (const Header &h : message->fState.fHeaders) RtDictionarySetValue(dict, h.fName, h.fValue);
+    RtMutableDictionaryRef dict = RtDictionaryCreateMutable(
+        kRtAllocatorDefault, 0, &kRtTypeDictionaryKeyCallBacks, &kRtTypeDictionaryValueCallBacks);
+    for (const Header &h : message->fState.fHeaders)
+        RtDictionarySetValue(dict, h.fName, h.fValue);
     return dict;
 }

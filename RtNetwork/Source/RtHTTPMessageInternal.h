@@ -10,8 +10,7 @@
 namespace rt {
 
 // Calls visit(name, value) for each header field in order (borrowed strings).
-template <class Visit>
-void forEachHeader(RtHTTPMessageRef message, Visit visit);
+template <class Visit> void forEachHeader(RtHTTPMessageRef message, Visit visit);
 
 // The body bytes (borrowed; valid while the message lives unchanged), or {nullptr, 0}.
 struct BodyView {
@@ -23,10 +22,10 @@ RtIndex httpHeaderCount(RtHTTPMessageRef message);
 RtStringRef httpHeaderName(RtHTTPMessageRef message, RtIndex index);
 RtStringRef httpHeaderValue(RtHTTPMessageRef message, RtIndex index);
 
-template <class Visit>
-void forEachHeader(RtHTTPMessageRef message, Visit visit) {
+template <class Visit> void forEachHeader(RtHTTPMessageRef message, Visit visit) {
     RtIndex n = httpHeaderCount(message);
-    for (RtIndex i = 0; i < n; i++) visit(httpHeaderName(message, i), httpHeaderValue(message, i));
+    for (RtIndex i = 0; i < n; i++)
+        visit(httpHeaderName(message, i), httpHeaderValue(message, i));
 }
 
 // A complete response from a head as received (status line and fields, line ends included);
@@ -47,7 +46,9 @@ struct HTTPTokenTable {
     }
 };
 inline constexpr HTTPTokenTable kHTTPTokenTable;
-inline bool isHTTPTokenChar(unsigned char c) { return kHTTPTokenTable.fIsToken[c]; }
+inline bool isHTTPTokenChar(unsigned char c) {
+    return kHTTPTokenTable.fIsToken[c];
+}
 
 // Appends str's UTF-8 bytes to out.
 void appendUTF8(std::string &out, RtStringRef str);

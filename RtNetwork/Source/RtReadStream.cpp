@@ -22,13 +22,17 @@
 #include <string_view>
 #include <vector>
 
-const RtStringRef kRtStreamPropertyHTTPResponseHeader = __RtStringMakeConstantString("kRtStreamPropertyHTTPResponseHeader");
+const RtStringRef kRtStreamPropertyHTTPResponseHeader =
+    __RtStringMakeConstantString("kRtStreamPropertyHTTPResponseHeader");
 const RtStringRef kRtStreamPropertyHTTPProxy = __RtStringMakeConstantString("kRtStreamPropertyHTTPProxy");
-const RtStringRef kRtStreamPropertyHTTPProxyHost = __RtStringMakeConstantString("kRtStreamPropertyHTTPProxyHost");
-const RtStringRef kRtStreamPropertyHTTPProxyPort = __RtStringMakeConstantString("kRtStreamPropertyHTTPProxyPort");
+const RtStringRef kRtStreamPropertyHTTPProxyHost =
+    __RtStringMakeConstantString("kRtStreamPropertyHTTPProxyHost");
+const RtStringRef kRtStreamPropertyHTTPProxyPort =
+    __RtStringMakeConstantString("kRtStreamPropertyHTTPProxyPort");
 const RtStringRef kRtStreamPropertyHTTPShouldAutoredirect =
     __RtStringMakeConstantString("kRtStreamPropertyHTTPShouldAutoredirect");
-const RtStringRef kRtStreamPropertyHTTPFinalURL = __RtStringMakeConstantString("kRtStreamPropertyHTTPFinalURL");
+const RtStringRef kRtStreamPropertyHTTPFinalURL =
+    __RtStringMakeConstantString("kRtStreamPropertyHTTPFinalURL");
 
 namespace {
 
@@ -61,13 +65,13 @@ struct StreamState final : rt::CurlTransfer {
     bool fInMulti = false;
     rt::CurlHeaderList *fHeaders = nullptr;  // shared through the driver
     rt::CurlParsedURL *fParsedURL = nullptr; // shared through the driver; NULL: CURLOPT_URL
-    std::vector<RtStringRef> fActiveModes; // modes this stream activated on the driver
+    std::vector<RtStringRef> fActiveModes;   // modes this stream activated on the driver
     std::string fURLText, fMethodText;
 
-    std::string fHead;    // the head being received
+    std::string fHead; // the head being received
     bool fInHead = false;
     RtHTTPMessageRef fResponse = nullptr;
-    std::string fBuffer;  // body bytes; fBuffer[fReadPos...] not yet read
+    std::string fBuffer; // body bytes; fBuffer[fReadPos...] not yet read
     size_t fReadPos = 0;
     bool fConnected = false;
     bool fTransferDone = false;
@@ -111,12 +115,17 @@ void _finalizeStream(RtTypeRef obj) {
     st.~StreamState();
 }
 
-const RtRuntimeClass sStreamClass = {0, "RtReadStream", nullptr, nullptr, _finalizeStream, nullptr, nullptr, nullptr, nullptr};
+const RtRuntimeClass sStreamClass = {0,       "RtReadStream", nullptr, nullptr, _finalizeStream,
+                                     nullptr, nullptr,        nullptr, nullptr};
 std::atomic<RtTypeID> gStreamTypeID{kRtNotATypeID};
 
-bool isStream(RtReadStreamRef s) { return s && RtGetTypeID(s) == RtReadStreamGetTypeID(); }
+bool isStream(RtReadStreamRef s) {
+    return s && RtGetTypeID(s) == RtReadStreamGetTypeID();
+}
 
-bool sameMode(RtStringRef a, RtStringRef b) { return a == b || RtEqual(a, b); }
+bool sameMode(RtStringRef a, RtStringRef b) {
+    return a == b || RtEqual(a, b);
+}
 
 // Marks events pending and signals the delivery source. The loop's own thread reaches the
 // source before it sleeps again; another thread's loop is woken.
@@ -129,7 +138,8 @@ void post(StreamState &st, RtStreamEventType events) {
 }
 
 void releaseClient(StreamState &st) {
-    if (st.fClientContext.release && st.fClientContext.info) st.fClientContext.release(st.fClientContext.info);
+    if (st.fClientContext.release && st.fClientContext.info)
+        st.fClientContext.release(st.fClientContext.info);
     st.fClientContext = RtStreamClientContext{};
     st.fClientCB = nullptr;
     st.fClientEvents = 0;
@@ -208,7 +218,7 @@ size_t _headerCallback(char *buffer, size_t size, size_t count, void *userdata) 
     size_t n = size * count;
     std::string_view line(buffer, n);
     if (line.substr(0, 5) == "HTTP/") { // each response (redirect, interim, final) starts afresh
-        st.fHead.reserve(512);             // a usual head at once, instead of growing by lines
+        st.fHead.reserve(512);          // a usual head at once, instead of growing by lines
         st.fHead.assign(line);
         st.fInHead = true;
         return n;
@@ -266,7 +276,8 @@ void _deliver(void *info) {
             event = kRtStreamEventOpenCompleted;
         } else if (st.fPending & kRtStreamEventHasBytesAvailable) {
             st.fPending &= ~RtStreamEventType(kRtStreamEventHasBytesAvailable);
-            if (st.buffered() > 0 && st.fStatus != kRtStreamStatusError) event = kRtStreamEventHasBytesAvailable;
+            if (st.buffered() > 0 && st.fStatus != kRtStreamStatusError)
+                event = kRtStreamEventHasBytesAvailable;
         } else if (st.fPending & kRtStreamEventErrorOccurred) {
             st.fPending &= ~RtStreamEventType(kRtStreamEventErrorOccurred);
             event = kRtStreamEventErrorOccurred;
@@ -278,7 +289,8 @@ void _deliver(void *info) {
                 event = kRtStreamEventEndEncountered;
             }
         }
-        if (event && st.fClientCB && (st.fClientEvents & event)) st.fClientCB(stream, event, st.fClientContext.info);
+        if (event && st.fClientCB && (st.fClientEvents & event))
+            st.fClientCB(stream, event, st.fClientContext.info);
     }
     RtRelease(stream);
 }
@@ -296,7 +308,8 @@ bool equalsIgnoringCase(const std::string &a, const char *b) {
     size_t n = std::strlen(b);
     if (a.size() != n) return false;
     for (size_t i = 0; i < n; i++)
-        if (std::tolower(static_cast<unsigned char>(a[i])) != std::tolower(static_cast<unsigned char>(b[i]))) return false;
+        if (std::tolower(static_cast<unsigned char>(a[i])) != std::tolower(static_cast<unsigned char>(b[i])))
+            return false;
     return true;
 }
 
@@ -334,8 +347,10 @@ void headerLines(RtHTTPMessageRef request, std::string &lines) {
         lines += '\0';
     });
     //                       field libcurl would add   the message has its own
-    const struct { const char *fBlank; bool fPresent; } suppressed[] = {
-        {"Accept:", hasAccept}, {"Expect:", hasExpect}, {"Content-Type:", hasContentType}};
+    const struct {
+        const char *fBlank;
+        bool fPresent;
+    } suppressed[] = {{"Accept:", hasAccept}, {"Expect:", hasExpect}, {"Content-Type:", hasContentType}};
     for (const auto &s : suppressed) {
         if (s.fPresent) continue;
         lines += s.fBlank;
@@ -370,7 +385,9 @@ int configureTransfer(StreamState &st) {
     if (!st.fHeaders) return ENOMEM;
 
     bool ok = true;
-    auto set = [&](CURLoption option, auto value) { ok = ok && curl_easy_setopt(e, option, value) == CURLE_OK; };
+    auto set = [&](CURLoption option, auto value) {
+        ok = ok && curl_easy_setopt(e, option, value) == CURLE_OK;
+    };
     st.fParsedURL = st.fDriver->shareParsedURL(st.fURLText);
     if (st.fParsedURL)
         set(CURLOPT_CURLU, st.fParsedURL->fHandle);
@@ -444,14 +461,16 @@ RtTypeID RtReadStreamGetTypeID(void) {
 }
 
 RtReadStreamRef RtReadStreamCreateForHTTPRequest(RtAllocatorRef, RtHTTPMessageRef request) {
-    if (!request || RtGetTypeID(request) != RtHTTPMessageGetTypeID() || !RtHTTPMessageIsRequest(request)) return nullptr;
+    if (!request || RtGetTypeID(request) != RtHTTPMessageGetTypeID() || !RtHTTPMessageIsRequest(request))
+        return nullptr;
     auto *stream = static_cast<__RtReadStream *>(const_cast<void *>(RtRuntimeCreateInstance(
         nullptr, RtReadStreamGetTypeID(), RtIndex(sizeof(__RtReadStream) - sizeof(RtRuntimeBase)))));
     if (!stream) return nullptr;
     StreamState &st = *new (&stream->fState) StreamState();
     st.fRequest = RtHTTPMessageCreateCopy(kRtAllocatorDefault, request);
     // The source does not retain the stream: the stream owns the source.
-    RtRunLoopSourceContext ctx = {0, stream, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, _deliver};
+    RtRunLoopSourceContext ctx = {0,       stream,  nullptr, nullptr, nullptr,
+                                  nullptr, nullptr, nullptr, nullptr, _deliver};
     st.fSource = RtRunLoopSourceCreate(kRtAllocatorDefault, 0, &ctx);
     if (!st.fRequest || !st.fSource) {
         RtRelease(stream);
@@ -460,8 +479,8 @@ RtReadStreamRef RtReadStreamCreateForHTTPRequest(RtAllocatorRef, RtHTTPMessageRe
     return stream;
 }
 
-bool RtReadStreamSetClient(RtReadStreamRef stream, RtOptionFlags streamEvents, RtReadStreamClientCallBack clientCB,
-                           RtStreamClientContext *clientContext) {
+bool RtReadStreamSetClient(RtReadStreamRef stream, RtOptionFlags streamEvents,
+                           RtReadStreamClientCallBack clientCB, RtStreamClientContext *clientContext) {
     if (!isStream(stream)) return false;
     StreamState &st = stream->fState;
     RtStreamClientContext fresh{};
@@ -490,7 +509,8 @@ void RtReadStreamScheduleWithRunLoop(RtReadStreamRef stream, RtRunLoopRef runLoo
     if (st.fInMulti) activateModes(st);
 }
 
-void RtReadStreamUnscheduleFromRunLoop(RtReadStreamRef stream, RtRunLoopRef runLoop, RtStringRef runLoopMode) {
+void RtReadStreamUnscheduleFromRunLoop(RtReadStreamRef stream, RtRunLoopRef runLoop,
+                                       RtStringRef runLoopMode) {
     if (!isStream(stream) || !runLoop || !runLoopMode) return;
     StreamState &st = stream->fState;
     for (auto it = st.fSchedules.begin(); it != st.fSchedules.end(); ++it) {
@@ -556,7 +576,8 @@ RtIndex RtReadStreamRead(RtReadStreamRef stream, uint8_t *buffer, RtIndex buffer
 }
 
 bool RtReadStreamHasBytesAvailable(RtReadStreamRef stream) {
-    return isStream(stream) && stream->fState.fStatus != kRtStreamStatusClosed && stream->fState.buffered() > 0;
+    return isStream(stream) && stream->fState.fStatus != kRtStreamStatusClosed &&
+           stream->fState.buffered() > 0;
 }
 
 RtStreamStatus RtReadStreamGetStatus(RtReadStreamRef stream) {
@@ -613,7 +634,8 @@ bool RtReadStreamSetProperty(RtReadStreamRef stream, RtStringRef propertyName, R
     if (RtEqual(propertyName, kRtStreamPropertyHTTPProxy)) {
         if (propertyValue && RtGetTypeID(propertyValue) != RtDictionaryGetTypeID()) return false;
         RtRelease(st.fProxy);
-        st.fProxy = propertyValue ? RtDictionaryCreateCopy(kRtAllocatorDefault, static_cast<RtDictionaryRef>(propertyValue))
+        st.fProxy = propertyValue ? RtDictionaryCreateCopy(kRtAllocatorDefault,
+                                                           static_cast<RtDictionaryRef>(propertyValue))
                                   : nullptr;
         return true;
     }

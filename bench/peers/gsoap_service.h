@@ -3,11 +3,11 @@
 // reply); putRecords sends one (written by the benchmark). The array holds pointers so that
 // the reader can resolve href/id multi-references.
 
-//gsoap ns service name: records
-//gsoap ns service namespace: urn:records
-//gsoap ns service style: rpc
-//gsoap ns service encoding: encoded
-//gsoap ns schema namespace: urn:records
+// gsoap ns service name: records
+// gsoap ns service namespace: urn:records
+// gsoap ns service style: rpc
+// gsoap ns service encoding: encoded
+// gsoap ns schema namespace: urn:records
 
 typedef char *xsd__string;
 typedef int xsd__int;

@@ -7,21 +7,19 @@
 
 // An invocation with no protocol: no message, no reply; its source is a plain ClosureSource.
 class RecordingInvocation : public HalvoMethodInvocation {
-public:
+  public:
     explicit RecordingInvocation(bool *destroyed = nullptr, RtTypeRef *refAtDestruction = nullptr)
         : fDestroyed(destroyed), fRefAtDestruction(refAtDestruction) {}
     ~RecordingInvocation() override {
-        if (fDestroyed)
-            *fDestroyed = true;
-        if (fRefAtDestruction)
-            *fRefAtDestruction = getRtRef();
+        if (fDestroyed) *fDestroyed = true;
+        if (fRefAtDestruction) *fRefAtDestruction = getRtRef();
     }
     RtDictionaryRef copyAgreement() override { return nullptr; }
     RtDataRef constructMessage(AutoString &) override { return nullptr; }
     void parseReply(HalvoResult *, RtTreeRef) override {}
     HVRunLoopSource *createRunLoopSource() override { return new ClosureSource(this); }
 
-private:
+  private:
     bool *fDestroyed;
     RtTypeRef *fRefAtDestruction;
 };
@@ -37,7 +35,9 @@ inline const void *countingRetain(const void *info) {
     return info;
 }
 
-inline void countingRelease(const void *info) { static_cast<ContextCounts *>(const_cast<void *>(info))->releases++; }
+inline void countingRelease(const void *info) {
+    static_cast<ContextCounts *>(const_cast<void *>(info))->releases++;
+}
 
 inline HVClientContext countingContext(ContextCounts *counts) {
     return HVClientContext{0, counts, countingRetain, countingRelease, nullptr};

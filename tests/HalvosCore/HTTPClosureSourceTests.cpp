@@ -10,7 +10,7 @@ namespace {
 
 // An invocation whose serializer fails; its source is the HTTP transport.
 class NoBodyInvocation : public HalvoMethodInvocation {
-public:
+  public:
     NoBodyInvocation() { setServiceEndpoint(AutoURL("http://127.0.0.1:9/RPC2").getURL()); }
     RtDictionaryRef copyAgreement() override { return nullptr; }
     RtDataRef constructMessage(AutoString &) override { return nullptr; }
@@ -37,7 +37,7 @@ RtTypeRef streamMessage(RtDictionaryRef result) {
 }
 
 class HTTPClosureSourceTest : public testing::Test {
-protected:
+  protected:
     void SetUp() override {
         HVClientContext context = {0, &fDeliveries, nullptr, nullptr, nullptr};
         fInvocation.setCallback(_keep, &context);
@@ -45,7 +45,9 @@ protected:
         // Signals need a runtime source in some loop; this mode is never run.
         fSource->addToRunLoop(RtRunLoopGetCurrent(), RTSTR("HTTPClosureSourceTest"));
     }
-    void TearDown() override { fSource->removeFromRunLoop(RtRunLoopGetCurrent(), RTSTR("HTTPClosureSourceTest")); }
+    void TearDown() override {
+        fSource->removeFromRunLoop(RtRunLoopGetCurrent(), RTSTR("HTTPClosureSourceTest"));
+    }
 
     NoBodyInvocation fInvocation;
     HTTPClosureSource *fSource = nullptr;

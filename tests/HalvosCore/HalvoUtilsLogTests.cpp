@@ -27,7 +27,8 @@ TEST_F(LogTest, TaggedLinesOnlyWhenDebugIsOnAndUntaggedPrinters) {
     EXPECT_EQ(capture([] { EXPECT_EQ(_hvLogf("value %d %@", 5, RTSTR("x")), 0); }), tag + "value 5 x\n");
     // Characters outside the default 8-bit encoding print as "."; the text is never cut.
     EXPECT_EQ(capture([] {
-                  Owned<RtStringRef> s(newString("a\xE4\xB8\xAD\xE4\xB8\xAD" "b"));
+                  Owned<RtStringRef> s(newString("a\xE4\xB8\xAD\xE4\xB8\xAD"
+                                                 "b"));
                   _hvLogf("%@", s.get());
               }),
               tag + "a..b\n");
@@ -45,9 +46,11 @@ TEST(LogDeathTest, SwitchesComeFromTheEnvironmentOnceAtTheFirstCreate) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const struct {
         const char *debug, *verbose;
-        int switches;      // gHVDebug * 2 + gHVDebugVerbose
-        const char *log;   // what the child prints
-    } rows[] = {{"", nullptr, 2, "^HV \\([0-9]+\\): after-create\n$"}, {nullptr, "1", 1, "^$"}, {nullptr, nullptr, 0, "^$"}};
+        int switches;    // gHVDebug * 2 + gHVDebugVerbose
+        const char *log; // what the child prints
+    } rows[] = {{"", nullptr, 2, "^HV \\([0-9]+\\): after-create\n$"},
+                {nullptr, "1", 1, "^$"},
+                {nullptr, nullptr, 0, "^$"}};
     for (const auto &row : rows) {
         EXPECT_EXIT(
             {

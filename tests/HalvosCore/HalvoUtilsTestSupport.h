@@ -13,19 +13,18 @@ namespace hvutils_test {
 
 // Owns one reference and releases it at the end of the scope.
 template <class T> class Owned {
-public:
+  public:
     Owned(T ref = nullptr) : fRef(ref) {}
     Owned(const Owned &) = delete;
     Owned &operator=(const Owned &) = delete;
     ~Owned() {
-        if (fRef)
-            RtRelease(fRef);
+        if (fRef) RtRelease(fRef);
     }
     operator T() const { return fRef; }
     T get() const { return fRef; }
     T *out() { return &fRef; }
 
-private:
+  private:
     T fRef;
 };
 
@@ -40,14 +39,16 @@ inline RtDataRef newData(const std::string &bytes) {
 }
 
 inline std::string bytesOf(RtDataRef data) {
-    return data ? std::string(reinterpret_cast<const char *>(RtDataGetBytePtr(data)), size_t(RtDataGetLength(data)))
+    return data ? std::string(reinterpret_cast<const char *>(RtDataGetBytePtr(data)),
+                              size_t(RtDataGetLength(data)))
                 : "<null>";
 }
 
 // The UTF-8 text of str; "<null>" for NULL so that comparisons print something readable.
 inline std::string text(RtTypeRef str) {
-    Owned<RtDataRef> bytes(str ? RtStringCreateExternalRepresentation(kRtAllocatorDefault, static_cast<RtStringRef>(str),
-                                                                       kRtStringEncodingUTF8, 0)
+    Owned<RtDataRef> bytes(str ? RtStringCreateExternalRepresentation(kRtAllocatorDefault,
+                                                                      static_cast<RtStringRef>(str),
+                                                                      kRtStringEncodingUTF8, 0)
                                : nullptr);
     return str && !bytes.get() ? "<unconvertible>" : bytesOf(bytes);
 }
@@ -64,15 +65,14 @@ inline RtTreeRef parseText(const std::string &doc) {
 // The first element child of tree (the root element of a document tree).
 inline RtTreeRef firstElement(RtTreeRef tree) {
     for (RtTreeRef t = RtTreeGetFirstChild(tree); t; t = RtTreeGetNextSibling(t))
-        if (RtXMLNodeGetTypeCode(RtXMLTreeGetNode(t)) == kRtXMLNodeTypeElement)
-            return t;
+        if (RtXMLNodeGetTypeCode(RtXMLTreeGetNode(t)) == kRtXMLNodeTypeElement) return t;
     return nullptr;
 }
 
 // Every test starts and ends with the same number of live runtime objects. The process-wide
 // tables are built first so that their creation does not count.
 class UtilsTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         getEntityToCharacterStringDict();
         getTrueEntityToCharactersStringDict();
@@ -82,9 +82,11 @@ protected:
         AutoArray::getEmptyArray();
         fLiveBefore = RtRuntimeGetLiveObjectCount();
     }
-    void TearDown() override { EXPECT_EQ(RtRuntimeGetLiveObjectCount(), fLiveBefore) << "runtime objects leaked"; }
+    void TearDown() override {
+        EXPECT_EQ(RtRuntimeGetLiveObjectCount(), fLiveBefore) << "runtime objects leaked";
+    }
 
-private:
+  private:
     long fLiveBefore = 0;
 };
 

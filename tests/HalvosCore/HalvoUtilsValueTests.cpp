@@ -106,9 +106,9 @@ TEST_F(DateTest, ReaderSeparatorsZonesFractionsAndBounds) {
         {"1998-07-17T14:08:55+05", expected}, // a zone of three characters is ignored
         {"1998-07-17T14:08:55-0", expected},
         {"1998-07-17", gmt(1998, 7, 17)},
-        {"1998-07-17 14:08:55", gmt(1998, 7, 17)},     // only T or Z start a time
-        {"1998-07-17T1430", gmt(1998, 7, 17, 14)},     // no colon: the rest is lost
-        {"1998-07-17Z14:08:55+02:00", expected},       // after a Z separator no zone is read
+        {"1998-07-17 14:08:55", gmt(1998, 7, 17)}, // only T or Z start a time
+        {"1998-07-17T1430", gmt(1998, 7, 17, 14)}, // no colon: the rest is lost
+        {"1998-07-17Z14:08:55+02:00", expected},   // after a Z separator no zone is read
         // A "-" zone subtracts, a "+" zone adds: the reverse of the usual reading, kept on purpose.
         {"1998-07-17T14:08:55-05:00", gmt(1998, 7, 17, 9, 8, 55)},
         {"1998-07-17T10:00:00+02:30", gmt(1998, 7, 17, 12, 30, 0)},
@@ -130,12 +130,13 @@ TEST_F(DateTest, ReaderSeparatorsZonesFractionsAndBounds) {
     // No text at all still makes a date; a NULL pointer is read as no text.
     EXPECT_EQ(readDate(full, 0), readDate(""));
     EXPECT_EQ(readDate(nullptr, 0), readDate(""));
-    Owned<RtDateRef> nullText(hvCreateDateFromISO8601(nullptr, 25)), negative(hvCreateDateFromISO8601(full, -3));
+    Owned<RtDateRef> nullText(hvCreateDateFromISO8601(nullptr, 25)),
+        negative(hvCreateDateFromISO8601(full, -3));
     EXPECT_EQ(RtDateGetAbsoluteTime(nullText), readDate(""));
     EXPECT_EQ(RtDateGetAbsoluteTime(negative), readDate(""));
     // Every prefix of every shape makes some date; so does garbage.
-    for (const char *shape : {full, "19980717T14:08:55+0530", "1998-07-17T10:00:00.5Z", "T:::", "1998-07-17Z", "--::",
-                              "x!?-::TT"})
+    for (const char *shape : {full, "19980717T14:08:55+0530", "1998-07-17T10:00:00.5Z", "T:::", "1998-07-17Z",
+                              "--::", "x!?-::TT"})
         for (size_t len = 0; len <= strlen(shape); len++)
             readDate(shape, RtIndex(len));
 
@@ -166,7 +167,8 @@ TEST_F(DateTest, WriterPrintsEveryFieldAsTheCFormatDoes) {
             for (RtIndex len = 1; len <= 40; len++) {
                 std::vector<char> written(static_cast<size_t>(len));
                 hvRtDateToISO8601String(written.data(), len, date, noDashes);
-                EXPECT_EQ(std::string(written.data()), std::string(reference).substr(0, size_t(len - 1))) << year;
+                EXPECT_EQ(std::string(written.data()), std::string(reference).substr(0, size_t(len - 1)))
+                    << year;
             }
             Owned<RtStringRef> encoded(isoEncodeDate(date, noDashes));
             EXPECT_EQ(text(encoded.get()), reference);
@@ -203,8 +205,8 @@ TEST_F(TypesTest, QualifiedTypeNamesAndDictNumbers) {
 
     double half = 2.5;
     Owned<RtNumberRef> nHalf(RtNumberCreate(kRtAllocatorDefault, kRtNumberDoubleType, &half));
-    Owned<RtDictionaryRef> dict(rtTypeCreateDictionary(nullptr, RTSTR("seven"), internedInt(7), RTSTR("half"), nHalf.get(),
-                                                       RTSTR("text"), RTSTR("7"), nullptr));
+    Owned<RtDictionaryRef> dict(rtTypeCreateDictionary(nullptr, RTSTR("seven"), internedInt(7), RTSTR("half"),
+                                                       nHalf.get(), RTSTR("text"), RTSTR("7"), nullptr));
     EXPECT_EQ(getDictNumber(dict, RTSTR("seven"), -1), 7);
     EXPECT_EQ(getDictNumber(dict, RTSTR("missing"), -1), -1);
     EXPECT_EQ(getDictNumber(dict, RTSTR("half"), -1), -1); // not exactly an integer
@@ -225,8 +227,10 @@ TEST_F(TypesTest, IntegersFromTextAre32Or64Bit) {
         {"2147483647", INT32_MAX, false},
         {"-2147483649", -2147483649LL, true},
         {"99999999999999999999", INT64_MAX, true}, // saturates
-        {"\xC3\xA9" "5", 5, false},                // non-ASCII reads as a space
-        {std::string(128, ' ') + "5", 0, false},   // only the first 128 characters count
+        {"\xC3\xA9"
+         "5",
+         5, false},                              // non-ASCII reads as a space
+        {std::string(128, ' ') + "5", 0, false}, // only the first 128 characters count
         {std::string(127, ' ') + "56", 5, false},
     };
     for (const Case &c : cases) {

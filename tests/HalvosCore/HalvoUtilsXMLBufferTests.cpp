@@ -101,9 +101,10 @@ TEST_F(XMLBufferTest, UTF8DocumentsOfLongAndUnrepresentableLines) {
             buffer.addTo(-1, format.get(), 7);
         }
         Owned<RtDataRef> data(buffer.copyData());
-        EXPECT_EQ(bytesOf(data), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\r\n    <value>\r\n    100% <b/>\r\n"
-                                 "                              <made/>\r\n"
-                                 "                              <n>7</n>\r\n");
+        EXPECT_EQ(bytesOf(data),
+                  "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\r\n    <value>\r\n    100% <b/>\r\n"
+                  "                              <made/>\r\n"
+                  "                              <n>7</n>\r\n");
     }
     {
         // A lone %@ or %d is written around its value directly; every kind of value still reads
@@ -119,9 +120,10 @@ TEST_F(XMLBufferTest, UTF8DocumentsOfLongAndUnrepresentableLines) {
         buffer.addTo(1, RTSTR("<s>%@</s>"), static_cast<RtStringRef>(nullptr));
         buffer.addTo(1, RTSTR("<x>%@ %d</x>"), plain.get(), 5);
         Owned<RtDataRef> data(buffer.copyData());
-        EXPECT_EQ(bytesOf(data), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\r\n  <i4>-2147483648</i4>\r\n  0\r\n"
-                                 "  <name>id</name>\r\n  <name>caf\xC3\xA9</name>\r\n  1!\r\n  <s>(null)</s>\r\n"
-                                 "  <x>id 5</x>\r\n");
+        EXPECT_EQ(bytesOf(data),
+                  "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\r\n  <i4>-2147483648</i4>\r\n  0\r\n"
+                  "  <name>id</name>\r\n  <name>caf\xC3\xA9</name>\r\n  1!\r\n  <s>(null)</s>\r\n"
+                  "  <x>id 5</x>\r\n");
     }
     {
         // A lone surrogate cannot be written in UTF-8: no document at all.

@@ -53,12 +53,21 @@ TEST_F(XMLReadTest, FindXMLStartStaysInsideTheData) {
     // the end trips the address sanitizer.
     auto start = [](const char *text, size_t len) {
         std::vector<uint8_t> exact(text, text + len);
-        Owned<RtDataRef> view(RtDataCreateWithBytesNoCopy(kRtAllocatorDefault, exact.data(), RtIndex(len), kRtAllocatorNull));
+        Owned<RtDataRef> view(
+            RtDataCreateWithBytesNoCopy(kRtAllocatorDefault, exact.data(), RtIndex(len), kRtAllocatorNull));
         return findXMLStart(view);
     };
-    const std::pair<const char *, RtIndex> cases[] = {
-        {"junk<?XmL version='1.0'?><a/>", 4}, {"<<?<?xMl", 3}, {"<?xml", 0}, {"<a/>", -1}, {"", -1},
-        {"<", -1}, {"<?", -1}, {"<?x", -1}, {"<?xm", -1}, {"a<?XM", -1}, {"<<<<", -1}};
+    const std::pair<const char *, RtIndex> cases[] = {{"junk<?XmL version='1.0'?><a/>", 4},
+                                                      {"<<?<?xMl", 3},
+                                                      {"<?xml", 0},
+                                                      {"<a/>", -1},
+                                                      {"", -1},
+                                                      {"<", -1},
+                                                      {"<?", -1},
+                                                      {"<?x", -1},
+                                                      {"<?xm", -1},
+                                                      {"a<?XM", -1},
+                                                      {"<<<<", -1}};
     for (const auto &c : cases)
         EXPECT_EQ(start(c.first, strlen(c.first)), c.second) << c.first;
     for (size_t len = 0; len <= 7; len++) // ends inside "<?xml" until the whole of it is there
@@ -82,17 +91,19 @@ TEST_F(XMLReadTest, ParseErrorsNameTheLineAndAreAlwaysLogged) {
 }
 
 TEST_F(XMLReadTest, FindsElementsDepthFirstIgnoringPrefixAndCase) {
-    Owned<RtTreeRef> tree(parseText("<?xml version='1.0'?>"
-                                    "<SOAP-ENV:Envelope xmlns:SOAP-ENV='e'><SOAP-ENV:Header><h/></SOAP-ENV:Header>"
-                                    "<SOAP-ENV:Body><m:r xmlns:m='u'><deep id='1'><x/></deep></m:r>"
-                                    "<deep id='2'/></SOAP-ENV:Body><tail><t1><t2/></t1></tail></SOAP-ENV:Envelope>"));
+    Owned<RtTreeRef> tree(
+        parseText("<?xml version='1.0'?>"
+                  "<SOAP-ENV:Envelope xmlns:SOAP-ENV='e'><SOAP-ENV:Header><h/></SOAP-ENV:Header>"
+                  "<SOAP-ENV:Body><m:r xmlns:m='u'><deep id='1'><x/></deep></m:r>"
+                  "<deep id='2'/></SOAP-ENV:Body><tail><t1><t2/></t1></tail></SOAP-ENV:Envelope>"));
     RtTreeRef body = findNamedElement(tree, RTSTR("body"));
     ASSERT_NE(body, nullptr);
     EXPECT_EQ(text(getElementName(body)), "SOAP-ENV:Body");
     RtTreeRef deep = findNamedElement(tree, RTSTR("DEEP"));
     ASSERT_NE(deep, nullptr);
     EXPECT_EQ(text(RtDictionaryGetValue(treeGetElementInfo(deep)->attributes, RTSTR("id"))), "1");
-    EXPECT_EQ(text(getElementName(findNamedElement(tree, RTSTR("t2")))), "t2"); // reached after climbing back up
+    EXPECT_EQ(text(getElementName(findNamedElement(tree, RTSTR("t2")))),
+              "t2"); // reached after climbing back up
     EXPECT_EQ(findNamedElement(tree, RTSTR("missing")), nullptr);
     EXPECT_EQ(findNamedElement(body, RTSTR("tail")), nullptr); // only descendants of the start
     EXPECT_EQ(findNamedElement(nullptr, RTSTR("a")), nullptr);
@@ -115,7 +126,8 @@ RtStringRef _record(RtTreeRef, RtXMLNodeRef node, const AutoDict &scope, void *r
     Row *row = static_cast<Row *>(refcon);
     Owned<RtStringRef> ns, local;
     xmlNamespaceQualify(scope, RtXMLNodeGetString(node), ns.out(), local.out());
-    row->calls->push_back(std::string(row->label) + ":" + text(RtXMLNodeGetString(node)) + "@" + text(ns.get()));
+    row->calls->push_back(std::string(row->label) + ":" + text(RtXMLNodeGetString(node)) + "@" +
+                          text(ns.get()));
     return row->fail ? RTSTR("handler failed") : nullptr;
 }
 
@@ -162,9 +174,10 @@ TEST_F(XMLVisitorTest, ScopesInheritRedeclareAndNeverLeak) {
 }
 
 TEST_F(XMLVisitorTest, FirstMatchingRowWinsAndAnErrorStopsTheWalk) {
-    Owned<RtTreeRef> tree(parseText("<?xml version='1.0'?>"
-                                    "<E:Envelope xmlns:E='urn:X' xmlns:o='urn:other'>"
-                                    "text<E:Body/><!--c--><E:Header/><E:Fault/><o:Fault/><extra/><u:Body/></E:Envelope>"));
+    Owned<RtTreeRef> tree(
+        parseText("<?xml version='1.0'?>"
+                  "<E:Envelope xmlns:E='urn:X' xmlns:o='urn:other'>"
+                  "text<E:Body/><!--c--><E:Header/><E:Fault/><o:Fault/><extra/><u:Body/></E:Envelope>"));
     std::vector<std::string> calls;
     Row any{&calls, "anyFault"}, fixed{&calls, "xFault"}, body{&calls, "body"}, header{&calls, "header"};
     // Names and namespaces match ignoring case; the unqualified Fault row shadows the other.
@@ -176,8 +189,8 @@ TEST_F(XMLVisitorTest, FirstMatchingRowWinsAndAnErrorStopsTheWalk) {
     xmlGetElementNamespaces(firstElement(tree), scope);
     Owned<RtMutableArrayRef> extensions(RtArrayCreateMutable(kRtAllocatorDefault, 0, &kRtTypeArrayCallBacks));
     EXPECT_EQ(xmlInterrogateElements(firstElement(tree), scope, table, 4, extensions), nullptr);
-    const std::vector<std::string> expected = {"body:E:Body@urn:X", "header:E:Header@urn:X", "anyFault:E:Fault@urn:X",
-                                               "anyFault:o:Fault@urn:other"};
+    const std::vector<std::string> expected = {"body:E:Body@urn:X", "header:E:Header@urn:X",
+                                               "anyFault:E:Fault@urn:X", "anyFault:o:Fault@urn:other"};
     EXPECT_EQ(calls, expected);
     // Unmatched elements, in document order: <extra/> and the undeclared u:Body, which a row with
     // a namespace cannot match. Text and comments are never collected.

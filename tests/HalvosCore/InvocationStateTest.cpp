@@ -9,7 +9,9 @@
 namespace {
 
 int gOther = 0;
-const void *retainToOther(const void *) { return &gOther; }
+const void *retainToOther(const void *) {
+    return &gOther;
+}
 
 TEST(InvocationStateTest, ClientContextRetainReleaseRules) {
     ContextCounts counts;
@@ -105,8 +107,9 @@ TEST(InvocationStateTest, CallbackGetsACopyAndContextRulesHold) {
 TEST(InvocationStateTest, AgreementsWithPoorValuesGiveEmptyInvocations) {
     // A complete agreement rebuilds the call (see the public serialization round trip); one
     // without a URL or with values of the wrong kinds gives an empty invocation.
-    RtDictionaryRef odd = rtTypeCreateDictionary(nullptr, RTSTR("ServiceURL"), internedInt(1), RTSTR("ParamOrder"),
-                                                 RTSTR("not an array"), RTSTR("MethodName"), internedInt(2), nullptr);
+    RtDictionaryRef odd =
+        rtTypeCreateDictionary(nullptr, RTSTR("ServiceURL"), internedInt(1), RTSTR("ParamOrder"),
+                               RTSTR("not an array"), RTSTR("MethodName"), internedInt(2), nullptr);
     XMLRPCHalvoMethodInvocation empty(odd);
     RtRelease(odd);
     EXPECT_EQ(nullptr, empty.getServiceURL());

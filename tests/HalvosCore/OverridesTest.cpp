@@ -58,7 +58,8 @@ TEST(OverridesTest, SerializationOwnMatchWinsAfterTheParentRanAndFirstRegistered
 
 TEST(OverridesTest, DeserializationWildcardsCaseAndParentPrecedence) {
     const char doc[] = "<r xmlns:x='urn:X'><x:Struct/><struct/><x:other/></r>";
-    RtDataRef data = RtDataCreate(kRtAllocatorDefault, reinterpret_cast<const uint8_t *>(doc), RtIndex(strlen(doc)));
+    RtDataRef data =
+        RtDataCreate(kRtAllocatorDefault, reinterpret_cast<const uint8_t *>(doc), RtIndex(strlen(doc)));
     RtTreeRef tree = RtXMLTreeCreateFromData(kRtAllocatorDefault, data, nullptr, kRtXMLParserAllOptions, 0);
     RtRelease(data);
     ASSERT_NE(nullptr, tree);
@@ -69,8 +70,11 @@ TEST(OverridesTest, DeserializationWildcardsCaseAndParentPrecedence) {
     auto lookup = [&](HVSerializerBase &object, RtTreeRef element) {
         return answer(object.deserilizeOverride(element, scope, nullptr, tree));
     };
-    auto context = [](const char *tag) { return HVClientContext{0, const_cast<char *>(tag), nullptr, nullptr, nullptr}; };
-    HVClientContext anyStruct = context("anyStruct"), nullNS = context("nullNS"), anything = context("anything");
+    auto context = [](const char *tag) {
+        return HVClientContext{0, const_cast<char *>(tag), nullptr, nullptr, nullptr};
+    };
+    HVClientContext anyStruct = context("anyStruct"), nullNS = context("nullNS"),
+                    anything = context("anything");
     HVClientContext parentTag = context("parent"), ownTag = context("own");
 
     RecordingInvocation first;

@@ -12,7 +12,8 @@ static RtStringRef upperCaser(HVMethodInvocationRef invocation, RtTypeRef value,
     return NULL;
 }
 
-static RtTypeRef structReader(HVMethodInvocationRef invocation, RtTreeRef msgRoot, RtTreeRef root, void *info) {
+static RtTypeRef structReader(HVMethodInvocationRef invocation, RtTreeRef msgRoot, RtTreeRef root,
+                              void *info) {
     (void)invocation, (void)msgRoot, (void)root, (void)info;
     return NULL;
 }
@@ -22,7 +23,8 @@ int publicHeaderWalkInC(void) {
     RtStringRef protocols[3] = {kHVXMLRPCProtocol, kHVSOAP1999Protocol, kHVSOAP2001Protocol};
     int failed = 0;
     for (int i = 0; i < 3 && !failed; i++) {
-        HVMethodInvocationRef inv = HVMethodInvocationCreate(url, RTSTR("examples.getStateName"), protocols[i]);
+        HVMethodInvocationRef inv =
+            HVMethodInvocationCreate(url, RTSTR("examples.getStateName"), protocols[i]);
         if (!inv || RtGetTypeID(inv) != HVMethodInvocationGetTypeID()) {
             failed = 1;
             break;
@@ -31,8 +33,9 @@ int publicHeaderWalkInC(void) {
         RtNumberRef number = RtNumberCreate(kRtAllocatorDefault, kRtNumberSInt32Type, &state);
         const void *keys[1] = {RTSTR("state")};
         const void *values[1] = {number};
-        RtDictionaryRef params = RtDictionaryCreate(kRtAllocatorDefault, keys, values, 1,
-                                                    &kRtTypeDictionaryKeyCallBacks, &kRtTypeDictionaryValueCallBacks);
+        RtDictionaryRef params =
+            RtDictionaryCreate(kRtAllocatorDefault, keys, values, 1, &kRtTypeDictionaryKeyCallBacks,
+                               &kRtTypeDictionaryValueCallBacks);
         HVMethodInvocationSetParameters(inv, params, NULL);
         HVMethodInvocationSetProperty(inv, kHVHTTPVersion, RTSTR("HTTP/1.0"));
         HVMethodInvocationAddSerializationOverride(inv, RtStringGetTypeID(), upperCaser, NULL);
@@ -46,14 +49,11 @@ int publicHeaderWalkInC(void) {
 
         RtDataRef contract = HVMethodInvocationCopySerialization(inv);
         HVMethodInvocationRef again = HVMethodInvocationCreateFromSerialization(contract);
-        if (!failed && !again)
-            failed = 3;
+        if (!failed && !again) failed = 3;
 
         HVProtocolHandlerRef handler = HVProtocolHandlerCreate(kRtAllocatorDefault, protocols[i]);
-        if (!failed && (!handler || RtGetTypeID(handler) != HVProtocolHandlerGetTypeID()))
-            failed = 4;
-        if (!failed && HVProtocolHandlerCopyProperty(handler, kHVHTTPVersion) != NULL)
-            failed = 5;
+        if (!failed && (!handler || RtGetTypeID(handler) != HVProtocolHandlerGetTypeID())) failed = 4;
+        if (!failed && HVProtocolHandlerCopyProperty(handler, kHVHTTPVersion) != NULL) failed = 5;
 
         RtRelease(handler);
         RtRelease(again);
@@ -65,8 +65,7 @@ int publicHeaderWalkInC(void) {
         RtRelease(number);
         RtRelease(inv);
     }
-    if (!failed && HVMethodResultIsFault(NULL))
-        failed = 6;
+    if (!failed && HVMethodResultIsFault(NULL)) failed = 6;
     if (!failed && HVGetRtTypeIDFromHVTypeID(eHVUnknownType) != 0 && !HV_VERSION_AT_LEAST(0, 0, 0))
         failed = 7;
     RtRelease(url);

@@ -46,7 +46,8 @@ TEST(PublicInterfaceTest, NullHandlesDoNothing) {
 
 TEST(PublicInterfaceTest, ProtocolsByIdentityAndHandlesAsRuntimeObjects) {
     AutoURL url(kDeadEndpoint);
-    AutoString lookalike = adopt(RtStringCreateWithCString(kRtAllocatorDefault, "XML-RPC", kRtStringEncodingUTF8));
+    AutoString lookalike =
+        adopt(RtStringCreateWithCString(kRtAllocatorDefault, "XML-RPC", kRtStringEncodingUTF8));
     ASSERT_NE(kHVXMLRPCProtocol, lookalike.getString());
     EXPECT_EQ(nullptr, HVMethodInvocationCreate(url.getURL(), RTSTR("m"), lookalike.getString()));
     EXPECT_EQ(nullptr, HVMethodInvocationCreate(url.getURL(), RTSTR("m"), nullptr));
@@ -55,9 +56,11 @@ TEST(PublicInterfaceTest, ProtocolsByIdentityAndHandlesAsRuntimeObjects) {
     EXPECT_EQ(nullptr, HVProtocolHandlerCreate(kRtAllocatorDefault, nullptr));
     AutoDict agreement; // an agreement whose protocol is an equal but distinct string makes nothing
     agreement.addValue(RTSTR("ProtocolType"), lookalike.getString());
-    EXPECT_EQ(nullptr, createInvocationForProtocol(lookalike.getString(), nullptr, nullptr, agreement.getImmutableDict()));
+    EXPECT_EQ(nullptr, createInvocationForProtocol(lookalike.getString(), nullptr, nullptr,
+                                                   agreement.getImmutableDict()));
 
-    HVMethodInvocationRef a = HVMethodInvocationCreate(url.getURL(), RTSTR("examples.getStateName"), kHVXMLRPCProtocol);
+    HVMethodInvocationRef a =
+        HVMethodInvocationCreate(url.getURL(), RTSTR("examples.getStateName"), kHVXMLRPCProtocol);
     HVMethodInvocationRef b = HVMethodInvocationCreate(url.getURL(), RTSTR("m"), kHVXMLRPCProtocol);
     HVProtocolHandlerRef h = HVProtocolHandlerCreate(kRtAllocatorDefault, kHVSOAP2001Protocol);
     EXPECT_NE(HVMethodInvocationGetTypeID(), HVProtocolHandlerGetTypeID());
@@ -78,7 +81,8 @@ TEST(PublicInterfaceTest, ProtocolsByIdentityAndHandlesAsRuntimeObjects) {
     // The last release destroys the object, which no longer knows its handle by then.
     bool destroyed = false;
     RtTypeRef refSeen = RTSTR("not yet");
-    HVMethodInvocationRef ref = OpaqueHVMethodInvocationRef::create(new RecordingInvocation(&destroyed, &refSeen));
+    HVMethodInvocationRef ref =
+        OpaqueHVMethodInvocationRef::create(new RecordingInvocation(&destroyed, &refSeen));
     EXPECT_EQ(static_cast<RtTypeRef>(ref), OpaqueHVMethodInvocationRef::implOf(ref)->getRtRef());
     RtRelease(ref);
     EXPECT_TRUE(destroyed);
@@ -90,7 +94,8 @@ TEST(PublicInterfaceTest, ReferencesHandedOutByCopyFunctions) {
     HVMethodInvocationRef inv = HVMethodInvocationCreate(url.getURL(), RTSTR("sum"), kHVXMLRPCProtocol);
     RtArrayRef order = nullptr;
     EXPECT_EQ(nullptr, HVMethodInvocationCopyParameters(inv, &order));
-    HVMethodInvocationSetParameters(inv, xmlrpctest::Dict({{"b", xmlrpctest::I(2)}, {"a", xmlrpctest::I(1)}}).dict(), nullptr);
+    HVMethodInvocationSetParameters(
+        inv, xmlrpctest::Dict({{"b", xmlrpctest::I(2)}, {"a", xmlrpctest::I(1)}}).dict(), nullptr);
     RtDictionaryRef copy = HVMethodInvocationCopyParameters(inv, &order);
     ASSERT_EQ(2, RtArrayGetCount(order));
     EXPECT_TRUE(RtEqual(RTSTR("b"), RtArrayGetValueAtIndex(order, 0))); // the dictionary's own order
@@ -98,7 +103,8 @@ TEST(PublicInterfaceTest, ReferencesHandedOutByCopyFunctions) {
     RtRelease(order);
     RtRelease(HVMethodInvocationCopyParameters(inv, nullptr)); // the order is optional
 
-    AutoString value = adopt(RtStringCreateWithCString(kRtAllocatorDefault, "HTTP/1.0", kRtStringEncodingUTF8));
+    AutoString value =
+        adopt(RtStringCreateWithCString(kRtAllocatorDefault, "HTTP/1.0", kRtStringEncodingUTF8));
     HVMethodInvocationSetProperty(inv, kHVHTTPVersion, value.getString());
     RtTypeRef copied = HVMethodInvocationCopyProperty(inv, kHVHTTPVersion);
     EXPECT_EQ(3, RtGetRetainCount(copied)); // ours, the invocation's, the caller's copy
@@ -162,14 +168,17 @@ TEST(PublicInterfaceTest, SerializationRoundTripsAndRefusesOtherContracts) {
         EXPECT_TRUE(RtEqual(RtURLGetString(url.getURL()), RtURLGetString(impl->getServiceURL())));
         EXPECT_TRUE(sameValue(params, impl->getParameterDictionary()));
         EXPECT_TRUE(sameValue(order, impl->getParameterOrder()));
-        EXPECT_TRUE(sameValue(I(5), Value::adopt(HVMethodInvocationCopyProperty(copy, kHVMethodInvocationTimeoutValue)).get()));
-        EXPECT_TRUE(sameValue(contract, Value::adopt(HVMethodInvocationCopySerialization(copy)).get())); // the same again
+        EXPECT_TRUE(sameValue(
+            I(5), Value::adopt(HVMethodInvocationCopyProperty(copy, kHVMethodInvocationTimeoutValue)).get()));
+        EXPECT_TRUE(sameValue(
+            contract, Value::adopt(HVMethodInvocationCopySerialization(copy)).get())); // the same again
         RtRelease(copy);
     }
 
     // Not a property list, not a dictionary, a protocol that is only nearly right, no protocol.
     for (const Value &contract :
-         {Bytes("this is not a property list"), Value::adopt(RtPropertyListCreateXMLData(nullptr, A({S("XML-RPC")}).get())),
+         {Bytes("this is not a property list"),
+          Value::adopt(RtPropertyListCreateXMLData(nullptr, A({S("XML-RPC")}).get())),
           Value::adopt(RtPropertyListCreateXMLData(
               nullptr, Dict({{"ProtocolType", S("xml-rpc")}, {"ServiceURL", S("http://127.0.0.1/")}}).get())),
           Value::adopt(RtPropertyListCreateXMLData(nullptr, Dict({{"MethodName", S("m")}}).get()))})

@@ -57,20 +57,29 @@ TEST(SOAPEnvelopes, HeadersAsTextOrEntries) {
     handler.set(kHVSOAPMessageHeaders, I(3).get());
     std::string wrong = handler.request("m", Dict({}), A({}));
     EXPECT_FALSE(contains(wrong, "<SOAP-ENV:Header>")) << wrong;
-    EXPECT_TRUE(contains(wrong, "\">\r\n        <!-- kHVHTTPExtraHeaders requires a RtString or RtArray -->\r\n"
-                                "      <SOAP-ENV:Body>"))
+    EXPECT_TRUE(contains(wrong,
+                         "\">\r\n        <!-- kHVHTTPExtraHeaders requires a RtString or RtArray -->\r\n"
+                         "      <SOAP-ENV:Body>"))
         << wrong;
 }
 
 TEST(SOAPEnvelopes, ValuesOfEveryKind) {
     // "big" is no 32-bit number and is written as 0; "when" is 2001-12-31T23:59:59Z.
-    Value values = Dict({{"text", S("a&b<c>'d\"")}, {"count", I(-7)}, {"big", I64(3000000000LL)}, {"tenth", D(0.1)},
-                         {"huge", D(1e20)}, {"nine", D(123456789.0)}, {"yes", B(true)}, {"no", B(false)},
-                         {"zero", I(0)}, {"when", Date(31535999.0)},
-                         {"blob", Bytes("Man is distinguished, not only by his reason, but by this singular passion")},
-                         {"none", Null()}});
-    Value order = A({S("text"), S("count"), S("big"), S("tenth"), S("huge"), S("nine"), S("yes"), S("no"), S("zero"),
-                     S("when"), S("blob"), S("none"), S("absent")});
+    Value values =
+        Dict({{"text", S("a&b<c>'d\"")},
+              {"count", I(-7)},
+              {"big", I64(3000000000LL)},
+              {"tenth", D(0.1)},
+              {"huge", D(1e20)},
+              {"nine", D(123456789.0)},
+              {"yes", B(true)},
+              {"no", B(false)},
+              {"zero", I(0)},
+              {"when", Date(31535999.0)},
+              {"blob", Bytes("Man is distinguished, not only by his reason, but by this singular passion")},
+              {"none", Null()}});
+    Value order = A({S("text"), S("count"), S("big"), S("tenth"), S("huge"), S("nine"), S("yes"), S("no"),
+                     S("zero"), S("when"), S("blob"), S("none"), S("absent")});
     SOAPHandler soap2001;
     soap2001.set(kHVSOAPMethodNamespaceURI, RTSTR("urn:kinds"));
     EXPECT_EQ(soapGolden("request_2001_kinds.xml"), soap2001.request("kinds", values, order));
@@ -78,14 +87,17 @@ TEST(SOAPEnvelopes, ValuesOfEveryKind) {
     // The 1999 flavour names dates and binary data its own way.
     SOAPHandler soap1999(kHVSOAP1999Protocol);
     std::string document = soap1999.request("kinds", values, order);
-    EXPECT_TRUE(contains(document, "<when xsi:type=\"xsd:timeInstant\">2001-12-31T23:59:59Z</when>")) << document;
+    EXPECT_TRUE(contains(document, "<when xsi:type=\"xsd:timeInstant\">2001-12-31T23:59:59Z</when>"))
+        << document;
     EXPECT_TRUE(contains(document, "<blob xsi:type=\"xsd:base64\">\t\tTWFu")) << document;
 
     // A kind SOAP has no type for is written with its description and a comment.
     Value url = Value::adopt(RtURLCreateWithString(nullptr, RTSTR("http://example.com/"), nullptr));
-    Value line = Value::adopt(RtStringCreateWithFormat(nullptr, nullptr, RTSTR("<u>%@</u> <!-- UNKNOWN PARAMETER TYPE %d -->"),
+    Value line = Value::adopt(RtStringCreateWithFormat(nullptr, nullptr,
+                                                       RTSTR("<u>%@</u> <!-- UNKNOWN PARAMETER TYPE %d -->"),
                                                        url.get(), static_cast<int>(RtGetTypeID(url.get()))));
-    Value lineBytes = Value::adopt(RtStringCreateExternalRepresentation(nullptr, line.str(), kRtStringEncodingUTF8, 0));
+    Value lineBytes =
+        Value::adopt(RtStringCreateExternalRepresentation(nullptr, line.str(), kRtStringEncodingUTF8, 0));
     document = soap1999.request("m", Dict({{"u", url}}), A({S("u")}));
     EXPECT_TRUE(contains(document, "          " + text(lineBytes) + "\r\n")) << document;
 }
@@ -96,11 +108,12 @@ TEST(SOAPEnvelopes, ArraysAndRecords) {
     Value first = S("first");
     Value last = I(3);
     const void *items[] = {first.get(), nullptr, last.get()};
-    Value person = Dict({{"name", S("Ann <& Bob>")},
-                         {"age", I(42)},
-                         {"/HVRecordType", S("ns1:Person")},
-                         {"/HVRecordNamespaceURI", S("urn:people")},
-                         {"/HVRecordParamOrder", A({S("age"), S("name"), S("missing"), S("/HVRecordType"), S("")})}});
+    Value person =
+        Dict({{"name", S("Ann <& Bob>")},
+              {"age", I(42)},
+              {"/HVRecordType", S("ns1:Person")},
+              {"/HVRecordNamespaceURI", S("urn:people")},
+              {"/HVRecordParamOrder", A({S("age"), S("name"), S("missing"), S("/HVRecordType"), S("")})}});
     Value params = Dict({{"list", Value::adopt(RtArrayCreate(nullptr, items, 3, nullptr))},
                          {"empty", A({})},
                          {"nested", A({A({I(1)}), Dict({{"k", S("v")}, {"/HVHidden", S("x")}})})},
@@ -108,11 +121,13 @@ TEST(SOAPEnvelopes, ArraysAndRecords) {
                          {"plain", Dict({{"z", I(1)}, {"a", I(2)}})}});
     SOAPHandler soap1999(kHVSOAP1999Protocol);
     soap1999.set(kHVSOAPMethodNamespaceURI, RTSTR("urn:shapes"));
-    EXPECT_EQ(soapGolden("request_1999_shapes.xml"),
-              soap1999.request("shapes", params, A({S("list"), S("empty"), S("nested"), S("person"), S("plain")})));
+    EXPECT_EQ(
+        soapGolden("request_1999_shapes.xml"),
+        soap1999.request("shapes", params, A({S("list"), S("empty"), S("nested"), S("person"), S("plain")})));
     std::string document = SOAPHandler().request("shapes", params, A({S("empty")}));
-    EXPECT_TRUE(contains(document, "<empty SOAP-ENC:arrayType=\"xsd:anyType[0]\" xsi:type=\"SOAP-ENC:Array\">\r\n"
-                                   "          </empty>\r\n"))
+    EXPECT_TRUE(contains(document,
+                         "<empty SOAP-ENC:arrayType=\"xsd:anyType[0]\" xsi:type=\"SOAP-ENC:Array\">\r\n"
+                         "          </empty>\r\n"))
         << document;
 }
 
@@ -120,7 +135,8 @@ TEST(SOAPEnvelopes, OverridesThroughTheInvocation) {
     // The invocation holds the properties and overrides; the temporary handler it writes with
     // reaches them through its parent. Only the first override of a type is ever called.
     Value url = Value::adopt(RtURLCreateWithString(nullptr, RTSTR("http://127.0.0.1:1/"), nullptr));
-    SOAPHalvoMethodInvocation invocation(kHVSOAP2001Protocol, static_cast<RtURLRef>(url.get()), RTSTR("greet"));
+    SOAPHalvoMethodInvocation invocation(kHVSOAP2001Protocol, static_cast<RtURLRef>(url.get()),
+                                         RTSTR("greet"));
     invocation.setProperty(kHVSOAPMethodNamespaceURI, RTSTR("urn:greet"));
     invocation.setProperty(kHVSOAPBodyEncodingStyle, kHVSOAPStyleRPC);
     int calls = 0, otherCalls = 0;

@@ -43,22 +43,27 @@ TEST(SOAPReplies, ValuesOfEveryKind) {
     const std::pair<const char *, Value> cases[] = {
         {"<v xsi:type=\"xsd:string\">a &amp; b</v>", S("a & b")},
         {"<v xsi:type=\"xsd:string\"><![CDATA[<raw>]]></v>", S("<raw>")},
-        {"<v xsi:type=\"xsd:int\">42</v>", I(42)}, {"<v xsi:type=\"xsd:i4\"> 0x1F</v>", I(31)},
+        {"<v xsi:type=\"xsd:int\">42</v>", I(42)},
+        {"<v xsi:type=\"xsd:i4\"> 0x1F</v>", I(31)},
         {"<v xsi:type=\"xsd:long\">3000000000</v>", I64(3000000000LL)},
-        {"<v xsi:type=\"xsd:boolean\">true</v>", B(true)}, {"<v xsi:type=\"xsd:boolean\">1</v>", B(true)},
-        {"<v xsi:type=\"xsd:boolean\">FALSE</v>", B(false)}, {"<v xsi:type=\"xsd:double\">-1.5e3</v>", D(-1500)},
+        {"<v xsi:type=\"xsd:boolean\">true</v>", B(true)},
+        {"<v xsi:type=\"xsd:boolean\">1</v>", B(true)},
+        {"<v xsi:type=\"xsd:boolean\">FALSE</v>", B(false)},
+        {"<v xsi:type=\"xsd:double\">-1.5e3</v>", D(-1500)},
         {"<v xsi:type=\"xsd:dateTime\">2001-12-31T23:59:59Z</v>", Date(31535999.0)},
         {"<v xsi:type=\"xsd:timeInstant\">2001-12-31T23:59:59Z</v>", Date(31535999.0)},
         {"<v xsi:type=\"xsd:base64Binary\">TWFu</v>", Bytes("Man")},
         {"<v xsi:type=\"SOAP-ENC:base64\">TWE=</v>", Bytes("Ma")},
         {"<v xsi:type=\"xsd:nil\">x</v>", Null()},
         // Empty elements: null, or an empty array when they declare an array type.
-        {"<v/>", Null()}, {"<v xsi:type=\"xsd:string\"></v>", Null()},
+        {"<v/>", Null()},
+        {"<v xsi:type=\"xsd:string\"></v>", Null()},
         {"<v SOAP-ENC:arrayType=\"xsd:int[0]\"/>", A({})},
         // Without a type the shape decides: text is a string, elements make a record.
         {"<v>text</v>", S("text")},
         {"<v><a>1</a><b xsi:type=\"xsd:int\">2</b></v>", Dict({{"a", S("1")}, {"b", I(2)}})},
-        {"<v xsi:type=\"SOAP-ENC:Array\" SOAP-ENC:arrayType=\"xsd:anyType[2]\"><item xsi:type=\"xsd:int\">1</item>"
+        {"<v xsi:type=\"SOAP-ENC:Array\" SOAP-ENC:arrayType=\"xsd:anyType[2]\"><item "
+         "xsi:type=\"xsd:int\">1</item>"
          "<item>x</item></v>",
          A({I(1), S("x")})},
         {"<v SOAP-ENC:arrayType=\"xsd:string[2]\"><a>x</a><b>y</b></v>", A({S("x"), S("y")})},
@@ -70,7 +75,8 @@ TEST(SOAPReplies, ValuesOfEveryKind) {
         {"<v xsi:type=\"foo:int\">6</v>", I(6)},
         // Unknown types: one text child is kept as a string, members make a record.
         {"<v xsi:type=\"xsd:Int\">7</v>", S("7")},
-        {"<v xsi:type=\"ns9:Thing\" xmlns:ns9=\"urn:things\"><x>1</x><y>2</y></v>", Dict({{"x", S("1")}, {"y", S("2")}})},
+        {"<v xsi:type=\"ns9:Thing\" xmlns:ns9=\"urn:things\"><x>1</x><y>2</y></v>",
+         Dict({{"x", S("1")}, {"y", S("2")}})},
     };
     for (const auto &c : cases) {
         Value result = handler.readReply(response(c.first));
@@ -82,10 +88,11 @@ TEST(SOAPReplies, RecordsArraysAndRepeatedNames) {
     SOAPHandler handler;
     // A record gathers a repeated name into an array; a first member that is an array itself
     // absorbs the later ones. In the response element a repeated name keeps its last value.
-    Value result = handler.readReply(response("<r><a>1</a><b>x</b><a>2</a><a>3</a></r>"
-                                              "<s><a SOAP-ENC:arrayType=\"xsd:int[1]\"><i xsi:type=\"xsd:int\">1</i></a>"
-                                              "<a>2</a></s>"
-                                              "<p>1</p><p>2</p>"));
+    Value result =
+        handler.readReply(response("<r><a>1</a><b>x</b><a>2</a><a>3</a></r>"
+                                   "<s><a SOAP-ENC:arrayType=\"xsd:int[1]\"><i xsi:type=\"xsd:int\">1</i></a>"
+                                   "<a>2</a></s>"
+                                   "<p>1</p><p>2</p>"));
     EXPECT_TRUE(sameValue(success({{"r", Dict({{"a", A({S("1"), S("2"), S("3")})}, {"b", S("x")}})},
                                    {"s", Dict({{"a", A({I(1), S("2")})}})},
                                    {"p", S("2")}}),
@@ -114,37 +121,42 @@ TEST(SOAPReplies, ResultParameterNameAndResponseElement) {
     // be named like the method itself, and may be in any namespace.
     SOAPHandler plain;
     plain.set(kHVSOAPMethodNamespaceURI, RTSTR("urn:calc"));
-    EXPECT_TRUE(sameValue(success({{"x", S("1")}}), plain.readReply(envelope("<mResponse><x>1</x></mResponse>")).get()));
+    EXPECT_TRUE(sameValue(success({{"x", S("1")}}),
+                          plain.readReply(envelope("<mResponse><x>1</x></mResponse>")).get()));
     EXPECT_TRUE(sameValue(success({{"x", S("2")}}), plain.readReply(envelope("<m><x>2</x></m>")).get()));
     EXPECT_TRUE(
-        sameValue(success({{"x", S("3")}}), plain.readReply(envelope("<o:MRESPONSE xmlns:o=\"urn:o\"><x>3</x></o:MRESPONSE>")).get()));
+        sameValue(success({{"x", S("3")}}),
+                  plain.readReply(envelope("<o:MRESPONSE xmlns:o=\"urn:o\"><x>3</x></o:MRESPONSE>")).get()));
     // Another method's response is no answer at all.
-    EXPECT_TRUE(sameValue(Dict({}), plain.readReply(envelope("<otherResponse><x>1</x></otherResponse>")).get()));
+    EXPECT_TRUE(
+        sameValue(Dict({}), plain.readReply(envelope("<otherResponse><x>1</x></otherResponse>")).get()));
 }
 
 TEST(SOAPReplies, MultiReferenceValues) {
     // Written from the SOAP 1.1 encoding rules: independent elements carry an id, accessors an
     // href; the response refers to an array whose items are shared records.
-    std::string document = envelope(
-        "<ns1:mResponse xmlns:ns1=\"urn:people\">"
-        "<people href=\"#id0\"/><best href=\"#ID2\"/><count href=\"id3\"/><flag href=\"#id4\"/>"
-        "</ns1:mResponse>"
-        "<multiRef id=\"id0\" xsi:type=\"SOAP-ENC:Array\" SOAP-ENC:arrayType=\"ns2:Person[2]\""
-        " xmlns:ns2=\"urn:people-types\"><item href=\"#id1\"/><item href=\"#id2\"/></multiRef>"
-        "<multiRef id=\"id1\" xsi:type=\"ns2:Person\" xmlns:ns2=\"urn:people-types\">"
-        "<name xsi:type=\"xsd:string\">Ann</name><age xsi:type=\"xsd:int\">41</age></multiRef>"
-        "<multiRef id=\"id2\" xsi:type=\"ns2:Person\" xmlns:ns2=\"urn:people-types\">"
-        "<name xsi:type=\"xsd:string\">Bob</name><age xsi:type=\"xsd:int\">42</age><friend href=\"#id1\"/></multiRef>"
-        "<multiRef id=\"id3\" xsi:type=\"xsd:int\">2</multiRef>"
-        "<multiRef id=\"id4\" xsi:type=\"xsd:boolean\">true</multiRef>");
+    std::string document =
+        envelope("<ns1:mResponse xmlns:ns1=\"urn:people\">"
+                 "<people href=\"#id0\"/><best href=\"#ID2\"/><count href=\"id3\"/><flag href=\"#id4\"/>"
+                 "</ns1:mResponse>"
+                 "<multiRef id=\"id0\" xsi:type=\"SOAP-ENC:Array\" SOAP-ENC:arrayType=\"ns2:Person[2]\""
+                 " xmlns:ns2=\"urn:people-types\"><item href=\"#id1\"/><item href=\"#id2\"/></multiRef>"
+                 "<multiRef id=\"id1\" xsi:type=\"ns2:Person\" xmlns:ns2=\"urn:people-types\">"
+                 "<name xsi:type=\"xsd:string\">Ann</name><age xsi:type=\"xsd:int\">41</age></multiRef>"
+                 "<multiRef id=\"id2\" xsi:type=\"ns2:Person\" xmlns:ns2=\"urn:people-types\">"
+                 "<name xsi:type=\"xsd:string\">Bob</name><age xsi:type=\"xsd:int\">42</age><friend "
+                 "href=\"#id1\"/></multiRef>"
+                 "<multiRef id=\"id3\" xsi:type=\"xsd:int\">2</multiRef>"
+                 "<multiRef id=\"id4\" xsi:type=\"xsd:boolean\">true</multiRef>");
     SOAPHandler handler;
     Value result = handler.readReply(document);
     Value ann = Dict({{"name", S("Ann")}, {"age", I(41)}});
     Value bob = Dict({{"name", S("Bob")}, {"age", I(42)}, {"friend", ann}});
     // A scalar reached through href keeps its text (the referencing element has none to type),
     // and a boolean finds no text, so it is false.
-    EXPECT_TRUE(sameValue(success({{"people", A({ann, bob})}, {"best", bob}, {"count", S("2")}, {"flag", B(false)}}),
-                          result.get()));
+    EXPECT_TRUE(
+        sameValue(success({{"people", A({ann, bob})}, {"best", bob}, {"count", S("2")}, {"flag", B(false)}}),
+                  result.get()));
     // A value referenced twice is one object.
     RtArrayRef people = static_cast<RtArrayRef>(result["people"]);
     ASSERT_EQ(2, RtArrayGetCount(people));
@@ -155,8 +167,8 @@ TEST(SOAPReplies, MultiReferenceValues) {
     // References fanning out level after level stay linear: each target is decoded once.
     std::string body = "<ns:mResponse xmlns:ns=\"urn:test\"><top href=\"#n0\"/></ns:mResponse>";
     for (int i = 0; i < 40; i++)
-        body += "<n id=\"n" + std::to_string(i) + "\"><l href=\"#n" + std::to_string(i + 1) + "\"/><r href=\"#n" +
-                std::to_string(i + 1) + "\"/></n>";
+        body += "<n id=\"n" + std::to_string(i) + "\"><l href=\"#n" + std::to_string(i + 1) +
+                "\"/><r href=\"#n" + std::to_string(i + 1) + "\"/></n>";
     result = handler.readReply(envelope(body + "<n id=\"n40\">leaf</n>"));
     RtDictionaryRef top = static_cast<RtDictionaryRef>(result["top"]);
     ASSERT_EQ(RtDictionaryGetTypeID(), RtGetTypeID(top));
@@ -174,7 +186,8 @@ TEST(SOAPReplies, BrokenReferencesAreFaults) {
         // Anchors are direct children of the Body only.
         {response("<p href=\"#deep\"/><q><r id=\"deep\">x</r></q>"), "Can't locate anchor element in reply"},
         {response("<p href=\"#a\"/>", "<x id=\"a\"><y href=\"#a\"/></x>"), "Circular reference in reply"},
-        {response("<p href=\"#a\"/>", "<x id=\"a\"><y href=\"#b\"/></x><x id=\"b\"><z><w href=\"#a\"/></z></x>"),
+        {response("<p href=\"#a\"/>",
+                  "<x id=\"a\"><y href=\"#b\"/></x><x id=\"b\"><z><w href=\"#a\"/></z></x>"),
          "Circular reference in reply"},
         // The response element is being decoded too.
         {envelope("<ns:mResponse xmlns:ns=\"urn:test\" id=\"r\"><p><q href=\"#r\"/></p></ns:mResponse>"),
@@ -203,7 +216,8 @@ TEST(SOAPReplies, ServerFaults) {
         {envelope("<SOAP-ENV:Fault><faultcode>42</faultcode><faultstring>Bad &amp; worse</faultstring>"
                   "<detail><x>1</x></detail></SOAP-ENV:Fault>"),
          fault(42, "Bad & worse")},
-        {envelope("<SOAP-ENV:Fault><faultcode>SOAP-ENV:Server</faultcode><faultstring>no</faultstring></SOAP-ENV:Fault>"),
+        {envelope("<SOAP-ENV:Fault><faultcode>SOAP-ENV:Server</faultcode><faultstring>no</faultstring></"
+                  "SOAP-ENV:Fault>"),
          fault(-1, "no")},
         {envelope("<SOAP-ENV:Fault><SOAP-ENV:faultcode>7</SOAP-ENV:faultcode>"
                   "<SOAP-ENV:faultstring>prefixed</SOAP-ENV:faultstring></SOAP-ENV:Fault>"),
@@ -219,8 +233,9 @@ TEST(SOAPReplies, ServerFaults) {
         EXPECT_TRUE(sameValue(c.second, handler.readReply(c.first).get())) << c.first;
 
     // A fault and a response in one Body are both read, in order.
-    Value both = handler.readReply(envelope("<SOAP-ENV:Fault><faultcode>5</faultcode><faultstring>f</faultstring>"
-                                            "</SOAP-ENV:Fault><mResponse><x>1</x></mResponse>"));
+    Value both =
+        handler.readReply(envelope("<SOAP-ENV:Fault><faultcode>5</faultcode><faultstring>f</faultstring>"
+                                   "</SOAP-ENV:Fault><mResponse><x>1</x></mResponse>"));
     EXPECT_TRUE(HVMethodResultIsFault(both.dict()));
     EXPECT_TRUE(sameValue(Dict({{"x", S("1")}}), both["/Result"]));
 }
@@ -229,12 +244,12 @@ TEST(SOAPReplies, HeadersAndOverrides) {
     SOAPHandler handler;
     int calls = 0;
     HVClientContext context = {0, &calls, nullptr, nullptr, nullptr};
-    HVProtocolHandlerSetDeserializationOverride(handler.get(), RTSTR("urn:special"), RTSTR("THING"), _thingOverride,
-                                                &context);
-    Value result = handler.readReply(
-        response("<s:thing xmlns:s=\"urn:special\">raw</s:thing><wrapped xmlns:s=\"urn:special\"><s:Thing/></wrapped>"
-                 "<other xmlns:s=\"urn:other\"><s:thing>1</s:thing></other>"),
-        "m");
+    HVProtocolHandlerSetDeserializationOverride(handler.get(), RTSTR("urn:special"), RTSTR("THING"),
+                                                _thingOverride, &context);
+    Value result = handler.readReply(response("<s:thing xmlns:s=\"urn:special\">raw</s:thing><wrapped "
+                                              "xmlns:s=\"urn:special\"><s:Thing/></wrapped>"
+                                              "<other xmlns:s=\"urn:other\"><s:thing>1</s:thing></other>"),
+                                     "m");
     // The element itself, or its first child, may be taken over; other namespaces are not.
     EXPECT_TRUE(sameValue(success({{"s:thing", S("override of s:thing")},
                                    {"wrapped", S("override of s:Thing")},
@@ -243,12 +258,14 @@ TEST(SOAPReplies, HeadersAndOverrides) {
     EXPECT_EQ(2, calls);
 
     // Header entries come back as the tree nodes of the Header's children.
-    result = handler.readReply(envelope("<mResponse/>", "<SOAP-ENV:Header><t:Trans xmlns:t=\"urn:t\">5</t:Trans>"
-                                                        "<u>6</u></SOAP-ENV:Header>"));
+    result =
+        handler.readReply(envelope("<mResponse/>", "<SOAP-ENV:Header><t:Trans xmlns:t=\"urn:t\">5</t:Trans>"
+                                                   "<u>6</u></SOAP-ENV:Header>"));
     RtArrayRef headers = static_cast<RtArrayRef>(result["/HVHTTPMessageHeaders"]);
     ASSERT_EQ(RtArrayGetTypeID(), RtGetTypeID(headers));
     ASSERT_EQ(2, RtArrayGetCount(headers));
-    EXPECT_TRUE(sameValue(S("t:Trans"), getElementName(static_cast<RtTreeRef>(const_cast<void *>(RtArrayGetValueAtIndex(headers, 0))))));
+    EXPECT_TRUE(sameValue(S("t:Trans"), getElementName(static_cast<RtTreeRef>(
+                                            const_cast<void *>(RtArrayGetValueAtIndex(headers, 0))))));
     EXPECT_TRUE(sameValue(Dict({}), result["/Result"]));
 
     // An invocation reads through a temporary handler that sees its overrides.
@@ -285,10 +302,12 @@ TEST(SOAPReplies, MalformedAndForeignDocuments) {
     std::string deep = std::string(kEnvelopeStart) + "<SOAP-ENV:Body><mResponse>";
     for (int i = 0; i < 600; i++)
         deep += "<v>";
-    const std::string broken[] = {std::string(kEnvelopeStart) + "<SOAP-ENV:Body>", "", "not xml at all", deep};
+    const std::string broken[] = {std::string(kEnvelopeStart) + "<SOAP-ENV:Body>", "", "not xml at all",
+                                  deep};
     for (const std::string &document : broken) {
         Value result = handler.readReply(document), extra = Value::retain(result["/FaultExtra"]);
-        EXPECT_TRUE(HVMethodResultIsFault(result.dict()) && sameValue(I(-65794), result["/FaultCode"])) << document.substr(0, 200);
+        EXPECT_TRUE(HVMethodResultIsFault(result.dict()) && sameValue(I(-65794), result["/FaultCode"]))
+            << document.substr(0, 200);
         EXPECT_TRUE(sameValue(I(-65795), extra["error"]));
         EXPECT_EQ(RtStringGetTypeID(), RtGetTypeID(extra["msg"]));
     }

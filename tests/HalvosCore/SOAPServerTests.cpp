@@ -37,14 +37,16 @@ TEST(SOAPServer, RequestsIntoDictionaries) {
     // namespace; headers come back as the Header's tree node; references are followed.
     SOAPHandler server;
     server.set(kHVSOAPMethodNamespaceURI, RTSTR("urn:mine"));
-    Value parsed = server.readRequest(envelope("<echo><s href=\"#v\"/><n>1</n></echo><item id=\"v\"><x>y</x></item>",
-                                               "<SOAP-ENV:Header><t:T xmlns:t=\"urn:t\"/></SOAP-ENV:Header>"));
+    Value parsed =
+        server.readRequest(envelope("<echo><s href=\"#v\"/><n>1</n></echo><item id=\"v\"><x>y</x></item>",
+                                    "<SOAP-ENV:Header><t:T xmlns:t=\"urn:t\"/></SOAP-ENV:Header>"));
     RtTypeRef header = parsed["/HVHTTPMessageHeaders"];
     ASSERT_EQ(RtTreeGetTypeID(), RtGetTypeID(header));
     RtMutableDictionaryRef withoutHeader = RtDictionaryCreateMutableCopy(nullptr, 0, parsed.dict());
     RtDictionaryRemoveValue(withoutHeader, RTSTR("/HVHTTPMessageHeaders"));
-    EXPECT_TRUE(sameValue(request("echo", "urn:mine", Dict({{"s", Dict({{"x", S("y")}})}, {"n", S("1")}}), A({S("s"), S("n")})),
-                          withoutHeader));
+    EXPECT_TRUE(sameValue(
+        request("echo", "urn:mine", Dict({{"s", Dict({{"x", S("y")}})}, {"n", S("1")}}), A({S("s"), S("n")})),
+        withoutHeader));
     RtRelease(withoutHeader);
 
     // Without a method namespace property the placeholder is the default.
@@ -59,7 +61,8 @@ TEST(SOAPServer, RequestsThatCannotBeRead) {
     EXPECT_EQ(nullptr, server.readRequest("<SOAP-ENV:Envelope").get());
     EXPECT_EQ(nullptr, server.readRequest(envelope("")).get());
     EXPECT_EQ(nullptr, server.readRequest(envelope("<m><p href=\"#gone\"/></m>")).get());
-    EXPECT_EQ(nullptr, server.readRequest(envelope("<m><p href=\"#x\"/></m><x id=\"x\"><y href=\"#x\"/></x>")).get());
+    EXPECT_EQ(nullptr,
+              server.readRequest(envelope("<m><p href=\"#x\"/></m><x id=\"x\"><y href=\"#x\"/></x>")).get());
 
     // The parser's message reaches the handler's error argument; a failed dispatch's does not.
     SOAPProtocolHandler handler(kHVSOAP2001Protocol);
@@ -72,13 +75,15 @@ TEST(SOAPServer, RequestsThatCannotBeRead) {
     EXPECT_TRUE(error.isNull());
 
     // Something that is not a SOAP envelope is no request at all: an empty dictionary.
-    EXPECT_TRUE(sameValue(Dict({}), server.readRequest("<methodCall><methodName>x</methodName></methodCall>").get()));
+    EXPECT_TRUE(
+        sameValue(Dict({}), server.readRequest("<methodCall><methodName>x</methodName></methodCall>").get()));
 }
 
 TEST(SOAPServer, RepliesAndFaults) {
     SOAPHandler soap2001;
     Value addRequest = request("add", "urn:calc", Dict({}), A({}));
-    EXPECT_EQ(soapGolden("reply_2001.xml"), soap2001.reply(Dict({{"sum", I(3)}, {"list", A({I(1), S("x")})}}), addRequest));
+    EXPECT_EQ(soapGolden("reply_2001.xml"),
+              soap2001.reply(Dict({{"sum", I(3)}, {"list", A({I(1), S("x")})}}), addRequest));
 
     // Without a method namespace the response element is unprefixed; the closing tags match.
     std::string plain = soap2001.reply(S("ok"), request("ping", nullptr, Dict({}), A({})));
@@ -97,7 +102,8 @@ TEST(SOAPServer, RepliesAndFaults) {
     EXPECT_NE(std::string::npos, unknown.find("<faultstring>Unknown Fault</faultstring>")) << unknown;
 
     // A reply in the request's text encoding.
-    Value latin = Dict({{"/HVMethodName", S("m")}, {"/HVTextEncoding", I(static_cast<int32_t>(kRtStringEncodingISOLatin1))}});
+    Value latin = Dict({{"/HVMethodName", S("m")},
+                        {"/HVTextEncoding", I(static_cast<int32_t>(kRtStringEncodingISOLatin1))}});
     std::string bytes = soap2001.reply(S("caf\xC3\xA9"), latin);
     EXPECT_NE(std::string::npos, bytes.find(">caf\xE9</Result>")) << bytes;
     EXPECT_EQ(std::string::npos, bytes.find("UTF-8")) << bytes;

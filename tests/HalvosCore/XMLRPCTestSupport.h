@@ -15,7 +15,7 @@ namespace xmlrpctest {
 
 // Owns one reference to a runtime value; copies share it.
 class Value {
-public:
+  public:
     Value() = default;
     // Takes over a reference the caller owns (a Create or Copy result).
     static Value adopt(RtTypeRef owned) {
@@ -30,8 +30,7 @@ public:
         return *this;
     }
     ~Value() {
-        if (fRef)
-            RtRelease(fRef);
+        if (fRef) RtRelease(fRef);
     }
     RtTypeRef get() const { return fRef; }
     RtStringRef str() const { return static_cast<RtStringRef>(fRef); }
@@ -44,17 +43,29 @@ public:
         return RtDictionaryGetValue(dict(), k.get());
     }
 
-private:
+  private:
     RtTypeRef fRef = nullptr;
 };
 
-inline Value S(const char *text) { return Value::adopt(RtStringCreateWithCString(nullptr, text, kRtStringEncodingUTF8)); }
-inline Value I(int32_t n) { return Value::adopt(RtNumberCreate(nullptr, kRtNumberSInt32Type, &n)); }
-inline Value I64(int64_t n) { return Value::adopt(RtNumberCreate(nullptr, kRtNumberSInt64Type, &n)); }
-inline Value D(double n) { return Value::adopt(RtNumberCreate(nullptr, kRtNumberDoubleType, &n)); }
-inline Value B(bool b) { return Value::retain(b ? kRtBooleanTrue : kRtBooleanFalse); }
+inline Value S(const char *text) {
+    return Value::adopt(RtStringCreateWithCString(nullptr, text, kRtStringEncodingUTF8));
+}
+inline Value I(int32_t n) {
+    return Value::adopt(RtNumberCreate(nullptr, kRtNumberSInt32Type, &n));
+}
+inline Value I64(int64_t n) {
+    return Value::adopt(RtNumberCreate(nullptr, kRtNumberSInt64Type, &n));
+}
+inline Value D(double n) {
+    return Value::adopt(RtNumberCreate(nullptr, kRtNumberDoubleType, &n));
+}
+inline Value B(bool b) {
+    return Value::retain(b ? kRtBooleanTrue : kRtBooleanFalse);
+}
 // A date given as seconds since 2001-01-01 00:00:00 GMT.
-inline Value Date(double at) { return Value::adopt(RtDateCreate(nullptr, at)); }
+inline Value Date(double at) {
+    return Value::adopt(RtDateCreate(nullptr, at));
+}
 inline Value Bytes(const std::string &bytes) {
     return Value::adopt(RtDataCreate(nullptr, reinterpret_cast<const uint8_t *>(bytes.data()),
                                      static_cast<RtIndex>(bytes.size())));
@@ -67,11 +78,10 @@ inline Value A(std::initializer_list<Value> items) {
 }
 // A dictionary whose keys are inserted in the order given; a member with a null Value is left out.
 inline Value Dict(std::initializer_list<std::pair<const char *, Value>> members) {
-    RtMutableDictionaryRef dict =
-        RtDictionaryCreateMutable(nullptr, 0, &kRtCopyStringDictionaryKeyCallBacks, &kRtTypeDictionaryValueCallBacks);
+    RtMutableDictionaryRef dict = RtDictionaryCreateMutable(nullptr, 0, &kRtCopyStringDictionaryKeyCallBacks,
+                                                            &kRtTypeDictionaryValueCallBacks);
     for (const auto &member : members)
-        if (member.second.get())
-            RtDictionarySetValue(dict, S(member.first).get(), member.second.get());
+        if (member.second.get()) RtDictionarySetValue(dict, S(member.first).get(), member.second.get());
     return Value::adopt(dict);
 }
 
@@ -80,21 +90,23 @@ inline std::string text(RtDataRef data) {
                               static_cast<size_t>(RtDataGetLength(data)))
                 : std::string("(null)");
 }
-inline std::string text(const Value &data) { return text(data.data()); }
+inline std::string text(const Value &data) {
+    return text(data.data());
+}
 
 inline std::string describe(RtTypeRef value) {
-    if (!value)
-        return "(null)";
+    if (!value) return "(null)";
     Value description = Value::adopt(RtCopyDescription(value));
-    Value bytes = Value::adopt(RtStringCreateExternalRepresentation(nullptr, description.str(), kRtStringEncodingUTF8, '?'));
+    Value bytes = Value::adopt(
+        RtStringCreateExternalRepresentation(nullptr, description.str(), kRtStringEncodingUTF8, '?'));
     return text(bytes);
 }
 
 // Deep equality of two runtime values, with both descriptions on failure.
 inline ::testing::AssertionResult sameValue(RtTypeRef expected, RtTypeRef actual) {
-    if (RtEqual(expected, actual))
-        return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << "expected " << describe(expected) << "\n     got " << describe(actual);
+    if (RtEqual(expected, actual)) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure()
+           << "expected " << describe(expected) << "\n     got " << describe(actual);
 }
 inline ::testing::AssertionResult sameValue(const Value &expected, RtTypeRef actual) {
     return sameValue(expected.get(), actual);
@@ -117,8 +129,9 @@ inline Value readerFault(const char *message) {
 
 // A protocol handler (XML-RPC unless another protocol is given) for the life of the object.
 class Handler {
-public:
-    explicit Handler(RtStringRef protocol = kHVXMLRPCProtocol) : fRef(HVProtocolHandlerCreate(nullptr, protocol)) {}
+  public:
+    explicit Handler(RtStringRef protocol = kHVXMLRPCProtocol)
+        : fRef(HVProtocolHandlerCreate(nullptr, protocol)) {}
     Handler(const Handler &) = delete;
     Handler &operator=(const Handler &) = delete;
     ~Handler() { RtRelease(fRef); }
@@ -126,8 +139,8 @@ public:
     void set(RtStringRef key, RtTypeRef value) const { HVProtocolHandlerSetProperty(fRef, key, value); }
 
     std::string request(const char *method, const Value &params, const Value &order = Value()) const {
-        return text(Value::adopt(
-            HVProtocolHandlerCopyRequestDocument(fRef, S(method).str(), params.dict(), order.array(), nullptr)));
+        return text(Value::adopt(HVProtocolHandlerCopyRequestDocument(fRef, S(method).str(), params.dict(),
+                                                                      order.array(), nullptr)));
     }
     std::string reply(const Value &value, const Value &context = Value()) const {
         return text(Value::adopt(HVProtocolHandlerCopyReplyDocument(fRef, context.dict(), value.get())));
@@ -137,14 +150,15 @@ public:
     }
     // The result dictionary of a reply document to method.
     Value readReply(const std::string &document, const char *method = "m") const {
-        return Value::adopt(HVProtocolHandlerCopyReplyDictionary(fRef, S(method).str(), Bytes(document).data()));
+        return Value::adopt(
+            HVProtocolHandlerCopyReplyDictionary(fRef, S(method).str(), Bytes(document).data()));
     }
     // The request dictionary of a request document, or a null Value.
     Value readRequest(const std::string &document) const {
         return Value::adopt(HVProtocolHandlerCopyRequestDictionary(fRef, Bytes(document).data()));
     }
 
-private:
+  private:
     HVProtocolHandlerRef fRef;
 };
 

@@ -10,7 +10,8 @@ using namespace xmlrpctest;
 namespace {
 
 std::string replyHolding(const std::string &value) {
-    return "<?xml version=\"1.0\"?><methodResponse><params><param>" + value + "</param></params></methodResponse>";
+    return "<?xml version=\"1.0\"?><methodResponse><params><param>" + value +
+           "</param></params></methodResponse>";
 }
 
 // n levels of <value><kind>...: an array of arrays, or a struct of structs under the member "m".
@@ -29,8 +30,9 @@ std::string parseRequestError(const std::string &document) {
     Value data = Bytes(document);
     Value request = Value::adopt(handler.parsePostData(data.data(), kRtStringEncodingUTF8, &error));
     EXPECT_EQ(nullptr, request.get()) << document;
-    Value bytes = Value::adopt(
-        error.isNull() ? nullptr : RtStringCreateExternalRepresentation(nullptr, error.getString(), kRtStringEncodingUTF8, '?'));
+    Value bytes = Value::adopt(error.isNull() ? nullptr
+                                              : RtStringCreateExternalRepresentation(
+                                                    nullptr, error.getString(), kRtStringEncodingUTF8, '?'));
     return text(bytes);
 }
 
@@ -44,16 +46,21 @@ std::string scalarReply(const std::string &content) {
 }
 
 RtStringRef _overrideStrings(HVMethodInvocationRef, RtTypeRef value, void *info) {
-    return RtStringCreateWithFormat(nullptr, nullptr, RTSTR("<%s>%@</%s>"), static_cast<const char *>(info), value,
-                                    static_cast<const char *>(info));
+    return RtStringCreateWithFormat(nullptr, nullptr, RTSTR("<%s>%@</%s>"), static_cast<const char *>(info),
+                                    value, static_cast<const char *>(info));
 }
-RtStringRef _declineEverything(HVMethodInvocationRef, RtTypeRef, void *) { return nullptr; }
+RtStringRef _declineEverything(HVMethodInvocationRef, RtTypeRef, void *) {
+    return nullptr;
+}
 
 std::string fallbackLines(RtTypeRef value) {
-    Value line = Value::adopt(RtStringCreateWithFormat(
-        nullptr, nullptr, RTSTR("<!-- Unknown RtType (%d) for parameter - trying string coercion -->\r\n        <string>%@</string>"),
-        static_cast<int>(RtGetTypeID(value)), value));
-    Value bytes = Value::adopt(RtStringCreateExternalRepresentation(nullptr, line.str(), kRtStringEncodingUTF8, 0));
+    Value line =
+        Value::adopt(RtStringCreateWithFormat(nullptr, nullptr,
+                                              RTSTR("<!-- Unknown RtType (%d) for parameter - trying string "
+                                                    "coercion -->\r\n        <string>%@</string>"),
+                                              static_cast<int>(RtGetTypeID(value)), value));
+    Value bytes =
+        Value::adopt(RtStringCreateExternalRepresentation(nullptr, line.str(), kRtStringEncodingUTF8, 0));
     return text(bytes);
 }
 
@@ -62,20 +69,27 @@ std::string fallbackLines(RtTypeRef value) {
 TEST(XMLRPCReplies, ValuesOfEveryKind) {
     Handler handler;
     const std::pair<const char *, Value> cases[] = {
-        {"<value>hello</value>", S("hello")},           {"<value><STRING>x</STRING></value>", S("x")},
+        {"<value>hello</value>", S("hello")},
+        {"<value><STRING>x</STRING></value>", S("x")},
         {"<value><string>a&amp;b<![CDATA[<c>]]></string></value>", S("a&b<c>")},
-        {"<value><i4>42</i4></value>", I(42)},           {"<value><int> -0x1F</int></value>", I(-31)},
-        {"<value><I4>010</I4></value>", I(8)},           {"<value><i4>3000000000</i4></value>", I64(3000000000LL)},
+        {"<value><i4>42</i4></value>", I(42)},
+        {"<value><int> -0x1F</int></value>", I(-31)},
+        {"<value><I4>010</I4></value>", I(8)},
+        {"<value><i4>3000000000</i4></value>", I64(3000000000LL)},
         {"<value><i4></i4></value>", I(0)},
         {"<value><i4>4&amp;2</i4></value>", I(4)}, // scalars read the first text node only
-        {"<value><boolean>Yes</boolean></value>", B(true)}, {"<value><boolean>t</boolean></value>", B(true)},
-        {"<value><boolean>2</boolean></value>", B(false)},  {"<value><boolean>no</boolean></value>", B(false)},
-        {"<value><boolean/></value>", B(false)},            {"<value><double>-1.5e3</double></value>", D(-1500)},
+        {"<value><boolean>Yes</boolean></value>", B(true)},
+        {"<value><boolean>t</boolean></value>", B(true)},
+        {"<value><boolean>2</boolean></value>", B(false)},
+        {"<value><boolean>no</boolean></value>", B(false)},
+        {"<value><boolean/></value>", B(false)},
+        {"<value><double>-1.5e3</double></value>", D(-1500)},
         {"<value><double>abc</double></value>", D(0)},
         {"<value><dateTime.iso8601>19980717T14:08:55</dateTime.iso8601></value>", Date(-77622665.0)},
         {"<value><dateTime.iso8601>1998-07-17T14:08:55Z</dateTime.iso8601></value>", Date(-77622665.0)},
         {"<value><base64>\n TW Fu\n</base64></value>", Bytes("Man")},
-        {"<value><array><data><value><i4>1</i4></value><value/><value><string/></value><value>x</value></data>"
+        {"<value><array><data><value><i4>1</i4></value><value/><value><string/></value><value>x</value></"
+         "data>"
          "<ignored/></array></value>",
          A({I(1), S(""), S(""), S("x")})},
         {"<value><array><data/></array></value>", A({})},
@@ -95,8 +109,9 @@ TEST(XMLRPCReplies, ValuesOfEveryKind) {
     for (const char *nothing : {"<value/>", "<value><string></string></value>"})
         EXPECT_TRUE(sameValue(Dict({}), handler.readReply(replyHolding(nothing)).get())) << nothing;
     EXPECT_TRUE(sameValue(Dict({{"/Result", S("p")}}),
-                          handler.readReply("<x:methodResponse xmlns:x='urn:x'><params><param><value>p"
-                                            "</value></param></params></x:methodResponse>")
+                          handler
+                              .readReply("<x:methodResponse xmlns:x='urn:x'><params><param><value>p"
+                                         "</value></param></params></x:methodResponse>")
                               .get()));
 }
 
@@ -108,11 +123,17 @@ TEST(XMLRPCReplies, ServerFaults) {
     };
     const char *code4 = "<member><name>faultCode</name><value><int>4</int></value></member>";
     const char *text = "<member><name>faultString</name><value>Too many</value></member>";
-    EXPECT_TRUE(sameValue(Dict({{"/kHVResultIsFault", B(true)}, {"/FaultCode", I(4)}, {"/FaultString", S("Too many")}}),
-                          fault((std::string(code4) + text + "<member><name>x</name><value>y</value></member>").c_str()).get()));
-    EXPECT_TRUE(sameValue(I(-1), fault((std::string("<member><name>faultCode</name><value>4</value></member>") + text).c_str())["/FaultCode"]))
+    EXPECT_TRUE(sameValue(
+        Dict({{"/kHVResultIsFault", B(true)}, {"/FaultCode", I(4)}, {"/FaultString", S("Too many")}}),
+        fault((std::string(code4) + text + "<member><name>x</name><value>y</value></member>").c_str())
+            .get()));
+    EXPECT_TRUE(
+        sameValue(I(-1), fault((std::string("<member><name>faultCode</name><value>4</value></member>") + text)
+                                   .c_str())["/FaultCode"]))
         << "a code that is not a number counts as absent";
-    EXPECT_TRUE(sameValue(I(0), fault("<member><name>faultCode</name><value><double>2.5</double></value></member>")["/FaultCode"]));
+    EXPECT_TRUE(sameValue(
+        I(0),
+        fault("<member><name>faultCode</name><value><double>2.5</double></value></member>")["/FaultCode"]));
     EXPECT_EQ(nullptr, fault(code4)["/FaultString"]);
 }
 
@@ -121,17 +142,21 @@ TEST(XMLRPCReplies, MalformedRepliesBecomeFaults) {
     const std::pair<std::string, const char *> cases[] = {
         {"<notResponse/>", "Can't find a 'methodResponse' element"},
         {"<methodResponse/>", "Can't find any child of the 'methodResponse' element"},
-        {"<methodResponse><other/></methodResponse>", "Child of the 'methodResponse' must be <fault> or <params>"},
+        {"<methodResponse><other/></methodResponse>",
+         "Child of the 'methodResponse' must be <fault> or <params>"},
         {"<methodResponse><fault/></methodResponse>", "<fault> must contain a <value>"},
         {"<methodResponse><fault><value><struct/></value></fault></methodResponse>", "Can't parse <fault>."},
         {"<methodResponse><fault><value>oops</value></fault></methodResponse>", "Can't parse <fault>."},
-        {"<methodResponse><fault><value><nil/></value></fault></methodResponse>", "Don't know how to deserialize nil"},
+        {"<methodResponse><fault><value><nil/></value></fault></methodResponse>",
+         "Don't know how to deserialize nil"},
         {"<methodResponse><params/></methodResponse>", "<params> must contain a single <param> entry"},
-        {"<methodResponse><params><param/></params></methodResponse>", "<param> must contain a single <value> entry"},
+        {"<methodResponse><params><param/></params></methodResponse>",
+         "<param> must contain a single <value> entry"},
         {replyHolding("<value><nil/></value>"), "Don't know how to deserialize nil"},
         {replyHolding("<value><i8>5</i8></value>"), "Don't know how to deserialize i8"},
         {replyHolding("<value><array/></value>"), "<array> should only containa single <data> element"},
-        {replyHolding("<value><array><value/></array></value>"), "<array> should only containa single <data> element"},
+        {replyHolding("<value><array><value/></array></value>"),
+         "<array> should only containa single <data> element"},
         {replyHolding("<value><array><data><i4>1</i4></data></array></value>"),
          "non-value element found in <data> part of <array>"},
         {replyHolding("<value><struct><member/></struct></value>"), "empty <member> element"},
@@ -143,8 +168,9 @@ TEST(XMLRPCReplies, MalformedRepliesBecomeFaults) {
          "unknown element in <member>"},
         {replyHolding("<value><struct><member><name/><value>1</value></member></struct></value>"),
          "missing <name> element for <member>"},
-        {replyHolding("<value><array><data><value><struct><member><name>a</name><value><array><data><value><nil/>"
-                      "</value></data></array></value></member></struct></value></data></array></value>"),
+        {replyHolding(
+             "<value><array><data><value><struct><member><name>a</name><value><array><data><value><nil/>"
+             "</value></data></array></value></member></struct></value></data></array></value>"),
          "Don't know how to deserialize nil"},
     };
     for (const auto &c : cases)
@@ -185,10 +211,12 @@ TEST(XMLRPCReplies, ArraysReadWhileParsedMatchTheTreeReading) {
         "&amp;<value>1</value>",
     };
     for (const std::string &list : items) {
-        Value top = handler.readReply(replyHolding("<value><array><data>" + list + "</data></array></value>"));
-        Value nested = handler.readReply(replyHolding(
-            "<value><struct><member><name>k</name><value><array><data>" + list + "</data></array></value></member>"
-            "</struct></value>"));
+        Value top =
+            handler.readReply(replyHolding("<value><array><data>" + list + "</data></array></value>"));
+        Value nested = handler.readReply(
+            replyHolding("<value><struct><member><name>k</name><value><array><data>" + list +
+                         "</data></array></value></member>"
+                         "</struct></value>"));
         if (HVMethodResultIsFault(nested.dict())) {
             EXPECT_TRUE(sameValue(nested.get(), top.get())) << list;
         } else {
@@ -203,9 +231,10 @@ TEST(XMLRPCReplies, ArraysReadWhileParsedMatchTheTreeReading) {
     EXPECT_TRUE(HVMethodResultIsFault(truncated.dict()));
     EXPECT_TRUE(sameValue(I(-65795), Value::retain(truncated["/FaultExtra"])["error"]));
     EXPECT_TRUE(sameValue(Dict({{"/Result", A({S("1")})}}),
-                          handler.readReply("<methodResponse><params><param><value><array><data><value>1</value>"
-                                            "</data></array></value></param><param><value>2</value></param>"
-                                            "</params></methodResponse>")
+                          handler
+                              .readReply("<methodResponse><params><param><value><array><data><value>1</value>"
+                                         "</data></array></value></param><param><value>2</value></param>"
+                                         "</params></methodResponse>")
                               .get()));
 }
 
@@ -225,15 +254,18 @@ TEST(XMLRPCReplies, DeepNestingEndsAtTheDepthLimit) {
         EXPECT_TRUE(sameValue(S("leaf"), value));
         // Far deeper documents end as a parse fault, not on the stack.
         EXPECT_TRUE(HVMethodResultIsFault(handler.readReply(replyHolding(nested(5000, structs))).dict()));
-        EXPECT_EQ(nullptr, handler.readRequest("<methodCall><methodName>m</methodName><params><param>" +
-                                               nested(5000, structs) + "</param></params></methodCall>").get());
+        EXPECT_EQ(nullptr, handler
+                               .readRequest("<methodCall><methodName>m</methodName><params><param>" +
+                                            nested(5000, structs) + "</param></params></methodCall>")
+                               .get());
     }
 }
 
 TEST(XMLRPCRequests, ServerSideRequests) {
     Handler handler;
-    Value request = handler.readRequest("<methodCall><methodName>add</methodName><params><param><value><i4>1</i4>"
-                                        "</value></param><param><value>two</value></param></params></methodCall>");
+    Value request =
+        handler.readRequest("<methodCall><methodName>add</methodName><params><param><value><i4>1</i4>"
+                            "</value></param><param><value>two</value></param></params></methodCall>");
     EXPECT_TRUE(sameValue(Dict({{"/HVTextEncoding", I(static_cast<int32_t>(kRtStringEncodingUTF8))},
                                 {"/HVMethodName", S("add")},
                                 {"/HVMethodParameters", Dict({{"anon0", I(1)}, {"anon1", S("two")}})},
@@ -244,9 +276,11 @@ TEST(XMLRPCRequests, ServerSideRequests) {
     // numbers from anon0 again.
     request = handler.readRequest(
         "junk<?xml version='1.0'?><p:methodCall xmlns:p='urn:p'><p:methodName>m</p:methodName><params>"
-        "<param><value>a</value><value>b</value></param><param><value/></param><param><value>c</value></param>"
+        "<param><value>a</value><value>b</value></param><param><value/></param><param><value>c</value></"
+        "param>"
         "</params><params><param><value>z</value></param></params></p:methodCall>");
-    EXPECT_TRUE(sameValue(Dict({{"anon0", S("z")}, {"anon1", S("b")}, {"anon2", S("c")}}), request["/HVMethodParameters"]));
+    EXPECT_TRUE(sameValue(Dict({{"anon0", S("z")}, {"anon1", S("b")}, {"anon2", S("c")}}),
+                          request["/HVMethodParameters"]));
     EXPECT_TRUE(sameValue(A({S("anon0"), S("anon1"), S("anon2")}), request["/HVMethodParameterOrder"]));
 
     request = handler.readRequest("<methodCall><methodName>m</methodName></methodCall>");
@@ -258,8 +292,8 @@ TEST(XMLRPCRequests, ServerSideRequests) {
     RtArrayRef extensions = static_cast<RtArrayRef>(request["/HVXMLRPCTopLevelExtensions"]);
     ASSERT_NE(nullptr, extensions);
     ASSERT_EQ(1, RtArrayGetCount(extensions));
-    EXPECT_TRUE(sameValue(S("other"), RtXMLNodeGetString(RtXMLTreeGetNode(
-                                          static_cast<RtTreeRef>(const_cast<void *>(RtArrayGetValueAtIndex(extensions, 0)))))));
+    EXPECT_TRUE(sameValue(S("other"), RtXMLNodeGetString(RtXMLTreeGetNode(static_cast<RtTreeRef>(
+                                          const_cast<void *>(RtArrayGetValueAtIndex(extensions, 0)))))));
     EXPECT_EQ(nullptr, request["/HVMethodName"]);
 }
 
@@ -277,25 +311,35 @@ TEST(XMLRPCDocuments, GoldenRequestsRepliesAndFaults) {
     Handler handler;
     EXPECT_EQ(readGolden("request_add.xml"), handler.request("examples.add", Dict({{"n", I(42)}})));
     EXPECT_EQ(readGolden("request_no_params.xml"), handler.request("system.listMethods", Value()));
-    EXPECT_EQ(readGolden("request_no_params.xml"), handler.request("system.listMethods", Dict({{"n", I(1)}}), A({})));
+    EXPECT_EQ(readGolden("request_no_params.xml"),
+              handler.request("system.listMethods", Dict({{"n", I(1)}}), A({})));
 
     Value record = Dict({{"/HVRecordParamOrder", A({S("b"), S("a<b"), S("/skip"), S(""), S("n"), S("deep")})},
                          {"a<b", I(1)},
                          {"b", S("two")},
                          {"/skip", S("hidden")},
                          {"deep", A({A({A({S("z")})})})}});
-    Value params = Dict({{"flag", B(true)}, {"off", B(false)}, {"count", I(-7)}, {"big", I64(3000000000LL)},
-                         {"ratio", D(2.5)}, {"huge", D(1e20)}, {"text", S("a<b&c'\"d>")}, {"when", Date(31535947.9)},
-                         {"blob", Bytes("Man")}, {"list", A({I(1), S("x")})}, {"empty", A({})}, {"record", record}});
-    Value order = A({S("flag"), S("off"), S("count"), S("big"), S("ratio"), S("huge"), S("text"), S("when"), S("blob"),
-                     S("list"), S("empty"), S("record"), S("missing")});
+    Value params = Dict({{"flag", B(true)},
+                         {"off", B(false)},
+                         {"count", I(-7)},
+                         {"big", I64(3000000000LL)},
+                         {"ratio", D(2.5)},
+                         {"huge", D(1e20)},
+                         {"text", S("a<b&c'\"d>")},
+                         {"when", Date(31535947.9)},
+                         {"blob", Bytes("Man")},
+                         {"list", A({I(1), S("x")})},
+                         {"empty", A({})},
+                         {"record", record}});
+    Value order = A({S("flag"), S("off"), S("count"), S("big"), S("ratio"), S("huge"), S("text"), S("when"),
+                     S("blob"), S("list"), S("empty"), S("record"), S("missing")});
     EXPECT_EQ(readGolden("request_all_kinds.xml"), handler.request("examples.everything", params, order));
 
     EXPECT_EQ(readGolden("reply_struct.xml"), handler.reply(Dict({{"sum", I(3)}, {"ok", B(true)}})));
     EXPECT_EQ(readGolden("reply_empty.xml"), handler.reply(Value()));
-    EXPECT_EQ(readGolden("fault_full.xml"),
-              handler.fault(Dict({{"/FaultCode", I(4)}, {"/FaultString", S("Too many parameters")},
-                                  {"/FaultExtra", S("detail")}})));
+    EXPECT_EQ(readGolden("fault_full.xml"), handler.fault(Dict({{"/FaultCode", I(4)},
+                                                                {"/FaultString", S("Too many parameters")},
+                                                                {"/FaultExtra", S("detail")}})));
     EXPECT_EQ(readGolden("fault_default.xml"), handler.fault(Dict({})));
     EXPECT_EQ(readGolden("fault_default.xml"), handler.fault(Value()));
 }
@@ -310,7 +354,8 @@ TEST(XMLRPCDocuments, ParameterOrder) {
     EXPECT_TRUE(b1 < a && a < b2) << twice;
 
     // Without an order array the parameters' own record order decides.
-    std::string record = handler.request("m", Dict({{"/HVRecordParamOrder", A({S("b"), S("a")})}, {"a", I(1)}, {"b", I(2)}}));
+    std::string record =
+        handler.request("m", Dict({{"/HVRecordParamOrder", A({S("b"), S("a")})}, {"a", I(1)}, {"b", I(2)}}));
     EXPECT_LT(record.find("<i4>2</i4>"), record.find("<i4>1</i4>"));
     EXPECT_EQ(std::string::npos, record.find("HVRecordParamOrder"));
 }
@@ -318,11 +363,16 @@ TEST(XMLRPCDocuments, ParameterOrder) {
 TEST(XMLRPCDocuments, EveryKindOfValue) {
     Handler handler;
     const std::pair<Value, const char *> scalars[] = {
-        {I(2147483647), "<i4>2147483647</i4>"},     {I(-2147483647 - 1), "<i4>-2147483648</i4>"},
-        {I64(3000000000LL), "<i4>0</i4>"},           {I64(-5), "<i4>-5</i4>"},
-        {D(0.1), "<double>0.1</double>"},            {D(3.14159265), "<double>3.14159</double>"},
-        {D(-2.5e-7), "<double>-2.5e-07</double>"},   {D(1e20), "<double>1e+20</double>"},
-        {S(""), "<string></string>"},                {S("caf\xC3\xA9 &amp;"), "<string>caf\xC3\xA9 &amp;amp;</string>"},
+        {I(2147483647), "<i4>2147483647</i4>"},
+        {I(-2147483647 - 1), "<i4>-2147483648</i4>"},
+        {I64(3000000000LL), "<i4>0</i4>"},
+        {I64(-5), "<i4>-5</i4>"},
+        {D(0.1), "<double>0.1</double>"},
+        {D(3.14159265), "<double>3.14159</double>"},
+        {D(-2.5e-7), "<double>-2.5e-07</double>"},
+        {D(1e20), "<double>1e+20</double>"},
+        {S(""), "<string></string>"},
+        {S("caf\xC3\xA9 &amp;"), "<string>caf\xC3\xA9 &amp;amp;</string>"},
         {Date(-77622665.0), "<dateTime.iso8601>19980717T14:08:55Z</dateTime.iso8601>"},
     };
     for (const auto &scalar : scalars)
@@ -341,7 +391,8 @@ TEST(XMLRPCDocuments, EveryKindOfValue) {
     std::string bytes, line;
     for (int i = 0; i < 13; i++)
         bytes += "abc", line += "YWJj";
-    EXPECT_EQ(replyWith("      <value>\r\n        <base64>\r\n\t\t\t" + line + "\n\r\n        </base64>\r\n      </value>\r\n"),
+    EXPECT_EQ(replyWith("      <value>\r\n        <base64>\r\n\t\t\t" + line +
+                        "\n\r\n        </base64>\r\n      </value>\r\n"),
               handler.reply(Bytes(bytes)));
 }
 
@@ -376,9 +427,14 @@ TEST(XMLRPCDocuments, ReplyEncodingsAndFaultMembers) {
     EXPECT_EQ("(null)", handler.reply(S("caf\xC3\xA9"), ascii)) << "not representable: no document";
 
     // The XML-RPC member names win over the result-dictionary keys.
-    std::string both = handler.fault(Dict({{"/FaultCode", I(1)}, {"faultCode", I(2)}, {"/FaultString", S("a")},
-                                           {"faultString", S("b")}, {"/FaultExtra", S("x")}, {"faultExtra", S("y")}}));
-    for (const char *piece : {"<i4>2</i4>", "<string>b</string>", "<name>faultExtra</name>", "<string>y</string>"})
+    std::string both = handler.fault(Dict({{"/FaultCode", I(1)},
+                                           {"faultCode", I(2)},
+                                           {"/FaultString", S("a")},
+                                           {"faultString", S("b")},
+                                           {"/FaultExtra", S("x")},
+                                           {"faultExtra", S("y")}}));
+    for (const char *piece :
+         {"<i4>2</i4>", "<string>b</string>", "<name>faultExtra</name>", "<string>y</string>"})
         EXPECT_NE(std::string::npos, both.find(piece)) << piece;
     EXPECT_EQ(std::string::npos, handler.fault(Dict({{"faultExtra", S("y")}})).find("faultExtra"))
         << "faultExtra goes out only beside /FaultExtra";

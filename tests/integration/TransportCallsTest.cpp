@@ -83,11 +83,14 @@ TEST_P(TransportCalls, RequestOnTheWireAndHeaderPrecedence) {
     EXPECT_EQ(sent.headerCount("Content-Type"), 1u);
 
     Owned templateURL = newURL(server.url("/from-template"));
-    Owned templateMessage = Owned::adopt(RtHTTPMessageCreateRequest(kRtAllocatorDefault, RTSTR("POST"), as<RtURLRef>(templateURL),
-                                                     kRtHTTPVersion1_1));
-    RtHTTPMessageSetHeaderFieldValue(as<RtHTTPMessageRef>(templateMessage), RTSTR("User-Agent"), RTSTR("Custom/2.0"));
-    RtHTTPMessageSetHeaderFieldValue(as<RtHTTPMessageRef>(templateMessage), RTSTR("Content-Type"), RTSTR("text/plain"));
-    RtHTTPMessageSetHeaderFieldValue(as<RtHTTPMessageRef>(templateMessage), RTSTR("X-Template"), RTSTR("kept"));
+    Owned templateMessage = Owned::adopt(RtHTTPMessageCreateRequest(
+        kRtAllocatorDefault, RTSTR("POST"), as<RtURLRef>(templateURL), kRtHTTPVersion1_1));
+    RtHTTPMessageSetHeaderFieldValue(as<RtHTTPMessageRef>(templateMessage), RTSTR("User-Agent"),
+                                     RTSTR("Custom/2.0"));
+    RtHTTPMessageSetHeaderFieldValue(as<RtHTTPMessageRef>(templateMessage), RTSTR("Content-Type"),
+                                     RTSTR("text/plain"));
+    RtHTTPMessageSetHeaderFieldValue(as<RtHTTPMessageRef>(templateMessage), RTSTR("X-Template"),
+                                     RTSTR("kept"));
     Invocation templated(server.url("/RPC2"), "echo");
     templated.property(kHVHTTPMessage, templateMessage)
         .property(kHVPostingMethod, S("PUT")) // the template's method stands
@@ -149,7 +152,8 @@ TEST_P(TransportCalls, Redirects) {
     EXPECT_EQ(server.lastRequest().path, "/RPC2");
     EXPECT_THAT(server.lastRequest().body, HasSubstr("<methodName>echo</methodName>"));
 
-    for (RtTypeRef setting : {static_cast<RtTypeRef>(kRtBooleanFalse), static_cast<RtTypeRef>(RTSTR("yes"))}) {
+    for (RtTypeRef setting :
+         {static_cast<RtTypeRef>(kRtBooleanFalse), static_cast<RtTypeRef>(RTSTR("yes"))}) {
         size_t before = server.requestCount();
         Invocation stays(server.url("/old"), "echo");
         stays.property(kHVHTTPFollowsRedirects, setting);
@@ -168,7 +172,8 @@ TEST_P(TransportCalls, ConnectionReuseAndRepeatedCalls) {
     server.reply("*", "*", hvtest::ScriptedReply::xml(kHelloReply));
     Invocation again(server.url("/RPC2"), "echo");
     for (int i = 0; i < 6; i++) {
-        Outcome outcome = i < 3 ? Invocation(server.url("/RPC2"), "echo").run(GetParam()) : again.run(GetParam());
+        Outcome outcome =
+            i < 3 ? Invocation(server.url("/RPC2"), "echo").run(GetParam()) : again.run(GetParam());
         ASSERT_EQ(outcome.callbacks, 1);
         EXPECT_EQ(outcome.resultText(), "hello");
     }
@@ -182,8 +187,12 @@ namespace {
 
 int gOtherFired = 0;
 
-void _otherPerform(void *) { gOtherFired++; }
-void _otherTimer(RtRunLoopTimerRef, void *) { gOtherFired++; }
+void _otherPerform(void *) {
+    gOtherFired++;
+}
+void _otherTimer(RtRunLoopTimerRef, void *) {
+    gOtherFired++;
+}
 
 } // namespace
 
@@ -193,9 +202,11 @@ TEST(TransportSync, OtherModesDoNotFireDuringInvoke) {
     hvtest::ScriptedHTTPServer server;
     server.reply("*", "*", hvtest::ScriptedReply::xml(kHelloReply));
     RtRunLoopRef loop = RtRunLoopGetCurrent();
-    RtRunLoopSourceContext context = {0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, _otherPerform};
+    RtRunLoopSourceContext context = {0,       nullptr, nullptr, nullptr, nullptr,
+                                      nullptr, nullptr, nullptr, nullptr, _otherPerform};
     Owned source = Owned::adopt(RtRunLoopSourceCreate(kRtAllocatorDefault, 0, &context));
-    Owned timer = Owned::adopt(RtRunLoopTimerCreate(kRtAllocatorDefault, RtAbsoluteTimeGetCurrent() - 1, 0, 0, 0, _otherTimer, nullptr));
+    Owned timer = Owned::adopt(RtRunLoopTimerCreate(kRtAllocatorDefault, RtAbsoluteTimeGetCurrent() - 1, 0, 0,
+                                                    0, _otherTimer, nullptr));
     RtRunLoopAddSource(loop, as<RtRunLoopSourceRef>(source), kRtRunLoopDefaultMode);
     RtRunLoopAddTimer(loop, as<RtRunLoopTimerRef>(timer), asyncTestMode());
     RtRunLoopSourceSignal(as<RtRunLoopSourceRef>(source));
@@ -278,12 +289,14 @@ TEST(TransportAsync, ReleaseFromInsideTheCallback) {
     server.reply("POST", "/json", hvtest::ScriptedReply::with(200, "application/json", "{}"));
     DiagnosticCapture verbose(1, 1);
     const std::string urls[] = {server.url("/ok"), server.url("/json"),
-                                "http://127.0.0.1:" + std::to_string(hvtest::freeLoopbackPort()) + "/", "urn:no-host"};
+                                "http://127.0.0.1:" + std::to_string(hvtest::freeLoopbackPort()) + "/",
+                                "urn:no-host"};
     for (const std::string &url : urls) {
         SCOPED_TRACE(url);
         Owned endpoint = newURL(url);
         ReleasingDelivery delivery;
-        delivery.invocation = HVMethodInvocationCreate(as<RtURLRef>(endpoint), RTSTR("echo"), kHVXMLRPCProtocol);
+        delivery.invocation =
+            HVMethodInvocationCreate(as<RtURLRef>(endpoint), RTSTR("echo"), kHVXMLRPCProtocol);
         HVClientContext context = {0, &delivery, nullptr, nullptr, nullptr};
         HVMethodInvocationSetCallBack(delivery.invocation, _releaseInCallback, &context);
         HVMethodInvocationScheduleWithRunLoop(delivery.invocation, RtRunLoopGetCurrent(), asyncTestMode());

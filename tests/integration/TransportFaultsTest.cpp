@@ -26,7 +26,7 @@ namespace {
 // thread's run loop, the User-Agent text, the protocols' tables), so warm-up calls run before
 // the count is taken.
 class LiveObjects : public testing::Test {
-protected:
+  protected:
     void SetUp() override {
         static bool sWarm = false;
         if (!sWarm) {
@@ -40,7 +40,7 @@ protected:
     }
     void TearDown() override { EXPECT_EQ(RtRuntimeGetLiveObjectCount(), fLive) << "runtime objects leaked"; }
 
-private:
+  private:
     long fLive = 0;
 };
 
@@ -53,7 +53,8 @@ class TransportFaults : public LiveObjects, public testing::WithParamInterface<R
 TEST_P(TransportFaults, RequestCannotBeSent) {
     hvtest::ScriptedHTTPServer server;
     server.reply("*", "*", hvtest::ScriptedReply::xml(kHelloReply));
-    Owned responseMessage = Owned::adopt(RtHTTPMessageCreateResponse(kRtAllocatorDefault, 200, nullptr, kRtHTTPVersion1_1));
+    Owned responseMessage =
+        Owned::adopt(RtHTTPMessageCreateResponse(kRtAllocatorDefault, 200, nullptr, kRtHTTPVersion1_1));
     struct Row {
         const char *message;
         std::string url;
@@ -65,14 +66,14 @@ TEST_P(TransportFaults, RequestCannotBeSent) {
         {"Missing host in URL", "file:///tmp/RPC2", nullptr, nullptr},
         {"Can't get posting method", server.url("/RPC2"), kHVPostingMethod, kRtBooleanTrue},
         {"Can't create HTTP message request", server.url("/RPC2"), kHVHTTPMessage, RTSTR("not a message")},
-        {"Can't create read stream from http message", server.url("/RPC2"), kHVHTTPMessage, responseMessage.get()},
+        {"Can't create read stream from http message", server.url("/RPC2"), kHVHTTPMessage,
+         responseMessage.get()},
         {"Can't issue read stream open", server.url("/RPC2"), kHVPostingMethod, RTSTR("NOT A METHOD")},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.message);
         Invocation call(row.url, "echo");
-        if (row.property)
-            call.property(row.property, row.value);
+        if (row.property) call.property(row.property, row.value);
         Outcome outcome = call.run(GetParam());
         ASSERT_EQ(outcome.callbacks, 1);
         expectStreamFault(outcome, row.message, 2, -65794);
@@ -85,8 +86,9 @@ TEST_P(TransportFaults, RequestCannotBeSent) {
 // listens on; a row without a script has no server. A message starting with '~' is a regular
 // expression the message contains. judged: a reply arrived and was judged, so the debug entries are there.
 TEST_P(TransportFaults, Matrix) {
-    const std::string notUTF8 = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<methodResponse><params><param><value>"
-                                "<string>caf\xE9 \xFF\xFE</string></value></param></params></methodResponse>\n";
+    const std::string notUTF8 =
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<methodResponse><params><param><value>"
+        "<string>caf\xE9 \xFF\xFE</string></value></param></params></methodResponse>\n";
     const std::string local = "http://127.0.0.1:{port}/RPC2";
     struct Row {
         const char *name;
@@ -98,7 +100,8 @@ TEST_P(TransportFaults, Matrix) {
         bool judged = false;
         RtStringRef protocol = kHVXMLRPCProtocol;
     } rows[] = {
-        // name                 script                              url     domain error (CURLcode in domain 20)
+        // name                 script                              url     domain error (CURLcode in domain
+        // 20)
         {"refused", FaultScript(), "http://127.0.0.1:{free}/", 20, 7},
         {"closed before status", FaultScript::closeBeforeStatus(), local, 20, 52},
         {"reset before status", FaultScript::resetBeforeStatus(), local, 20, 56},
@@ -115,16 +118,16 @@ TEST_P(TransportFaults, Matrix) {
          "https://127.0.0.1:{port}/RPC2", 20, 35},
         // The stall outlasts the time-out; the reply that comes after it changes nothing.
         {"stall past the time-out",
-         FaultScript().readRequest().sleep(1800ms).send(std::string("HTTP/1.1 200 OK\r\n\r\n") + kHelloReply), local,
-         -1, -65796, "Timed Out", 1},
+         FaultScript().readRequest().sleep(1800ms).send(std::string("HTTP/1.1 200 OK\r\n\r\n") + kHelloReply),
+         local, -1, -65796, "Timed Out", 1},
         // The body is cut at its declared length, so the parser names the line it stopped at.
         {"body longer", FaultScript::bodyLongerThanLength(), local, -1, -65795, "~\\(line ", 0, true},
         {"status 503", FaultScript::reply("503 Come Back Later", "text/plain", "busy"), local, -1, -65795,
          "HTTP/1.1 503 Come Back Later", 0, true},
         {"invalid UTF-8", FaultScript::reply("200 OK", "text/xml; charset=utf-8", notUTF8), local, -1, -65795,
          "~\\(line 2, pos ", 0, true},
-        {"invalid UTF-8, SOAP", FaultScript::reply("200 OK", "text/xml; charset=utf-8", notUTF8), local, -1, -65795,
-         "~\\(line 2, pos ", 0, true, kHVSOAP2001Protocol},
+        {"invalid UTF-8, SOAP", FaultScript::reply("200 OK", "text/xml; charset=utf-8", notUTF8), local, -1,
+         -65795, "~\\(line 2, pos ", 0, true, kHVSOAP2001Protocol},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);
@@ -137,8 +140,7 @@ TEST_P(TransportFaults, Matrix) {
             url.replace(url.find("{free}"), 6, std::to_string(hvtest::freeLoopbackPort()));
         }
         Invocation call(url, "echo", row.protocol);
-        if (row.timeout)
-            call.property(kHVMethodInvocationTimeoutValue, I(row.timeout));
+        if (row.timeout) call.property(kHVMethodInvocationTimeoutValue, I(row.timeout));
         Outcome outcome = call.run(GetParam(), row.timeout ? 1.5 : 0.05);
         ASSERT_EQ(outcome.callbacks, 1);
         expectStreamFault(outcome, row.message, row.domain, row.error);
@@ -178,8 +180,7 @@ namespace {
 
 void _countCallback(HVMethodInvocationRef, void *info, RtDictionaryRef result) {
     ++*static_cast<int *>(info);
-    if (result)
-        RtRelease(result);
+    if (result) RtRelease(result);
 }
 
 } // namespace
@@ -223,10 +224,10 @@ void _scheduleInSecondMode(RtRunLoopTimerRef, void *info) {
 TEST_P(TransportFaults, PerformWhileWaitingForTheStream) {
     hvtest::FaultServer server(FaultScript::neverAnswer());
     Invocation call(server.url("/RPC2"), "echo");
-    RtRunLoopTimerContext context = {0, const_cast<void *>(static_cast<const void *>(call.get())), nullptr, nullptr,
-                                     nullptr};
-    Owned timer = Owned::adopt(RtRunLoopTimerCreate(kRtAllocatorDefault, RtAbsoluteTimeGetCurrent() + 0.3, 0, 0, 0,
-                                     _scheduleInSecondMode, &context));
+    RtRunLoopTimerContext context = {0, const_cast<void *>(static_cast<const void *>(call.get())), nullptr,
+                                     nullptr, nullptr};
+    Owned timer = Owned::adopt(RtRunLoopTimerCreate(kRtAllocatorDefault, RtAbsoluteTimeGetCurrent() + 0.3, 0,
+                                                    0, 0, _scheduleInSecondMode, &context));
     RtStringRef callMode = GetParam() == Road::eSync ? RTSTR("HVSYNC") : asyncTestMode();
     RtRunLoopAddTimer(RtRunLoopGetCurrent(), as<RtRunLoopTimerRef>(timer), callMode);
 
@@ -234,13 +235,13 @@ TEST_P(TransportFaults, PerformWhileWaitingForTheStream) {
     ASSERT_EQ(outcome.callbacks, 1);
     expectStreamFault(outcome, "Timed Out Waiting For Open", -1, -65796);
     RtRunLoopRemoveTimer(RtRunLoopGetCurrent(), as<RtRunLoopTimerRef>(timer), callMode);
-    HVMethodInvocationUnscheduleFromRunLoop(call.get(), RtRunLoopGetCurrent(), RTSTR("HVTransportSecondMode"));
+    HVMethodInvocationUnscheduleFromRunLoop(call.get(), RtRunLoopGetCurrent(),
+                                            RTSTR("HVTransportSecondMode"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Roads, TransportFaults, testing::Values(Road::eSync, Road::eAsync), roadName);
 
 namespace {
-
 
 // The position of needle in haystack at or after from; fails the test when it is missing.
 size_t expectAfter(const std::string &haystack, const std::string &needle, size_t from) {
@@ -264,14 +265,18 @@ TEST(TransportDiagnostics, VerboseAndTransactionLogLines) {
     size_t at = expectAfter(log, tag + "HTTPClosureSource::perform state 0 (uninit)\n", 0);
     at = expectAfter(log, tag + "HTTPClosureSource::perform new state state 1 (waitforopen)\n", at);
     expectAfter(log,
-                tag + "HTTPClosureSource::readStreamCallback type 1 (kRtStreamEventOpenCompleted), state waitforopen\n\n",
+                tag + "HTTPClosureSource::readStreamCallback type 1 (kRtStreamEventOpenCompleted), state "
+                      "waitforopen\n\n",
                 at);
-    at = expectAfter(log,
-                     tag + "HTTPClosureSource::readStreamCallback type 2 (kRtStreamEventHasBytesAvailable), state "
-                           "waitforopen\n\n",
-                     at);
+    at = expectAfter(
+        log,
+        tag + "HTTPClosureSource::readStreamCallback type 2 (kRtStreamEventHasBytesAvailable), state "
+              "waitforopen\n\n",
+        at);
     at = expectAfter(log, tag + "HTTPClosureSource::perform state 2 (readintobuffer)\n", at);
-    at = expectAfter(log, tag + "HTTPClosureSource::readStreamCallback type 16 (kRtStreamEventEndEncountered), state ", at);
+    at = expectAfter(
+        log, tag + "HTTPClosureSource::readStreamCallback type 16 (kRtStreamEventEndEncountered), state ",
+        at);
     at = expectAfter(log, tag + "HTTPClosureSource::perform state 3 (streamendencountered)\n", at);
     at = expectAfter(log, "Transaction Log:Outgoing Headers: ", at);
     at = expectAfter(log, "Outgoing Body: ", at);

@@ -12,18 +12,20 @@ namespace hvit {
 const char *const kHelloReply = "<?xml version=\"1.0\"?>\n<methodResponse><params><param><value><string>hello"
                                 "</string></value></param></params></methodResponse>\n";
 
-std::string roadName(const testing::TestParamInfo<Road> &info) { return info.param == Road::eSync ? "Sync" : "Async"; }
+std::string roadName(const testing::TestParamInfo<Road> &info) {
+    return info.param == Road::eSync ? "Sync" : "Async";
+}
 
 Owned newURL(const std::string &text) {
     return Owned::adopt(RtURLCreateWithString(kRtAllocatorDefault, S(text.c_str()).str(), nullptr));
 }
 
 std::string text(RtTypeRef value) {
-    if (!value || RtGetTypeID(value) != RtStringGetTypeID())
-        return "";
+    if (!value || RtGetTypeID(value) != RtStringGetTypeID()) return "";
     RtStringRef string = static_cast<RtStringRef>(value);
     RtIndex length = RtStringGetLength(string);
-    std::string bytes(static_cast<size_t>(RtStringGetMaximumSizeForEncoding(length, kRtStringEncodingUTF8)), '\0');
+    std::string bytes(static_cast<size_t>(RtStringGetMaximumSizeForEncoding(length, kRtStringEncodingUTF8)),
+                      '\0');
     RtIndex used = 0;
     RtStringGetBytes(string, RtRange{0, length}, kRtStringEncodingUTF8, 0, false,
                      reinterpret_cast<uint8_t *>(&bytes[0]), static_cast<RtIndex>(bytes.size()), &used);
@@ -44,26 +46,31 @@ RtTypeRef Outcome::value(RtStringRef key) const {
 
 static RtTypeRef streamEntry(const Outcome &outcome, RtStringRef key) {
     RtTypeRef extra = outcome.value(kHVFaultExtra);
-    if (!extra || RtGetTypeID(extra) != RtDictionaryGetTypeID())
-        return nullptr;
+    if (!extra || RtGetTypeID(extra) != RtDictionaryGetTypeID()) return nullptr;
     return RtDictionaryGetValue(static_cast<RtDictionaryRef>(extra), key);
 }
 
-std::string Outcome::streamMessage() const { return text(streamEntry(*this, kHVStreamErrorMessage)); }
-int64_t Outcome::streamDomain() const { return integer(streamEntry(*this, kHVStreamErrorDomain)); }
-int64_t Outcome::streamError() const { return integer(streamEntry(*this, kHVStreamErrorError)); }
+std::string Outcome::streamMessage() const {
+    return text(streamEntry(*this, kHVStreamErrorMessage));
+}
+int64_t Outcome::streamDomain() const {
+    return integer(streamEntry(*this, kHVStreamErrorDomain));
+}
+int64_t Outcome::streamError() const {
+    return integer(streamEntry(*this, kHVStreamErrorError));
+}
 
 Invocation::Invocation(const std::string &url, const char *method, RtStringRef protocol)
-    : fRef(nullptr), fParameters(RtDictionaryCreateMutable(kRtAllocatorDefault, 0, &kRtCopyStringDictionaryKeyCallBacks,
-                                                           &kRtTypeDictionaryValueCallBacks)),
+    : fRef(nullptr),
+      fParameters(RtDictionaryCreateMutable(kRtAllocatorDefault, 0, &kRtCopyStringDictionaryKeyCallBacks,
+                                            &kRtTypeDictionaryValueCallBacks)),
       fOrder(RtArrayCreateMutable(kRtAllocatorDefault, 0, &kRtTypeArrayCallBacks)) {
     fRef = HVMethodInvocationCreate(as<RtURLRef>(newURL(url)), S(method).str(), protocol);
     HVMethodInvocationSetParameters(fRef, fParameters, fOrder);
 }
 
 Invocation::~Invocation() {
-    if (fRef)
-        RtRelease(fRef);
+    if (fRef) RtRelease(fRef);
     RtRelease(fParameters);
     RtRelease(fOrder);
 }
@@ -81,9 +88,13 @@ Invocation &Invocation::property(RtStringRef key, RtTypeRef value) {
     return *this;
 }
 
-Outcome Invocation::run(Road road, double lingerSeconds) const { return runCall(fRef, road, lingerSeconds); }
+Outcome Invocation::run(Road road, double lingerSeconds) const {
+    return runCall(fRef, road, lingerSeconds);
+}
 
-RtStringRef asyncTestMode() { return RTSTR("HVTransportTestMode"); }
+RtStringRef asyncTestMode() {
+    return RTSTR("HVTransportTestMode");
+}
 
 namespace {
 
@@ -106,15 +117,13 @@ void _countingCallback(HVMethodInvocationRef, void *info, RtDictionaryRef result
 void linger(RtStringRef mode, double seconds) {
     RtAbsoluteTime end = RtAbsoluteTimeGetCurrent() + seconds;
     while (RtAbsoluteTimeGetCurrent() < end)
-        if (RtRunLoopRunInMode(mode, end - RtAbsoluteTimeGetCurrent(), false) == kRtRunLoopRunFinished)
-            break;
+        if (RtRunLoopRunInMode(mode, end - RtAbsoluteTimeGetCurrent(), false) == kRtRunLoopRunFinished) break;
 }
 
 } // namespace
 
 Outcome runCall(HVMethodInvocationRef invocation, Road road, double lingerSeconds) {
-    if (road == Road::eAsync)
-        return runConcurrently({invocation}, lingerSeconds)[0];
+    if (road == Road::eAsync) return runConcurrently({invocation}, lingerSeconds)[0];
     Delivery delivery;
     delivery.first = HVMethodInvocationInvoke(invocation);
     delivery.callbacks = delivery.first ? 1 : 0;
@@ -129,7 +138,8 @@ Outcome runCall(HVMethodInvocationRef invocation, Road road, double lingerSecond
     return outcome;
 }
 
-std::vector<Outcome> runConcurrently(const std::vector<HVMethodInvocationRef> &invocations, double lingerSeconds) {
+std::vector<Outcome> runConcurrently(const std::vector<HVMethodInvocationRef> &invocations,
+                                     double lingerSeconds) {
     std::vector<Delivery> deliveries(invocations.size());
     RtRunLoopRef loop = RtRunLoopGetCurrent();
     for (size_t i = 0; i < invocations.size(); i++) {
@@ -138,7 +148,8 @@ std::vector<Outcome> runConcurrently(const std::vector<HVMethodInvocationRef> &i
         HVMethodInvocationScheduleWithRunLoop(invocations[i], loop, asyncTestMode());
     }
     auto pending = [&] {
-        return std::any_of(deliveries.begin(), deliveries.end(), [](const Delivery &d) { return d.callbacks == 0; });
+        return std::any_of(deliveries.begin(), deliveries.end(),
+                           [](const Delivery &d) { return d.callbacks == 0; });
     };
     RtAbsoluteTime guard = RtAbsoluteTimeGetCurrent() + 60;
     while (pending() && RtAbsoluteTimeGetCurrent() < guard)
@@ -157,7 +168,8 @@ std::vector<Outcome> runConcurrently(const std::vector<HVMethodInvocationRef> &i
 void expectDebugEntries(const Outcome &outcome, bool withResponse) {
     RtTypeRef outHeaders = outcome.value(kHVDebugOutgoingHeaders);
     ASSERT_TRUE(outHeaders && RtGetTypeID(outHeaders) == RtDictionaryGetTypeID());
-    EXPECT_FALSE(text(RtDictionaryGetValue(static_cast<RtDictionaryRef>(outHeaders), RTSTR("User-Agent"))).empty());
+    EXPECT_FALSE(
+        text(RtDictionaryGetValue(static_cast<RtDictionaryRef>(outHeaders), RTSTR("User-Agent"))).empty());
     // Bodies are shown with line feeds only.
     std::string outBody = text(outcome.value(kHVDebugOutgoingBody));
     EXPECT_NE(outBody.find("<?xml"), std::string::npos) << outBody;

@@ -27,7 +27,9 @@ using Owned = xmlrpctest::Value;
 using xmlrpctest::Dict;
 using xmlrpctest::I;
 using xmlrpctest::S;
-template <class T> T as(const Owned &owned) { return static_cast<T>(const_cast<void *>(owned.get())); }
+template <class T> T as(const Owned &owned) {
+    return static_cast<T>(const_cast<void *>(owned.get()));
+}
 Owned newURL(const std::string &text);
 
 // The UTF-8 text of a string value; "" for NULL or anything that is not a string.
@@ -54,7 +56,7 @@ struct Outcome {
 
 // One invocation handle, owned.
 class Invocation {
-public:
+  public:
     Invocation(const std::string &url, const char *method, RtStringRef protocol = kHVXMLRPCProtocol);
     ~Invocation();
     Invocation(const Invocation &) = delete;
@@ -69,7 +71,7 @@ public:
     HVMethodInvocationRef get() const { return fRef; }
     Outcome run(Road road, double lingerSeconds = 0.05) const;
 
-private:
+  private:
     HVMethodInvocationRef fRef;
     RtMutableDictionaryRef fParameters;
     RtMutableArrayRef fOrder;
@@ -94,8 +96,9 @@ extern const char *const kHelloReply;
 
 // Switches the diagnostics on and captures standard error until finish(), which restores both.
 class DiagnosticCapture {
-public:
-    DiagnosticCapture(int debug, int verbose) : fDebug((hvInitStatics(), gHVDebug)), fVerbose(gHVDebugVerbose) {
+  public:
+    DiagnosticCapture(int debug, int verbose)
+        : fDebug((hvInitStatics(), gHVDebug)), fVerbose(gHVDebugVerbose) {
         gHVDebug = debug;
         gHVDebugVerbose = verbose;
         testing::internal::CaptureStderr();
@@ -107,7 +110,7 @@ public:
         return text;
     }
 
-private:
+  private:
     int fDebug, fVerbose;
 };
 

@@ -12,7 +12,9 @@ using namespace hvit;
 
 namespace {
 
-std::string readFile(const std::string &name) { return xmlrpctest::readGolden(name, "transport"); }
+std::string readFile(const std::string &name) {
+    return xmlrpctest::readGolden(name, "transport");
+}
 
 std::string trim(const std::string &s) {
     size_t start = s.find_first_not_of(' ');
@@ -33,8 +35,7 @@ std::vector<ReplyCase> loadCases() {
     std::istringstream in(readFile("reply_cases.txt"));
     std::string line;
     while (std::getline(in, line)) {
-        if (line.empty() || line[0] == '#')
-            continue;
+        if (line.empty() || line[0] == '#') continue;
         std::vector<std::string> fields;
         std::istringstream columns(line);
         for (std::string field; std::getline(columns, field, '|');)
@@ -95,8 +96,7 @@ TEST_P(TransportReplies, EachScriptedReplyGivesItsResult) {
         SCOPED_TRACE(c.name);
         hvtest::ScriptedReply reply;
         reply.status = c.status;
-        if (!c.contentType.empty())
-            reply.headers.push_back({"Content-Type", c.contentType});
+        if (!c.contentType.empty()) reply.headers.push_back({"Content-Type", c.contentType});
         reply.body = c.body;
         server.reply("*", "*", reply);
 
@@ -106,8 +106,8 @@ TEST_P(TransportReplies, EachScriptedReplyGivesItsResult) {
         ASSERT_EQ(outcome.callbacks, 1);
         expectOutcome(outcome, c.expectation);
         expectDebugEntries(outcome, true);
-        EXPECT_EQ(RtHTTPMessageGetResponseStatusCode(
-                      static_cast<RtHTTPMessageRef>(const_cast<void *>(outcome.value(kHVHTTPResponseMessage)))),
+        EXPECT_EQ(RtHTTPMessageGetResponseStatusCode(static_cast<RtHTTPMessageRef>(
+                      const_cast<void *>(outcome.value(kHVHTTPResponseMessage)))),
                   c.status);
     }
 }
@@ -116,8 +116,9 @@ TEST_P(TransportReplies, EachScriptedReplyGivesItsResult) {
 // line is accepted like any other, and a request can be sent as HTTP/1.0.
 TEST_P(TransportReplies, CharsetsAndHTTP10) {
     hvtest::ScriptedHTTPServer server;
-    server.reply("POST", "/latin1",
-                 hvtest::ScriptedReply::with(200, "text/xml; charset=ISO-8859-1", readFile("latin1_reply.xml")));
+    server.reply(
+        "POST", "/latin1",
+        hvtest::ScriptedReply::with(200, "text/xml; charset=ISO-8859-1", readFile("latin1_reply.xml")));
     hvtest::ScriptedReply reply = hvtest::ScriptedReply::xml(readFile("echo_reply.xml"));
     reply.http10 = true;
     server.reply("POST", "/RPC2", reply);

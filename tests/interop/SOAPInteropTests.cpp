@@ -38,15 +38,17 @@ void storeResult(HVMethodInvocationRef, void *info, RtDictionaryRef result) {
 
 // One call of method on the peer, synchronously or on the current run loop.
 class Call {
-public:
+  public:
     Call(const hvtest::PythonPeer &peer, const Style &style, const char *method)
         : fURL(Value::adopt(RtURLCreateWithString(nullptr, S(peer.url("/").c_str()).str(), nullptr))),
-          fInvocation(HVMethodInvocationCreate(static_cast<RtURLRef>(fURL.get()), S(method).str(), style.protocol)) {
+          fInvocation(
+              HVMethodInvocationCreate(static_cast<RtURLRef>(fURL.get()), S(method).str(), style.protocol)) {
         HVMethodInvocationSetProperty(fInvocation, kHVSOAPMethodNamespaceURI, RTSTR("urn:halvos:test"));
         HVMethodInvocationSetProperty(fInvocation, kHVSOAPBodyEncodingStyle, style.bodyStyle);
         // The SOAP 1.1 HTTP binding asks for a SOAPAction header; spyne reads the Body instead,
         // but sending it is what a client owes any SOAP 1.1 server.
-        Value action = Value::adopt(RtStringCreateWithFormat(nullptr, nullptr, RTSTR("\"urn:halvos:test#%s\""), method));
+        Value action =
+            Value::adopt(RtStringCreateWithFormat(nullptr, nullptr, RTSTR("\"urn:halvos:test#%s\""), method));
         HVMethodInvocationSetProperty(fInvocation, kHVHTTPExtraHeaders, Dict({{"SOAPAction", action}}).get());
     }
     Call(const Call &) = delete;
@@ -76,23 +78,24 @@ public:
         return Value::adopt(result);
     }
 
-private:
+  private:
     Value fURL;
     HVMethodInvocationRef fInvocation;
 };
 
 // The result dictionary of a successful call: the parameters under "/Result" and each under its
 // own name, beside the transport's debug entries, which are not compared.
-::testing::AssertionResult answered(std::initializer_list<std::pair<const char *, Value>> params, const Value &result) {
+::testing::AssertionResult answered(std::initializer_list<std::pair<const char *, Value>> params,
+                                    const Value &result) {
     if (HVMethodResultIsFault(result.dict()))
         return ::testing::AssertionFailure() << "a fault: " << describe(result.get());
     Value expected = Dict(params);
     ::testing::AssertionResult same = sameValue(expected, result["/Result"]);
-    if (!same)
-        return same;
+    if (!same) return same;
     for (const auto &param : params)
         if (!RtEqual(param.second.get(), result[param.first]))
-            return ::testing::AssertionFailure() << param.first << " missing beside /Result: " << describe(result.get());
+            return ::testing::AssertionFailure()
+                   << param.first << " missing beside /Result: " << describe(result.get());
     return ::testing::AssertionSuccess();
 }
 
@@ -107,11 +110,13 @@ TEST(SOAPInterop, CallsToSpyneInEachFlavourAndStyle) {
         Value echoed = Call(peer, style, "echo").with(Dict({{"s", S(text)}}), A({S("s")})).invoke();
         EXPECT_TRUE(answered({{"tns:echoResult", S(text)}}, echoed));
 
-        Value sum = Call(peer, style, "add").with(Dict({{"a", I(2)}, {"b", I(40)}}), A({S("a"), S("b")})).invoke();
+        Value sum =
+            Call(peer, style, "add").with(Dict({{"a", I(2)}, {"b", I(40)}}), A({S("a"), S("b")})).invoke();
         EXPECT_TRUE(answered({{"tns:addResult", S("42")}}, sum));
 
         // The same call on the run loop, through the callback.
-        sum = Call(peer, style, "add").with(Dict({{"a", I(-5)}, {"b", I(5)}}), A({S("a"), S("b")})).schedule();
+        sum =
+            Call(peer, style, "add").with(Dict({{"a", I(-5)}, {"b", I(5)}}), A({S("a"), S("b")})).schedule();
         EXPECT_TRUE(answered({{"tns:addResult", S("0")}}, sum));
 
         // With the result parameter named, the value itself is the result.
@@ -145,8 +150,9 @@ TEST(SOAPInterop, SpyneRecordsAndFaults) {
 
     // One record stays a record; none leaves an empty element, which is null.
     Value one = Call(peer, style, "records").with(Dict({{"count", I(1)}}), A({S("count")})).invoke();
-    EXPECT_TRUE(answered(
-        {{"tns:recordsResult", Dict({{"tns:Record", record(0, "0.0", "true", "2024-01-02T03:04:05+00:00")}})}}, one));
+    EXPECT_TRUE(answered({{"tns:recordsResult",
+                           Dict({{"tns:Record", record(0, "0.0", "true", "2024-01-02T03:04:05+00:00")}})}},
+                         one));
     Value none = Call(peer, style, "records").with(Dict({{"count", I(0)}}), A({S("count")})).invoke();
     EXPECT_TRUE(answered({{"tns:recordsResult", Null()}}, none));
 
@@ -174,10 +180,12 @@ TEST(SOAPInterop, SpyneParsingXsiTypeRefusesSchemaTypes) {
     // are not taken for types at all, so SOAP-1999 still gets through.
     hvtest::PythonPeer peer("spyne_server.py", {"--parse-xsi-type"});
     ASSERT_TRUE(peer.ready()) << peer.error();
-    Value refused = Call(peer, styles()[0], "add").with(Dict({{"a", I(1)}, {"b", I(2)}}), A({S("a"), S("b")})).invoke();
+    Value refused =
+        Call(peer, styles()[0], "add").with(Dict({{"a", I(1)}, {"b", I(2)}}), A({S("a"), S("b")})).invoke();
     EXPECT_TRUE(HVMethodResultIsFault(refused.dict())) << describe(refused.get());
     EXPECT_TRUE(sameValue(S("The value 'xsd:int' could not be validated."), refused["/FaultString"]));
 
-    Value accepted = Call(peer, styles()[2], "add").with(Dict({{"a", I(1)}, {"b", I(2)}}), A({S("a"), S("b")})).invoke();
+    Value accepted =
+        Call(peer, styles()[2], "add").with(Dict({{"a", I(1)}, {"b", I(2)}}), A({S("a"), S("b")})).invoke();
     EXPECT_TRUE(answered({{"tns:addResult", S("3")}}, accepted));
 }

@@ -13,7 +13,8 @@ namespace {
 
 // Runs the codec with args (no shell: expressions pass untouched).
 hvtest::Finished runCodec(std::vector<std::string> args) {
-    args.insert(args.begin(), {hvtest::PythonPeer::interpreter(), std::string(HV_SOURCE_DIR) + "/tests/interop/xmlrpc_codec.py"});
+    args.insert(args.begin(), {hvtest::PythonPeer::interpreter(),
+                               std::string(HV_SOURCE_DIR) + "/tests/interop/xmlrpc_codec.py"});
     return hvtest::run(args);
 }
 
@@ -33,8 +34,7 @@ std::string pythonWrites(std::vector<std::string> args) {
     close(fd);
     hvtest::Finished run = runCodec({"check", path, expected});
     unlink(path);
-    if (run.status == 0)
-        return ::testing::AssertionSuccess();
+    if (run.status == 0) return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << run.out << run.err << "\ndocument:\n" << document;
 }
 
@@ -54,7 +54,8 @@ TEST(XMLRPCInterop, PythonCallsReadByOurHandler) {
     Handler handler;
     Value request = handler.readRequest(pythonWrites(
         {"call", "examples.everything",
-         "(42, -7, True, False, 2.5, 1e+20, 'a<b&c\\'\"d>', 'caf\\u00e9', datetime.datetime(1998, 7, 17, 14, 8, 55), "
+         "(42, -7, True, False, 2.5, 1e+20, 'a<b&c\\'\"d>', 'caf\\u00e9', datetime.datetime(1998, 7, 17, 14, "
+         "8, 55), "
          "Binary(b'Man'), [1, 'x', [True]], {'a': 1, 'b<': {'c': []}, 'd': 0.5}, (2**31 - 1, -2**31))"}));
     EXPECT_TRUE(sameValue(S("examples.everything"), request["/HVMethodName"]));
     EXPECT_TRUE(sameValue(Dict({{"anon0", I(42)},
@@ -78,8 +79,11 @@ TEST(XMLRPCInterop, PythonCallsReadByOurHandler) {
 
     // Long texts arrive in several pieces from the parser; they are read whole.
     std::string big = bigText();
-    request = handler.readRequest(pythonWrites({"call", "big", std::string("(") + bigTextExpression + ", Binary(" + bigTextExpression + ".encode()))"}));
-    EXPECT_TRUE(sameValue(Dict({{"anon0", S(big.c_str())}, {"anon1", Bytes(big)}}), request["/HVMethodParameters"]));
+    request = handler.readRequest(pythonWrites(
+        {"call", "big",
+         std::string("(") + bigTextExpression + ", Binary(" + bigTextExpression + ".encode()))"}));
+    EXPECT_TRUE(
+        sameValue(Dict({{"anon0", S(big.c_str())}, {"anon1", Bytes(big)}}), request["/HVMethodParameters"]));
 }
 
 TEST(XMLRPCInterop, PythonRepliesReadByOurReader) {
@@ -87,15 +91,18 @@ TEST(XMLRPCInterop, PythonRepliesReadByOurReader) {
     const std::pair<const char *, Value> cases[] = {
         {"42", I(42)},
         {"'x & <y>'", S("x & <y>")},
-        {"[1.25, False, {'k': [b'\\x00\\xff']}]", A({D(1.25), B(false), Dict({{"k", A({Bytes(std::string("\0\xFF", 2))})}})})},
+        {"[1.25, False, {'k': [b'\\x00\\xff']}]",
+         A({D(1.25), B(false), Dict({{"k", A({Bytes(std::string("\0\xFF", 2))})}})})},
         {"datetime.datetime(2001, 12, 31, 23, 59, 7)", Date(31535947.0)},
     };
     for (const auto &c : cases)
-        EXPECT_TRUE(sameValue(Dict({{"/Result", c.second}}), handler.readReply(pythonWrites({"response", c.first})).get()))
+        EXPECT_TRUE(sameValue(Dict({{"/Result", c.second}}),
+                              handler.readReply(pythonWrites({"response", c.first})).get()))
             << c.first;
 
-    EXPECT_TRUE(sameValue(Dict({{"/kHVResultIsFault", B(true)}, {"/FaultCode", I(4)}, {"/FaultString", S("Too <many>")}}),
-                          handler.readReply(pythonWrites({"fault", "4", "Too <many>"})).get()));
+    EXPECT_TRUE(sameValue(
+        Dict({{"/kHVResultIsFault", B(true)}, {"/FaultCode", I(4)}, {"/FaultString", S("Too <many>")}}),
+        handler.readReply(pythonWrites({"fault", "4", "Too <many>"})).get()));
 
     // Python writes None as <nil/>, an element the XML-RPC rules do not have: the reply is refused.
     Value nil = handler.readReply(pythonWrites({"response", "None"}));
@@ -105,29 +112,40 @@ TEST(XMLRPCInterop, PythonRepliesReadByOurReader) {
 
 TEST(XMLRPCInterop, OurDocumentsReadByPython) {
     Handler handler;
-    Value params = Dict({{"i", I(42)}, {"big", I64(3000000000LL)}, {"t", B(true)}, {"f", B(false)}, {"d", D(-2.5e-7)},
-                         {"s", S("a<b&c'\"d> caf\xC3\xA9")}, {"e", S("")}, {"data", Bytes(std::string("\0\x01\xFFMan", 6))},
-                         {"when", Date(31535947.0)}, {"list", A({I(1), A({}), S("x")})},
-                         {"rec", Dict({{"/HVRecordParamOrder", A({S("b"), S("a")})}, {"a", I(1)}, {"b", Dict({})}})}});
-    Value order = A({S("i"), S("big"), S("t"), S("f"), S("d"), S("s"), S("e"), S("data"), S("when"), S("list"), S("rec"),
-                     S("none")});
+    Value params =
+        Dict({{"i", I(42)},
+              {"big", I64(3000000000LL)},
+              {"t", B(true)},
+              {"f", B(false)},
+              {"d", D(-2.5e-7)},
+              {"s", S("a<b&c'\"d> caf\xC3\xA9")},
+              {"e", S("")},
+              {"data", Bytes(std::string("\0\x01\xFFMan", 6))},
+              {"when", Date(31535947.0)},
+              {"list", A({I(1), A({}), S("x")})},
+              {"rec", Dict({{"/HVRecordParamOrder", A({S("b"), S("a")})}, {"a", I(1)}, {"b", Dict({})}})}});
+    Value order = A({S("i"), S("big"), S("t"), S("f"), S("d"), S("s"), S("e"), S("data"), S("when"),
+                     S("list"), S("rec"), S("none")});
     // Our dates carry a trailing "Z", which Python's datetime conversion refuses; its DateTime
     // keeps the text. A 64-bit integer goes out as 0 and a missing value as the nil line's 0.
-    EXPECT_TRUE(pythonReads(handler.request("examples.echo", params, order),
-                            "((42, 0, True, False, -2.5e-07, 'a<b&c\\'\"d> caf\\u00e9', '', Binary(b'\\x00\\x01\\xffMan'), "
-                            "DateTime('20011231T23:59:07Z'), [1, [], 'x'], {'b': {}, 'a': 1}, 0), 'examples.echo')"));
+    EXPECT_TRUE(pythonReads(
+        handler.request("examples.echo", params, order),
+        "((42, 0, True, False, -2.5e-07, 'a<b&c\\'\"d> caf\\u00e9', '', Binary(b'\\x00\\x01\\xffMan'), "
+        "DateTime('20011231T23:59:07Z'), [1, [], 'x'], {'b': {}, 'a': 1}, 0), 'examples.echo')"));
     EXPECT_TRUE(pythonReads(handler.request("system.listMethods", Value()), "((), 'system.listMethods')"));
 
     std::string big = bigText();
     EXPECT_TRUE(pythonReads(handler.reply(A({S(big.c_str()), Bytes(big)})),
-                            std::string("(([") + bigTextExpression + ", Binary(" + bigTextExpression + ".encode())],), None)"));
+                            std::string("(([") + bigTextExpression + ", Binary(" + bigTextExpression +
+                                ".encode())],), None)"));
     // Python insists on <params> or <fault>: it refuses the empty reply written for no value.
     EXPECT_TRUE(pythonReads(handler.reply(Value()), "'ResponseError'"));
 
     // Faults, the extra member included, surface as Python's Fault.
-    EXPECT_TRUE(pythonReads(handler.fault(Dict({{"/FaultCode", I(4)}, {"/FaultString", S("Too <many>")},
-                                                {"/FaultExtra", S("detail")}})),
-                            "Fault(4, 'Too <many>')"));
+    EXPECT_TRUE(pythonReads(
+        handler.fault(
+            Dict({{"/FaultCode", I(4)}, {"/FaultString", S("Too <many>")}, {"/FaultExtra", S("detail")}})),
+        "Fault(4, 'Too <many>')"));
     EXPECT_TRUE(pythonReads(handler.fault(Dict({})), "Fault(-1, 'Unknown Fault')"));
 }
 
@@ -136,20 +154,27 @@ TEST(XMLRPCInterop, CallsToPythonServer) {
     ASSERT_TRUE(server.ready()) << server.error();
     Value url = Value::adopt(RtURLCreateWithString(nullptr, S(server.url("/RPC2").c_str()).str(), nullptr));
     auto call = [&](const char *method, const Value &params, const Value &order) {
-        HVMethodInvocationRef invocation = HVMethodInvocationCreate(static_cast<RtURLRef>(url.get()), S(method).str(),
-                                                                    kHVXMLRPCProtocol);
+        HVMethodInvocationRef invocation =
+            HVMethodInvocationCreate(static_cast<RtURLRef>(url.get()), S(method).str(), kHVXMLRPCProtocol);
         HVMethodInvocationSetParameters(invocation, params.dict(), order.array());
         Value result = Value::adopt(HVMethodInvocationInvoke(invocation));
         RtRelease(invocation);
         return result;
     };
 
-    Value echoed = Dict({{"i", I(-7)}, {"s", S("a<b&c'\"d> caf\xC3\xA9")}, {"t", B(true)}, {"f", B(false)}, {"d", D(0.25)},
-                         {"b", Bytes(std::string("\0\xFF", 2))}, {"a", A({I(1), A({}), Dict({})})}});
+    Value echoed = Dict({{"i", I(-7)},
+                         {"s", S("a<b&c'\"d> caf\xC3\xA9")},
+                         {"t", B(true)},
+                         {"f", B(false)},
+                         {"d", D(0.25)},
+                         {"b", Bytes(std::string("\0\xFF", 2))},
+                         {"a", A({I(1), A({}), Dict({})})}});
     EXPECT_TRUE(sameValue(echoed, call("echo", Dict({{"x", echoed}}), Value())["/Result"]));
-    EXPECT_TRUE(sameValue(I(5), call("add", Dict({{"b", I(3)}, {"a", I(2)}}), A({S("a"), S("b")}))["/Result"]));
+    EXPECT_TRUE(
+        sameValue(I(5), call("add", Dict({{"b", I(3)}, {"a", I(2)}}), A({S("a"), S("b")}))["/Result"]));
 
-    Value fault = call("fault", Dict({{"code", I(4)}, {"string", S("Too <many>")}}), A({S("code"), S("string")}));
+    Value fault =
+        call("fault", Dict({{"code", I(4)}, {"string", S("Too <many>")}}), A({S("code"), S("string")}));
     EXPECT_TRUE(HVMethodResultIsFault(fault.dict()));
     EXPECT_TRUE(sameValue(I(4), fault["/FaultCode"]));
     EXPECT_TRUE(sameValue(S("Too <many>"), fault["/FaultString"]));

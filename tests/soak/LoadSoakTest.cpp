@@ -27,7 +27,9 @@
 
 // ASan keeps freed memory in a quarantine of up to 256 MB before reusing it, which would read as
 // growth; a small one lets the resident set show what the library really keeps.
-extern "C" const char *__asan_default_options() { return "quarantine_size_mb=4"; }
+extern "C" const char *__asan_default_options() {
+    return "quarantine_size_mb=4";
+}
 
 using namespace hvit;
 
@@ -43,8 +45,7 @@ long residentBytes() {
     long pages = 0, resident = 0;
     FILE *statm = std::fopen("/proc/self/statm", "r");
     if (statm) {
-        if (std::fscanf(statm, "%ld %ld", &pages, &resident) != 2)
-            resident = 0;
+        if (std::fscanf(statm, "%ld %ld", &pages, &resident) != 2) resident = 0;
         std::fclose(statm);
     }
     return resident * sysconf(_SC_PAGESIZE);
@@ -77,8 +78,7 @@ std::string echoOnce(const std::string &base, const CallKind &kind, const std::s
                           .param("value", value)
                           .run(kind.road, 0);
     RtTypeRef echoed = outcome.value(xmlrpc ? kHVMethodInvocationResult : RTSTR("Result"));
-    if (outcome.callbacks == 1 && !outcome.isFault() && echoed && RtEqual(echoed, value.get()))
-        return "";
+    if (outcome.callbacks == 1 && !outcome.isFault() && echoed && RtEqual(echoed, value.get())) return "";
     return std::to_string(outcome.callbacks) + " results, " + xmlrpctest::describe(outcome.result.get());
 }
 
@@ -90,8 +90,7 @@ struct Failures {
 
     void add(const std::string &what) {
         std::lock_guard<std::mutex> hold(lock);
-        if (count++ == 0)
-            first = what;
+        if (count++ == 0) first = what;
     }
 };
 
@@ -121,8 +120,7 @@ TEST(Load, EightThreadsEachWithItsOwnRunLoop) {
                 const CallKind &kind = callKind(t + i);
                 std::string text = "thread " + std::to_string(t) + " call " + std::to_string(i) + " <&>";
                 std::string problem = echoOnce(base, kind, text);
-                if (!problem.empty())
-                    failures.add(text + ": " + problem);
+                if (!problem.empty()) failures.add(text + ": " + problem);
                 done++;
             }
         });
@@ -147,12 +145,10 @@ TEST(Soak, SequentialCallsKeepMemoryFlat) {
     for (int i = 1; i <= kCalls; i++) {
         std::string text = "call " + std::to_string(i);
         std::string problem = echoOnce(base, callKind(i), text);
-        if (!problem.empty())
-            failures.add(text + ": " + problem);
+        if (!problem.empty()) failures.add(text + ": " + problem);
         if (i % kSampleEvery == 0) {
             last = residentBytes();
-            if (i == kSampleEvery)
-                afterFirstThousand = last;
+            if (i == kSampleEvery) afterFirstThousand = last;
             std::cout << "soak: " << i << " calls, resident " << last / 1024 << " KiB" << std::endl;
         }
     }

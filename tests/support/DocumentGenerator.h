@@ -37,8 +37,15 @@ struct XMLRPCRecord {
 };
 
 inline XMLRPCRecord xmlrpcRecord(size_t i, uint64_t seed = 1) {
-    static const char *const kWords[] = {"alpha", "Caf\xC3\xA9", "M\xC3\xBCller", "na\xC3\xAFve", "tom & jerry",
-                                         "a<b", "\xE6\x97\xA5\xE6\x9C\xAC", "\xD0\x9C\xD0\xB8\xD1\x80", "plain",
+    static const char *const kWords[] = {"alpha",
+                                         "Caf\xC3\xA9",
+                                         "M\xC3\xBCller",
+                                         "na\xC3\xAFve",
+                                         "tom & jerry",
+                                         "a<b",
+                                         "\xE6\x97\xA5\xE6\x9C\xAC",
+                                         "\xD0\x9C\xD0\xB8\xD1\x80",
+                                         "plain",
                                          "\"quoted\" 'single'"};
     static const char kBase64[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     DocumentRandom r(seed ^ (uint64_t(i) * 0x100000001B3ull));
@@ -60,12 +67,23 @@ inline XMLRPCRecord xmlrpcRecord(size_t i, uint64_t seed = 1) {
 inline void appendEscaped(std::string &out, const std::string &text) {
     for (char c : text) {
         switch (c) {
-        case '&': out += "&amp;"; break;
-        case '<': out += "&lt;"; break;
-        case '>': out += "&gt;"; break;
-        case '"': out += "&quot;"; break;
-        case '\'': out += "&apos;"; break;
-        default: out += c;
+        case '&':
+            out += "&amp;";
+            break;
+        case '<':
+            out += "&lt;";
+            break;
+        case '>':
+            out += "&gt;";
+            break;
+        case '"':
+            out += "&quot;";
+            break;
+        case '\'':
+            out += "&apos;";
+            break;
+        default:
+            out += c;
         }
     }
 }

@@ -22,15 +22,27 @@ FaultScript &FaultScript::add(Step step, std::string bytes, std::chrono::millise
     fActions.push_back({step, std::move(bytes), interval});
     return *this;
 }
-FaultScript &FaultScript::readRequest() { return add(Step::eReadRequest); }
-FaultScript &FaultScript::send(std::string bytes) { return add(Step::eSend, std::move(bytes)); }
+FaultScript &FaultScript::readRequest() {
+    return add(Step::eReadRequest);
+}
+FaultScript &FaultScript::send(std::string bytes) {
+    return add(Step::eSend, std::move(bytes));
+}
 FaultScript &FaultScript::trickle(std::string bytes, std::chrono::milliseconds interval) {
     return add(Step::eTrickle, std::move(bytes), interval);
 }
-FaultScript &FaultScript::sleep(std::chrono::milliseconds duration) { return add(Step::eSleep, {}, duration); }
-FaultScript &FaultScript::close() { return add(Step::eClose); }
-FaultScript &FaultScript::reset() { return add(Step::eReset); }
-FaultScript &FaultScript::stall() { return add(Step::eStall); }
+FaultScript &FaultScript::sleep(std::chrono::milliseconds duration) {
+    return add(Step::eSleep, {}, duration);
+}
+FaultScript &FaultScript::close() {
+    return add(Step::eClose);
+}
+FaultScript &FaultScript::reset() {
+    return add(Step::eReset);
+}
+FaultScript &FaultScript::stall() {
+    return add(Step::eStall);
+}
 
 FaultScript FaultScript::closeBeforeStatus() {
     return FaultScript().readRequest().close();
@@ -98,8 +110,9 @@ FaultScript FaultScript::redirectLoop(const std::string &path) {
 
 FaultScript FaultScript::reply(const std::string &statusAndReason, const std::string &contentType,
                                const std::string &body) {
-    return FaultScript().readRequest().send("HTTP/1.1 " + statusAndReason + "\r\nContent-Type: " + contentType +
-               "\r\nContent-Length: " + std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body);
+    return FaultScript().readRequest().send(
+        "HTTP/1.1 " + statusAndReason + "\r\nContent-Type: " + contentType +
+        "\r\nContent-Length: " + std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body);
 }
 
 FaultServer::FaultServer(FaultScript script) : FaultServer(std::vector<FaultScript>{std::move(script)}) {}

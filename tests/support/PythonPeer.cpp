@@ -37,8 +37,8 @@ PythonPeer::PythonPeer(const std::string &script, const std::vector<std::string>
     if (std::sscanf(line.c_str(), "PORT %d", &port) == 1 && port > 0 && port < 65536)
         fPort = uint16_t(port);
     else
-        fError = scriptPath(script) + ": no port line (\"" + line + "\"): " +
-                 fChild.finish(SIGKILL, std::chrono::seconds(2)).err;
+        fError = scriptPath(script) + ": no port line (\"" + line +
+                 "\"): " + fChild.finish(SIGKILL, std::chrono::seconds(2)).err;
 }
 
 PythonPeer::~PythonPeer() {

@@ -7,10 +7,18 @@ namespace hvtest {
 namespace {
 
 const char *reasonPhrase(int status) {
-    static const std::pair<int, const char *> kPhrases[] = {
-        {200, "OK"},          {202, "Accepted"},           {204, "No Content"},         {301, "Moved Permanently"},
-        {302, "Found"},       {307, "Temporary Redirect"}, {400, "Bad Request"},        {404, "Not Found"},
-        {405, "Method Not Allowed"}, {413, "Payload Too Large"},  {500, "Internal Server Error"}, {503, "Service Unavailable"}};
+    static const std::pair<int, const char *> kPhrases[] = {{200, "OK"},
+                                                            {202, "Accepted"},
+                                                            {204, "No Content"},
+                                                            {301, "Moved Permanently"},
+                                                            {302, "Found"},
+                                                            {307, "Temporary Redirect"},
+                                                            {400, "Bad Request"},
+                                                            {404, "Not Found"},
+                                                            {405, "Method Not Allowed"},
+                                                            {413, "Payload Too Large"},
+                                                            {500, "Internal Server Error"},
+                                                            {503, "Service Unavailable"}};
     for (const auto &phrase : kPhrases)
         if (phrase.first == status) return phrase.second;
     return "Unknown";
@@ -53,11 +61,13 @@ ScriptedReply ScriptedHTTPServer::dispatch(const RecordedRequest &request) {
         std::lock_guard<std::mutex> hold(fLock);
         std::string path = request.pathWithoutQuery();
         for (auto it = fRoutes.rbegin(); it != fRoutes.rend() && !handler; ++it)
-            if ((it->fMethod == "*" || it->fMethod == request.method) && (it->fPath == "*" || it->fPath == path))
+            if ((it->fMethod == "*" || it->fMethod == request.method) &&
+                (it->fPath == "*" || it->fPath == path))
                 handler = it->fHandler;
     }
     if (!handler)
-        return ScriptedReply::with(404, "text/plain", "no route for " + request.method + " " + request.path + "\n");
+        return ScriptedReply::with(404, "text/plain",
+                                   "no route for " + request.method + " " + request.path + "\n");
     try {
         return handler(request);
     } catch (const std::exception &e) {
@@ -81,12 +91,14 @@ void ScriptedHTTPServer::serve(Socket &connection) {
                      equalsIgnoringCase(request.header("Connection"), "close");
         bool chunked = reply.chunked && !reply.http10 && request.version != "HTTP/1.0";
         size_t repeat = reply.body.empty() ? 0 : reply.bodyRepeat;
-        std::string head = std::string(reply.http10 ? "HTTP/1.0 " : "HTTP/1.1 ") + std::to_string(reply.status) + " " +
-                           reasonPhrase(reply.status) + "\r\n";
+        std::string head = std::string(reply.http10 ? "HTTP/1.0 " : "HTTP/1.1 ") +
+                           std::to_string(reply.status) + " " + reasonPhrase(reply.status) + "\r\n";
         for (const auto &field : reply.headers)
             head += field.first + ": " + field.second + "\r\n";
-        uint64_t length = reply.bodyHead.size() + uint64_t(reply.body.size()) * repeat + reply.bodyTail.size();
-        head += chunked ? "Transfer-Encoding: chunked\r\n" : "Content-Length: " + std::to_string(length) + "\r\n";
+        uint64_t length =
+            reply.bodyHead.size() + uint64_t(reply.body.size()) * repeat + reply.bodyTail.size();
+        head +=
+            chunked ? "Transfer-Encoding: chunked\r\n" : "Content-Length: " + std::to_string(length) + "\r\n";
         head += close ? "Connection: close\r\n\r\n" : "\r\n";
         auto send = [&](const std::string &bytes) {
             if (bytes.empty() || !chunked) return sendAll(fd, bytes, stop);

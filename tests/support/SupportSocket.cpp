@@ -31,7 +31,8 @@ std::string RecordedRequest::header(std::string_view name) const {
 }
 
 size_t RecordedRequest::headerCount(std::string_view name) const {
-    return size_t(std::count_if(headers.begin(), headers.end(), [&](const auto &f) { return equalsIgnoringCase(f.first, name); }));
+    return size_t(std::count_if(headers.begin(), headers.end(),
+                                [&](const auto &f) { return equalsIgnoringCase(f.first, name); }));
 }
 
 void Socket::close() {

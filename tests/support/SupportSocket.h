@@ -17,7 +17,6 @@
 
 namespace hvtest {
 
-
 // Header fields in the order they were sent; a name may repeat.
 using HTTPHeaders = std::vector<std::pair<std::string, std::string>>;
 
@@ -42,7 +41,6 @@ struct RecordedRequest {
     // path without its query.
     std::string pathWithoutQuery() const { return path.substr(0, path.find('?')); }
 };
-
 
 // A move-only owner of one descriptor, closed on destruction.
 class Socket {

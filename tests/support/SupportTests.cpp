@@ -22,7 +22,8 @@ TEST(SupportServers, AnswerRecordAndStop) {
     ScriptedReply stalled = ScriptedReply::xml("<late/>");
     stalled.delay = 1h;
     scripted->reply("GET", "/stall", stalled);
-    TestHTTPResponse posted = httpRequest(scripted->port(), "POST", "/RPC2?q=1", {{"X-Twice", "a"}, {"x-twice", "b"}}, "abc");
+    TestHTTPResponse posted =
+        httpRequest(scripted->port(), "POST", "/RPC2?q=1", {{"X-Twice", "a"}, {"x-twice", "b"}}, "abc");
     ASSERT_TRUE(posted.ok) << posted.error;
     EXPECT_EQ(posted.statusLine, "HTTP/1.1 200 OK");
     EXPECT_EQ(posted.body, "<echo>abc</echo>");

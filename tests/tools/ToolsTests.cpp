@@ -329,7 +329,8 @@ TEST(Examples, RunAgainstHvserve) {
 
     Finished offline = run({examplePath("serialization_override")});
     EXPECT_EQ(offline.status, 0) << offline.err;
-    EXPECT_TRUE(contains(offline.out, "<link xsi:type=\"xsd:string\">http://example.com/a?b=1&amp;c=2</link>"))
+    EXPECT_TRUE(
+        contains(offline.out, "<link xsi:type=\"xsd:string\">http://example.com/a?b=1&amp;c=2</link>"))
         << offline.out;
     Finished overridden = run({examplePath("serialization_override"), server.url("/RPC2")});
     EXPECT_EQ(overridden.status, 0) << overridden.err;

@@ -70,14 +70,15 @@ typedef void (*HVMethodInvocationCallBackProcPtr)(HVMethodInvocationRef invocati
  * of the normal encoding of value, or NULL to let the normal encoding run. invocation is the
  * handle of the object the override was registered on (for an override registered on a protocol
  * handler, that handler's HVProtocolHandlerRef). */
-typedef RtStringRef (*HVMethodInvocationSerializationProcPtr)(HVMethodInvocationRef invocation, RtTypeRef value,
-                                                              void *info);
+typedef RtStringRef (*HVMethodInvocationSerializationProcPtr)(HVMethodInvocationRef invocation,
+                                                              RtTypeRef value, void *info);
 
 /* A deserialization override: given the element's tree (msgRoot) and the document's root tree,
  * returns a value the library takes over (created or retained by the procedure), or NULL to let
  * the normal parsing run. invocation is as for serialization overrides. */
-typedef RtTypeRef (*HVMethodInvocationDeserializationProcPtr)(HVMethodInvocationRef invocation, RtTreeRef msgRoot,
-                                                              RtTreeRef deserializeRoot, void *info);
+typedef RtTypeRef (*HVMethodInvocationDeserializationProcPtr)(HVMethodInvocationRef invocation,
+                                                              RtTreeRef msgRoot, RtTreeRef deserializeRoot,
+                                                              void *info);
 
 /* The ten kinds of value the protocols write. Only grows at the end. */
 typedef enum {
@@ -114,18 +115,18 @@ HV_EXPORT extern const RtStringRef kHVHTTPResponseMessage;      /* "/kHVHTTPResp
 
 /* Invocation properties. */
 HV_EXPORT extern const RtStringRef kHVMethodInvocationResultParameterName; /* "/HVResultParamName" */
-HV_EXPORT extern const RtStringRef kHVMethodInvocationTimeoutValue; /* "kHVMethodInvocationTimeoutValue": whole
-                                                                       seconds, 32-bit number */
-HV_EXPORT extern const RtStringRef kHVHTTPVersion;          /* "/HVHTTPVersion" */
-HV_EXPORT extern const RtStringRef kHVHTTPExtraHeaders;     /* "/HVHTTPExtraHeaders": dictionary */
-HV_EXPORT extern const RtStringRef kHVHTTPProxy;            /* "/HVHTTPProxy": URL */
-HV_EXPORT extern const RtStringRef kHVHTTPFollowsRedirects; /* "/HVHTTPFollowsRedirects": boolean */
-HV_EXPORT extern const RtStringRef kHVPostingMethod;        /* "/HVPostingMethod": default "POST" */
-HV_EXPORT extern const RtStringRef kHVAuthInfo;             /* "/HVHTTPAuthInfo": reserved, not read */
-HV_EXPORT extern const RtStringRef kHVAuthInfo_user;        /* "username" */
-HV_EXPORT extern const RtStringRef kHVAuthInfo_password;    /* "password" */
-HV_EXPORT extern const RtStringRef kHVAuthInfo_authScheme;  /* "authScheme" */
-HV_EXPORT extern const RtStringRef kHVAuthInfo_forProxy;    /* "forProxy" */
+HV_EXPORT extern const RtStringRef kHVMethodInvocationTimeoutValue; /* "kHVMethodInvocationTimeoutValue":
+                                                                       whole seconds, 32-bit number */
+HV_EXPORT extern const RtStringRef kHVHTTPVersion;                  /* "/HVHTTPVersion" */
+HV_EXPORT extern const RtStringRef kHVHTTPExtraHeaders;             /* "/HVHTTPExtraHeaders": dictionary */
+HV_EXPORT extern const RtStringRef kHVHTTPProxy;                    /* "/HVHTTPProxy": URL */
+HV_EXPORT extern const RtStringRef kHVHTTPFollowsRedirects;         /* "/HVHTTPFollowsRedirects": boolean */
+HV_EXPORT extern const RtStringRef kHVPostingMethod;                /* "/HVPostingMethod": default "POST" */
+HV_EXPORT extern const RtStringRef kHVAuthInfo;            /* "/HVHTTPAuthInfo": reserved, not read */
+HV_EXPORT extern const RtStringRef kHVAuthInfo_user;       /* "username" */
+HV_EXPORT extern const RtStringRef kHVAuthInfo_password;   /* "password" */
+HV_EXPORT extern const RtStringRef kHVAuthInfo_authScheme; /* "authScheme" */
+HV_EXPORT extern const RtStringRef kHVAuthInfo_forProxy;   /* "forProxy" */
 
 /* Result keys of the transaction log, present in every result of an HTTP call. */
 HV_EXPORT extern const RtStringRef kHVDebugOutgoingHeaders; /* "/HVDebugOutHeaders" */
@@ -151,7 +152,8 @@ HV_EXPORT RtTypeID HVMethodInvocationGetTypeID(void);
 /* HVMethodInvocationCreate: a new invocation of methodName (may be NULL) at url.
  *   protocol must be the very object kHVXMLRPCProtocol, kHVSOAP1999Protocol or kHVSOAP2001Protocol.
  * Returns a handle the caller releases, or NULL when url or protocol is NULL or unknown. */
-HV_EXPORT HVMethodInvocationRef HVMethodInvocationCreate(RtURLRef url, RtStringRef methodName, RtStringRef protocol);
+HV_EXPORT HVMethodInvocationRef HVMethodInvocationCreate(RtURLRef url, RtStringRef methodName,
+                                                         RtStringRef protocol);
 
 /* HVMethodInvocationCreateFromSerialization: a new invocation from data made by
  * HVMethodInvocationCopySerialization (protocol, method, URL, parameters, order, properties).
@@ -172,10 +174,12 @@ HV_EXPORT void HVMethodInvocationSetParameters(HVMethodInvocationRef invocation,
 /* HVMethodInvocationCopyParameters: a new copy of the parameter dictionary (NULL when none is set).
  * When paramOrder is not NULL it receives a new copy of the order array (or NULL); it is set to
  * NULL first, also for a NULL handle. The caller releases both. */
-HV_EXPORT RtDictionaryRef HVMethodInvocationCopyParameters(HVMethodInvocationRef invocation, RtArrayRef *paramOrder);
+HV_EXPORT RtDictionaryRef HVMethodInvocationCopyParameters(HVMethodInvocationRef invocation,
+                                                           RtArrayRef *paramOrder);
 
 /* HVMethodInvocationSetProperty: sets propName to value (retained); a NULL value removes it. */
-HV_EXPORT void HVMethodInvocationSetProperty(HVMethodInvocationRef invocation, RtStringRef propName, RtTypeRef value);
+HV_EXPORT void HVMethodInvocationSetProperty(HVMethodInvocationRef invocation, RtStringRef propName,
+                                             RtTypeRef value);
 
 /* HVMethodInvocationCopyProperty: the property's value, retained for the caller, or NULL. */
 HV_EXPORT RtTypeRef HVMethodInvocationCopyProperty(HVMethodInvocationRef invocation, RtStringRef propName);
@@ -184,7 +188,8 @@ HV_EXPORT RtTypeRef HVMethodInvocationCopyProperty(HVMethodInvocationRef invocat
  * HVClientContext). NULL for both clears them. A context still set when the invocation is
  * destroyed is not released. */
 HV_EXPORT void HVMethodInvocationSetCallBack(HVMethodInvocationRef invocation,
-                                             HVMethodInvocationCallBackProcPtr clientCB, HVClientContext *context);
+                                             HVMethodInvocationCallBackProcPtr clientCB,
+                                             HVClientContext *context);
 
 /* HVMethodInvocationScheduleWithRunLoop: starts the call on runLoop in runLoopMode; it proceeds
  * while that loop runs that mode and ends in the callback. The source is signalled, so the call
@@ -210,9 +215,10 @@ HV_EXPORT bool HVMethodResultIsFault(RtDictionaryRef methodResult);
 /* HVMethodInvocationAddSerializationOverride: values of runtime type objType are written by
  * serializationProc. The first override registered for a type wins; later ones are never
  * called. The context (may be NULL) is copied as for callbacks. */
-HV_EXPORT void HVMethodInvocationAddSerializationOverride(HVMethodInvocationRef invocation, RtTypeID objType,
-                                                          HVMethodInvocationSerializationProcPtr serializationProc,
-                                                          HVClientContext *serializationRefcon);
+HV_EXPORT void
+HVMethodInvocationAddSerializationOverride(HVMethodInvocationRef invocation, RtTypeID objType,
+                                           HVMethodInvocationSerializationProcPtr serializationProc,
+                                           HVClientContext *serializationRefcon);
 
 /* HVMethodInvocationAddDeserializationOverride: reply elements whose namespace and local name
  * match typeNamespace and typeName (case-insensitive; "*" or "" matches anything, NULL matches
@@ -234,18 +240,20 @@ HV_EXPORT HVProtocolHandlerRef HVProtocolHandlerCreate(RtAllocatorRef allocator,
 /* HVProtocolHandlerCopyRequestDictionary: the request dictionary of a received request document
  * (UTF-8 unless it declares otherwise). New, caller releases; NULL when data is NULL or does not
  * parse. */
-HV_EXPORT RtDictionaryRef HVProtocolHandlerCopyRequestDictionary(HVProtocolHandlerRef handler, RtDataRef data);
+HV_EXPORT RtDictionaryRef HVProtocolHandlerCopyRequestDictionary(HVProtocolHandlerRef handler,
+                                                                 RtDataRef data);
 
 /* HVProtocolHandlerCopyReplyDictionary: the result dictionary of a reply document to methodName,
  * as a client call delivers it (a fault when the document is one). New, caller releases; NULL
  * when methodName or data is NULL. */
-HV_EXPORT RtDictionaryRef HVProtocolHandlerCopyReplyDictionary(HVProtocolHandlerRef handler, RtStringRef methodName,
-                                                               RtDataRef data);
+HV_EXPORT RtDictionaryRef HVProtocolHandlerCopyReplyDictionary(HVProtocolHandlerRef handler,
+                                                               RtStringRef methodName, RtDataRef data);
 
 /* HVProtocolHandlerCopyRequestDocument: a request document, exactly as a client invocation sends
  * it. methodExtras is reserved. New data, caller releases; NULL when methodName is NULL. */
 HV_EXPORT RtDataRef HVProtocolHandlerCopyRequestDocument(HVProtocolHandlerRef handler, RtStringRef methodName,
-                                                         RtDictionaryRef methodParams, RtArrayRef methodParamOrder,
+                                                         RtDictionaryRef methodParams,
+                                                         RtArrayRef methodParamOrder,
                                                          RtDictionaryRef methodExtras);
 
 /* HVProtocolHandlerCopyReplyDocument: the reply document carrying returnValue for the request
@@ -269,9 +277,10 @@ HV_EXPORT RtTypeRef HVProtocolHandlerCopyProperty(HVProtocolHandlerRef handler, 
 
 /* HVProtocolHandlerSetSerializationOverride: appends a serialization override, as
  * HVMethodInvocationAddSerializationOverride does for invocations. */
-HV_EXPORT void HVProtocolHandlerSetSerializationOverride(HVProtocolHandlerRef handler, RtTypeID objType,
-                                                         HVMethodInvocationSerializationProcPtr serializationProc,
-                                                         HVClientContext *context);
+HV_EXPORT void
+HVProtocolHandlerSetSerializationOverride(HVProtocolHandlerRef handler, RtTypeID objType,
+                                          HVMethodInvocationSerializationProcPtr serializationProc,
+                                          HVClientContext *context);
 
 /* HVProtocolHandlerSetDeserializationOverride: appends a deserialization override, as
  * HVMethodInvocationAddDeserializationOverride does for invocations. */

@@ -36,7 +36,8 @@ RT_EXPORT RtArrayRef RtArrayCreateCopy(RtAllocatorRef alloc, RtArrayRef array);
 /* capacity is a size hint (0: none); the contents still grow past it. */
 RT_EXPORT RtMutableArrayRef RtArrayCreateMutable(RtAllocatorRef alloc, RtIndex capacity,
                                                  const RtArrayCallBacks *callBacks);
-RT_EXPORT RtMutableArrayRef RtArrayCreateMutableCopy(RtAllocatorRef alloc, RtIndex capacity, RtArrayRef array);
+RT_EXPORT RtMutableArrayRef RtArrayCreateMutableCopy(RtAllocatorRef alloc, RtIndex capacity,
+                                                     RtArrayRef array);
 
 RT_EXPORT RtIndex RtArrayGetCount(RtArrayRef array);
 /* Borrowed value; NULL when idx is out of range. */
@@ -44,7 +45,8 @@ RT_EXPORT const void *RtArrayGetValueAtIndex(RtArrayRef array, RtIndex idx);
 RT_EXPORT void RtArrayGetValues(RtArrayRef array, RtRange range, const void **values);
 RT_EXPORT bool RtArrayContainsValue(RtArrayRef array, RtRange range, const void *value);
 RT_EXPORT RtIndex RtArrayGetFirstIndexOfValue(RtArrayRef array, RtRange range, const void *value);
-RT_EXPORT void RtArrayApplyFunction(RtArrayRef array, RtRange range, RtArrayApplierFunction applier, void *context);
+RT_EXPORT void RtArrayApplyFunction(RtArrayRef array, RtRange range, RtArrayApplierFunction applier,
+                                    void *context);
 
 RT_EXPORT void RtArrayAppendValue(RtMutableArrayRef array, const void *value);
 RT_EXPORT void RtArrayAppendArray(RtMutableArrayRef array, RtArrayRef other, RtRange otherRange);

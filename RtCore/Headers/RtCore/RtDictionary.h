@@ -63,7 +63,8 @@ RT_EXPORT bool RtDictionaryContainsKey(RtDictionaryRef dict, const void *key);
 RT_EXPORT bool RtDictionaryContainsValue(RtDictionaryRef dict, const void *value);
 /* Fills keys and values (either may be NULL) in insertion order. */
 RT_EXPORT void RtDictionaryGetKeysAndValues(RtDictionaryRef dict, const void **keys, const void **values);
-RT_EXPORT void RtDictionaryApplyFunction(RtDictionaryRef dict, RtDictionaryApplierFunction applier, void *context);
+RT_EXPORT void RtDictionaryApplyFunction(RtDictionaryRef dict, RtDictionaryApplierFunction applier,
+                                         void *context);
 
 /* Sets key to value, replacing (the key keeps its place when present). */
 RT_EXPORT void RtDictionarySetValue(RtMutableDictionaryRef dict, const void *key, const void *value);

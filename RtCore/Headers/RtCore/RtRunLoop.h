@@ -90,7 +90,8 @@ RT_EXPORT RtTypeID RtRunLoopTimerGetTypeID(void);
  * context may be NULL. */
 RT_EXPORT RtRunLoopTimerRef RtRunLoopTimerCreate(RtAllocatorRef alloc, RtAbsoluteTime fireDate,
                                                  RtTimeInterval interval, RtOptionFlags flags, RtIndex order,
-                                                 RtRunLoopTimerCallBack callout, RtRunLoopTimerContext *context);
+                                                 RtRunLoopTimerCallBack callout,
+                                                 RtRunLoopTimerContext *context);
 RT_EXPORT void RtRunLoopAddTimer(RtRunLoopRef rl, RtRunLoopTimerRef timer, RtStringRef mode);
 RT_EXPORT void RtRunLoopRemoveTimer(RtRunLoopRef rl, RtRunLoopTimerRef timer, RtStringRef mode);
 RT_EXPORT bool RtRunLoopContainsTimer(RtRunLoopRef rl, RtRunLoopTimerRef timer, RtStringRef mode);
@@ -114,7 +115,8 @@ typedef struct {
 } RtFileDescriptorContext;
 
 /* Called with the readiness that occurred (read and/or write bits). */
-typedef void (*RtFileDescriptorCallBack)(RtFileDescriptorRef watcher, RtOptionFlags callBackTypes, void *info);
+typedef void (*RtFileDescriptorCallBack)(RtFileDescriptorRef watcher, RtOptionFlags callBackTypes,
+                                         void *info);
 
 RT_EXPORT RtTypeID RtFileDescriptorGetTypeID(void);
 /* A watcher of fd. Callbacks are level-triggered and stay enabled until disabled. The fd is

@@ -60,7 +60,11 @@ RT_EXPORT RtStringRef RtStringGetRegisteredConstant(RtStringRef str);
 
 #ifdef __cplusplus
 /* In C++ every use site caches its constant, so RTSTR costs one load after the first call. */
-#define RTSTR(cStr) ([]() -> RtStringRef { static const RtStringRef s_ = __RtStringMakeConstantString("" cStr ""); return s_; }())
+#define RTSTR(cStr)                                                                                          \
+    ([]() -> RtStringRef {                                                                                   \
+        static const RtStringRef s_ = __RtStringMakeConstantString("" cStr "");                              \
+        return s_;                                                                                           \
+    }())
 #else
 #define RTSTR(cStr) __RtStringMakeConstantString("" cStr "")
 #endif
@@ -69,7 +73,8 @@ RT_EXPORT RtStringRef RtStringGetRegisteredConstant(RtStringRef str);
 
 /* A new string from a NUL-terminated C string in encoding; NULL when cStr is NULL or its bytes
  * are not valid in that encoding. */
-RT_EXPORT RtStringRef RtStringCreateWithCString(RtAllocatorRef alloc, const char *cStr, RtStringEncoding encoding);
+RT_EXPORT RtStringRef RtStringCreateWithCString(RtAllocatorRef alloc, const char *cStr,
+                                                RtStringEncoding encoding);
 /* A new string from numBytes bytes in encoding. isExternalRepresentation: a leading byte-order
  * mark is honoured and dropped (UTF-16/32). NULL for invalid bytes. */
 RT_EXPORT RtStringRef RtStringCreateWithBytes(RtAllocatorRef alloc, const uint8_t *bytes, RtIndex numBytes,
@@ -82,7 +87,8 @@ RT_EXPORT RtStringRef RtStringCreateWithBytes(RtAllocatorRef alloc, const uint8_
 RT_EXPORT RtStringRef RtStringCreateWithCStringNoCopy(RtAllocatorRef alloc, const char *cStr,
                                                       RtStringEncoding encoding,
                                                       RtAllocatorRef contentsDeallocator);
-RT_EXPORT RtStringRef RtStringCreateWithCharacters(RtAllocatorRef alloc, const RtUniChar *chars, RtIndex numChars);
+RT_EXPORT RtStringRef RtStringCreateWithCharacters(RtAllocatorRef alloc, const RtUniChar *chars,
+                                                   RtIndex numChars);
 /* An immutable copy (may return str retained when str is already immutable). */
 RT_EXPORT RtStringRef RtStringCreateCopy(RtAllocatorRef alloc, RtStringRef str);
 RT_EXPORT RtStringRef RtStringCreateWithSubstring(RtAllocatorRef alloc, RtStringRef str, RtRange range);
@@ -93,8 +99,9 @@ RT_EXPORT RtStringRef RtStringCreateWithSubstring(RtAllocatorRef alloc, RtString
  * %s takes UTF-8 bytes. Parsed formats of constant strings are cached. formatOptions unused. */
 RT_EXPORT RtStringRef RtStringCreateWithFormat(RtAllocatorRef alloc, RtDictionaryRef formatOptions,
                                                RtStringRef format, ...);
-RT_EXPORT RtStringRef RtStringCreateWithFormatAndArguments(RtAllocatorRef alloc, RtDictionaryRef formatOptions,
-                                                           RtStringRef format, va_list arguments);
+RT_EXPORT RtStringRef RtStringCreateWithFormatAndArguments(RtAllocatorRef alloc,
+                                                           RtDictionaryRef formatOptions, RtStringRef format,
+                                                           va_list arguments);
 /* Formats like RtStringCreateWithFormatAndArguments and writes the text as UTF-8 into buffer
  * (bufferSize bytes, no terminator added), without making a string: for writers that build a
  * whole document in one block of bytes. Returns the text's length in UTF-8 bytes; when that is
@@ -117,11 +124,13 @@ RT_EXPORT RtStringRef RtStringCreateFromExternalRepresentation(RtAllocatorRef al
 
 /* maxLength 0 means unlimited. */
 RT_EXPORT RtMutableStringRef RtStringCreateMutable(RtAllocatorRef alloc, RtIndex maxLength);
-RT_EXPORT RtMutableStringRef RtStringCreateMutableCopy(RtAllocatorRef alloc, RtIndex maxLength, RtStringRef str);
+RT_EXPORT RtMutableStringRef RtStringCreateMutableCopy(RtAllocatorRef alloc, RtIndex maxLength,
+                                                       RtStringRef str);
 RT_EXPORT void RtStringAppend(RtMutableStringRef str, RtStringRef appended);
 RT_EXPORT void RtStringAppendCharacters(RtMutableStringRef str, const RtUniChar *chars, RtIndex numChars);
 RT_EXPORT void RtStringAppendCString(RtMutableStringRef str, const char *cStr, RtStringEncoding encoding);
-RT_EXPORT void RtStringAppendFormat(RtMutableStringRef str, RtDictionaryRef formatOptions, RtStringRef format, ...);
+RT_EXPORT void RtStringAppendFormat(RtMutableStringRef str, RtDictionaryRef formatOptions, RtStringRef format,
+                                    ...);
 RT_EXPORT void RtStringAppendFormatAndArguments(RtMutableStringRef str, RtDictionaryRef formatOptions,
                                                 RtStringRef format, va_list arguments);
 RT_EXPORT void RtStringInsert(RtMutableStringRef str, RtIndex idx, RtStringRef inserted);
@@ -143,16 +152,17 @@ RT_EXPORT RtUniChar RtStringGetCharacterAtIndex(RtStringRef str, RtIndex idx);
 RT_EXPORT void RtStringGetCharacters(RtStringRef str, RtRange range, RtUniChar *buffer);
 /* Writes str as a NUL-terminated C string in encoding into buffer (bufferSize bytes with the
  * NUL). False when it does not fit or a character cannot be represented. */
-RT_EXPORT bool RtStringGetCString(RtStringRef str, char *buffer, RtIndex bufferSize, RtStringEncoding encoding);
+RT_EXPORT bool RtStringGetCString(RtStringRef str, char *buffer, RtIndex bufferSize,
+                                  RtStringEncoding encoding);
 /* A pointer to str's NUL-terminated bytes in encoding when available without conversion
  * (ASCII-only strings for UTF-8/ASCII/Latin 1), else NULL. Valid while str lives unchanged. */
 RT_EXPORT const char *RtStringGetCStringPtr(RtStringRef str, RtStringEncoding encoding);
 /* Converts the characters of range into buffer (may be NULL to measure). Returns the number of
  * characters converted; stops at the first unrepresentable character when lossByte is 0.
  * usedBufLen receives the bytes written (or needed). */
-RT_EXPORT RtIndex RtStringGetBytes(RtStringRef str, RtRange range, RtStringEncoding encoding, uint8_t lossByte,
-                                   bool isExternalRepresentation, uint8_t *buffer, RtIndex maxBufLen,
-                                   RtIndex *usedBufLen);
+RT_EXPORT RtIndex RtStringGetBytes(RtStringRef str, RtRange range, RtStringEncoding encoding,
+                                   uint8_t lossByte, bool isExternalRepresentation, uint8_t *buffer,
+                                   RtIndex maxBufLen, RtIndex *usedBufLen);
 RT_EXPORT RtIndex RtStringGetMaximumSizeForEncoding(RtIndex length, RtStringEncoding encoding);
 RT_EXPORT int32_t RtStringGetIntValue(RtStringRef str);
 RT_EXPORT double RtStringGetDoubleValue(RtStringRef str);

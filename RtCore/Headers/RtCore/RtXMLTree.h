@@ -35,9 +35,9 @@ typedef enum {
 
 /* The info record of an element node. */
 typedef struct {
-    RtDictionaryRef attributes;  /* attribute name -> value string */
-    RtArrayRef attributeOrder;   /* attribute names in document order */
-    bool isEmpty;                /* true only for an element written <x/> */
+    RtDictionaryRef attributes; /* attribute name -> value string */
+    RtArrayRef attributeOrder;  /* attribute names in document order */
+    bool isEmpty;               /* true only for an element written <x/> */
     char _reserved[3];
 } RtXMLElementInfo;
 
@@ -47,7 +47,7 @@ enum {
     kRtXMLParserValidateDocument = 1,
     kRtXMLParserSkipMetaData = 2,
     kRtXMLParserReplacePhysicalEntities = 4,
-    kRtXMLParserSkipWhitespace = 8, /* whitespace-only text is dropped */
+    kRtXMLParserSkipWhitespace = 8,           /* whitespace-only text is dropped */
     kRtXMLParserResolveExternalEntities = 16, /* accepted and ignored: never resolved */
     kRtXMLParserAddImpliedAttributes = 32,
     kRtXMLParserAllOptions = 0x00FFFFFF
@@ -65,7 +65,7 @@ RT_EXPORT extern const RtStringRef kRtXMLTreeErrorLineNumber;  /* number, 1-base
 /* number: byte offset of the error from the start of the data (of the UTF-8 text when the
  * document was transcoded from a charset expat does not read itself) */
 RT_EXPORT extern const RtStringRef kRtXMLTreeErrorLocation;
-RT_EXPORT extern const RtStringRef kRtXMLTreeErrorStatusCode;  /* number, see below */
+RT_EXPORT extern const RtStringRef kRtXMLTreeErrorStatusCode; /* number, see below */
 
 /* Status codes: expat's error numbers (1 out of memory, 2 syntax error, 3 no element found,
  * 4 not well-formed, 7 mismatched tag, 18 unknown encoding, 21 external entity reference, ...)
@@ -97,9 +97,9 @@ enum {
  * external entity in content fails with status 21. Entity expansion is bounded by expat's
  * amplification limits and kRtXMLTreeMaxEntityDeclarations; nesting by kRtXMLTreeMaxDepth.
  * Building and freeing never recurse, and memory stays proportional to the input. */
-RT_EXPORT RtTreeRef RtXMLTreeCreateFromDataWithError(RtAllocatorRef alloc, RtDataRef xmlData, RtURLRef sourceURL,
-                                                     RtOptionFlags parseOptions, RtIndex versionOfNodes,
-                                                     RtDictionaryRef *errorDict);
+RT_EXPORT RtTreeRef RtXMLTreeCreateFromDataWithError(RtAllocatorRef alloc, RtDataRef xmlData,
+                                                     RtURLRef sourceURL, RtOptionFlags parseOptions,
+                                                     RtIndex versionOfNodes, RtDictionaryRef *errorDict);
 /* As above, but encoding (when not kRtStringEncodingInvalidId) overrides the declaration. */
 RT_EXPORT RtTreeRef RtXMLTreeCreateFromDataWithEncoding(RtAllocatorRef alloc, RtDataRef xmlData,
                                                         RtStringEncoding encoding, RtOptionFlags parseOptions,
@@ -126,8 +126,9 @@ typedef struct {
     void (*consume)(RtTreeRef child, void *info);
     void *info;
 } RtXMLTreeDrainContext;
-RT_EXPORT RtTreeRef RtXMLTreeCreateFromDataDraining(RtAllocatorRef alloc, RtDataRef xmlData, RtOptionFlags parseOptions,
-                                                    RtIndex versionOfNodes, const RtXMLTreeDrainContext *drain,
+RT_EXPORT RtTreeRef RtXMLTreeCreateFromDataDraining(RtAllocatorRef alloc, RtDataRef xmlData,
+                                                    RtOptionFlags parseOptions, RtIndex versionOfNodes,
+                                                    const RtXMLTreeDrainContext *drain,
                                                     RtDictionaryRef *errorDict);
 
 /* Navigation. Trees are runtime objects; children are owned by their parent and the results

@@ -21,7 +21,8 @@ RT_EXPORT RtHTTPMessageRef RtHTTPMessageCreateRequest(RtAllocatorRef alloc, RtSt
                                                       RtURLRef url, RtStringRef httpVersion);
 /* A new response; statusDescription NULL means the standard reason phrase. */
 RT_EXPORT RtHTTPMessageRef RtHTTPMessageCreateResponse(RtAllocatorRef alloc, int32_t statusCode,
-                                                       RtStringRef statusDescription, RtStringRef httpVersion);
+                                                       RtStringRef statusDescription,
+                                                       RtStringRef httpVersion);
 /* An empty message to be filled with RtHTTPMessageAppendBytes. */
 RT_EXPORT RtHTTPMessageRef RtHTTPMessageCreateEmpty(RtAllocatorRef alloc, bool isRequest);
 RT_EXPORT RtHTTPMessageRef RtHTTPMessageCreateCopy(RtAllocatorRef alloc, RtHTTPMessageRef message);

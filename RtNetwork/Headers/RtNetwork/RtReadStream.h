@@ -57,23 +57,26 @@ typedef struct {
     RtStringRef (*copyDescription)(void *info);
 } RtStreamClientContext;
 
-typedef void (*RtReadStreamClientCallBack)(RtReadStreamRef stream, RtStreamEventType type, void *clientCallBackInfo);
+typedef void (*RtReadStreamClientCallBack)(RtReadStreamRef stream, RtStreamEventType type,
+                                           void *clientCallBackInfo);
 
 /* Property keys. */
-RT_EXPORT extern const RtStringRef kRtStreamPropertyHTTPResponseHeader;      /* RtHTTPMessageRef (copy) */
-RT_EXPORT extern const RtStringRef kRtStreamPropertyHTTPProxy;               /* dictionary */
-RT_EXPORT extern const RtStringRef kRtStreamPropertyHTTPProxyHost;           /* key in that dictionary: string */
-RT_EXPORT extern const RtStringRef kRtStreamPropertyHTTPProxyPort;           /* key: number */
-RT_EXPORT extern const RtStringRef kRtStreamPropertyHTTPShouldAutoredirect;  /* boolean, default false */
-RT_EXPORT extern const RtStringRef kRtStreamPropertyHTTPFinalURL;            /* URL after redirects */
+RT_EXPORT extern const RtStringRef kRtStreamPropertyHTTPResponseHeader; /* RtHTTPMessageRef (copy) */
+RT_EXPORT extern const RtStringRef kRtStreamPropertyHTTPProxy;          /* dictionary */
+RT_EXPORT extern const RtStringRef kRtStreamPropertyHTTPProxyHost;      /* key in that dictionary: string */
+RT_EXPORT extern const RtStringRef kRtStreamPropertyHTTPProxyPort;      /* key: number */
+RT_EXPORT extern const RtStringRef kRtStreamPropertyHTTPShouldAutoredirect; /* boolean, default false */
+RT_EXPORT extern const RtStringRef kRtStreamPropertyHTTPFinalURL;           /* URL after redirects */
 
 RT_EXPORT RtTypeID RtReadStreamGetTypeID(void);
 /* A stream for request (copied). NULL when request is NULL or not a request. */
 RT_EXPORT RtReadStreamRef RtReadStreamCreateForHTTPRequest(RtAllocatorRef alloc, RtHTTPMessageRef request);
 /* Sets the client (NULL callback removes it); the context is copied and info retained. */
 RT_EXPORT bool RtReadStreamSetClient(RtReadStreamRef stream, RtOptionFlags streamEvents,
-                                     RtReadStreamClientCallBack clientCB, RtStreamClientContext *clientContext);
-RT_EXPORT void RtReadStreamScheduleWithRunLoop(RtReadStreamRef stream, RtRunLoopRef runLoop, RtStringRef runLoopMode);
+                                     RtReadStreamClientCallBack clientCB,
+                                     RtStreamClientContext *clientContext);
+RT_EXPORT void RtReadStreamScheduleWithRunLoop(RtReadStreamRef stream, RtRunLoopRef runLoop,
+                                               RtStringRef runLoopMode);
 RT_EXPORT void RtReadStreamUnscheduleFromRunLoop(RtReadStreamRef stream, RtRunLoopRef runLoop,
                                                  RtStringRef runLoopMode);
 /* Starts the request. False when the stream cannot start (already opened, no run loop). */
@@ -89,7 +92,8 @@ RT_EXPORT void RtReadStreamClose(RtReadStreamRef stream);
 /* A new reference to the property value, or NULL. */
 RT_EXPORT RtTypeRef RtReadStreamCopyProperty(RtReadStreamRef stream, RtStringRef propertyName);
 /* False when the property is unknown or cannot change after open. */
-RT_EXPORT bool RtReadStreamSetProperty(RtReadStreamRef stream, RtStringRef propertyName, RtTypeRef propertyValue);
+RT_EXPORT bool RtReadStreamSetProperty(RtReadStreamRef stream, RtStringRef propertyName,
+                                       RtTypeRef propertyValue);
 
 RT_EXTERN_C_END
 
