@@ -1,13 +1,15 @@
+// Not formatted: soapcpp2 reads the "//gsoap" directives below, which must stay unspaced.
+// clang-format off
 // The record service as gSOAP's soapcpp2 reads it: rpc/encoded SOAP 1.1, namespace "urn:records".
 // getRecords answers an array of records (read by the benchmark from the shared generator's
 // reply); putRecords sends one (written by the benchmark). The array holds pointers so that
 // the reader can resolve href/id multi-references.
 
-// gsoap ns service name: records
-// gsoap ns service namespace: urn:records
-// gsoap ns service style: rpc
-// gsoap ns service encoding: encoded
-// gsoap ns schema namespace: urn:records
+//gsoap ns service name: records
+//gsoap ns service namespace: urn:records
+//gsoap ns service style: rpc
+//gsoap ns service encoding: encoded
+//gsoap ns schema namespace: urn:records
 
 typedef char *xsd__string;
 typedef int xsd__int;
