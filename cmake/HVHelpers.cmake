@@ -19,9 +19,9 @@ endif()
 # on Linux; said here so that nobody's ASAN_OPTIONS turns it off unnoticed), with the one
 # suppression file that lists the leaks the library keeps on purpose.
 set(HV_TEST_ENVIRONMENT
-    "HV_SOURCE_DIR=${CMAKE_SOURCE_DIR}" "HV_BINARY_DIR=${CMAKE_BINARY_DIR}"
+    "HV_SOURCE_DIR=${PROJECT_SOURCE_DIR}" "HV_BINARY_DIR=${PROJECT_BINARY_DIR}"
     "ASAN_OPTIONS=detect_leaks=1"
-    "LSAN_OPTIONS=suppressions=${CMAKE_SOURCE_DIR}/tests/lsan.supp:print_suppressions=0")
+    "LSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/tests/lsan.supp:print_suppressions=0")
 
 # hv_add_product(NAME DEPS...): one product made of NAME/Source/*.{c,cpp}.
 # Sources compile once (hidden visibility, PIC) into NAME_obj; NAME is the
@@ -43,15 +43,18 @@ function(hv_add_product name)
   target_compile_definitions(${name}_obj PRIVATE ${upper}_BUILDING=1)
   target_include_directories(${name}_obj PUBLIC
     $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/Headers>
-    $<BUILD_INTERFACE:${CMAKE_BINARY_DIR}/generated>
+    $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/generated>
     PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/Source)
   target_link_libraries(${name}_obj PUBLIC ${P_PUBLIC_DEPS} PRIVATE hv_options ${P_PRIVATE_DEPS})
 
   add_library(${name} SHARED $<TARGET_OBJECTS:${name}_obj>)
+  # The names an installed package exports, also in the build tree, so that a project that
+  # adds ours with add_subdirectory or FetchContent links the same HalvosCore::X targets.
+  add_library(HalvosCore::${name} ALIAS ${name})
   set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
   target_include_directories(${name} PUBLIC
     $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/Headers/>
-    $<BUILD_INTERFACE:${CMAKE_BINARY_DIR}/generated>
+    $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/generated>
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
   target_link_libraries(${name} PRIVATE hv_options ${P_PRIVATE_DEPS})
   foreach(dep ${P_PUBLIC_DEPS})
@@ -60,7 +63,7 @@ function(hv_add_product name)
 
   add_library(${name}_static STATIC $<TARGET_OBJECTS:${name}_obj>)
   target_include_directories(${name}_static PUBLIC
-    ${CMAKE_CURRENT_SOURCE_DIR}/Headers ${CMAKE_CURRENT_SOURCE_DIR}/Source ${CMAKE_BINARY_DIR}/generated)
+    ${CMAKE_CURRENT_SOURCE_DIR}/Headers ${CMAKE_CURRENT_SOURCE_DIR}/Source ${PROJECT_BINARY_DIR}/generated)
   set(static_deps)
   foreach(dep ${P_PUBLIC_DEPS})
     list(APPEND static_deps ${dep}_static)
@@ -85,7 +88,7 @@ function(hv_add_test_suite name dir)
     target_link_libraries(${name} PRIVATE hvtestsupport)
   endif()
   target_compile_definitions(${name} PRIVATE
-    HV_SOURCE_DIR="${CMAKE_SOURCE_DIR}" HV_BINARY_DIR="${CMAKE_BINARY_DIR}")
+    HV_SOURCE_DIR="${PROJECT_SOURCE_DIR}" HV_BINARY_DIR="${PROJECT_BINARY_DIR}")
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
                        PROPERTIES ENVIRONMENT "${HV_TEST_ENVIRONMENT}")
 endfunction()

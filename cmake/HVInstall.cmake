@@ -1,10 +1,10 @@
 # Install rules: headers, libraries, pkg-config files and the CMake package.
 include(CMakePackageConfigHelpers)
 
-install(DIRECTORY RtCore/Headers/RtCore DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(DIRECTORY RtNetwork/Headers/RtNetwork DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(DIRECTORY HalvosCore/Headers/HalvosCore DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(FILES ${CMAKE_BINARY_DIR}/generated/HalvosCore/HVVersion.h
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/RtCore/Headers/RtCore DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/RtNetwork/Headers/RtNetwork DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/HalvosCore/Headers/HalvosCore DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES ${PROJECT_BINARY_DIR}/generated/HalvosCore/HVVersion.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/HalvosCore)
 
 set(hv_installed_libs)
@@ -27,12 +27,12 @@ foreach(lib ${hv_installed_libs})
 endforeach()
 install(EXPORT HalvosCoreTargets NAMESPACE HalvosCore::
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/HalvosCore)
-configure_package_config_file(cmake/HalvosCoreConfig.cmake.in
-  ${CMAKE_BINARY_DIR}/HalvosCoreConfig.cmake
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/HalvosCoreConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/HalvosCoreConfig.cmake
   INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/HalvosCore)
-write_basic_package_version_file(${CMAKE_BINARY_DIR}/HalvosCoreConfigVersion.cmake
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/HalvosCoreConfigVersion.cmake
   COMPATIBILITY SameMajorVersion)
-install(FILES ${CMAKE_BINARY_DIR}/HalvosCoreConfig.cmake ${CMAKE_BINARY_DIR}/HalvosCoreConfigVersion.cmake
+install(FILES ${PROJECT_BINARY_DIR}/HalvosCoreConfig.cmake ${PROJECT_BINARY_DIR}/HalvosCoreConfigVersion.cmake
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/HalvosCore)
 
 # The .pc files find their prefix from where they are installed, so that an install moved
@@ -41,6 +41,6 @@ file(RELATIVE_PATH HV_PC_PREFIX_FROM_PCDIR ${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTA
      ${CMAKE_INSTALL_PREFIX})
 string(REGEX REPLACE "/$" "" HV_PC_PREFIX_FROM_PCDIR "${HV_PC_PREFIX_FROM_PCDIR}")
 foreach(pc RtCore RtNetwork HalvosCore)
-  configure_file(cmake/${pc}.pc.in ${CMAKE_BINARY_DIR}/${pc}.pc @ONLY)
-  install(FILES ${CMAKE_BINARY_DIR}/${pc}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/${pc}.pc.in ${PROJECT_BINARY_DIR}/${pc}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/${pc}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endforeach()
