@@ -51,6 +51,8 @@ const RtStringRef kHVSOAPStyleDoc = RTSTR("doc");
 const RtStringRef kHVRecordType = RTSTR("/HVRecordType");
 const RtStringRef kHVRecordNamespaceURI = RTSTR("/HVRecordNamespaceURI");
 const RtStringRef kHVRecordParameterOrder = RTSTR("/HVRecordParamOrder");
+const RtStringRef kHVExactValues = RTSTR("/HVExactValues");
+const RtStringRef kHVValueExtensions = RTSTR("/HVValueExtensions");
 
 RtBundleRef registerLibraryBundle() {
     static RtBundleRef sBundle = nullptr;

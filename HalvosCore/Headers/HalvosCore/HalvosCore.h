@@ -144,6 +144,18 @@ HV_EXPORT extern const RtStringRef kHVRecordType;             /* "/HVRecordType"
 HV_EXPORT extern const RtStringRef kHVRecordNamespaceURI;     /* "/HVRecordNamespaceURI" */
 HV_EXPORT extern const RtStringRef kHVRecordParameterOrder;   /* "/HVRecordParamOrder" */
 
+/* Value properties, read on an invocation and on a protocol handler alike. */
+/** "/HVExactValues": boolean. When true, every value either travels exactly or the call fails
+ *  before anything is sent, with one fault naming the value's path and the reason: doubles in
+ *  their shortest exact form, empty strings kept, null, 64-bit integers and names written so that
+ *  they read back identical, values a dialect cannot carry refused. Unset or false keeps the
+ *  default writing and reading byte for byte. */
+HV_EXPORT extern const RtStringRef kHVExactValues;
+/** "/HVValueExtensions": boolean. When true, the XML-RPC reader accepts the common extension
+ *  elements i8, nil, ex:i8 and ex:nil, and with kHVExactValues the XML-RPC writer uses i8 for
+ *  integers beyond 32 bits and nil for null instead of refusing them. */
+HV_EXPORT extern const RtStringRef kHVValueExtensions;
+
 /* ---- Method invocations -------------------------------------------------------------------- */
 
 /* HVMethodInvocationGetTypeID: the runtime type of HVMethodInvocationRef objects. */
