@@ -215,7 +215,7 @@ RtDataRef decodeBinaryData(RtStringRef text);
 // One row of the type table: a runtime kind and the value kind it stands for.
 struct PerType {
     RtTypeID rtType; // filled on first use
-    RtTypeID (*rtTypeGet)(void);
+    RtTypeID (*rtTypeGet)();
     HVTypeID hvType;
 };
 

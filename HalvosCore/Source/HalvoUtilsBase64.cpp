@@ -90,8 +90,8 @@ enum : int8_t { kJunk = -1, kSpace = -2, kStop = -3, kPad = 64 };
 struct Base64Table {
     int8_t v[256];
     Base64Table() {
-        for (int c = 0; c < 256; c++)
-            v[c] = kJunk;
+        for (int8_t &slot : v)
+            slot = kJunk;
         for (int k = 0; k < 64; k++)
             v[static_cast<unsigned char>(kBase64Alphabet[k])] = static_cast<int8_t>(k);
         v[static_cast<unsigned char>('=')] = kPad;

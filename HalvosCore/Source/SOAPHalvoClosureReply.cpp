@@ -126,7 +126,7 @@ RtStringRef _parseSOAPBody(RtTreeRef tree, RtXMLNodeRef, const AutoDict &scope, 
     if (gHVDebugVerbose) _hvLogf("in _parseSOAPBody\n");
     auto *context = static_cast<ReplyContext *>(refcon);
     context->fBody = tree;
-    context->fDecoder.reset(new SOAPDecoder(context->fHandler, tree));
+    context->fDecoder = std::make_unique<SOAPDecoder>(context->fHandler, tree);
     RtStringRef methodNS = context->fHandler->getMethodNamespace();
     AutoString response("%@Response", context->fMethodName);
     RtStringRef name = context->fMethodName;

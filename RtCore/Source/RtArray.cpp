@@ -45,7 +45,7 @@ void appendIndent(RtMutableStringRef out, int indent) {
     static const char kSpaces[] = "                                "; // 8 levels
     for (; indent > 8; indent -= 8)
         appendASCII(out, kSpaces);
-    if (indent > 0) appendASCII(out, kSpaces + (8 - indent) * 4);
+    if (indent > 0) appendASCII(out, kSpaces + static_cast<ptrdiff_t>(8 - indent) * 4);
 }
 
 void appendValueDescription(RtMutableStringRef out, const void *value, RtStringRef (*copyDesc)(const void *),

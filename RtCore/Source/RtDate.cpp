@@ -117,14 +117,14 @@ size_t formatISO8601(RtAbsoluteTime at, char *buf, size_t size, bool compact) {
     long micros = std::lround(frac * 1e6);
     if (micros > 0 && micros < 1000000) {
         int m = std::snprintf(buf + n, size - static_cast<size_t>(n), ".%06ld", micros);
-        if (m < 0 || static_cast<size_t>(n + m) >= size) return 0;
+        if (m < 0 || static_cast<size_t>(n) + static_cast<size_t>(m) >= size) return 0;
         n += m;
         while (buf[n - 1] == '0')
             n--;
     }
     int z = std::snprintf(buf + n, size - static_cast<size_t>(n), compact ? "Z" : " +0000");
-    if (z < 0 || static_cast<size_t>(n + z) >= size) return 0;
-    return static_cast<size_t>(n + z);
+    if (z < 0 || static_cast<size_t>(n) + static_cast<size_t>(z) >= size) return 0;
+    return static_cast<size_t>(n) + static_cast<size_t>(z);
 }
 
 } // namespace rt

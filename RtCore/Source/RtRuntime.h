@@ -56,6 +56,8 @@ inline void initInteriorObject(RtRuntimeBase *obj, const ClassEntry *cls, RtType
 
 // The owner of an interior object, from its count word.
 inline RtTypeRef interiorOwner(uint64_t countWord) {
+    // The owner's address is packed into the count word; the cast back is the point.
+    // NOLINTNEXTLINE(performance-no-int-to-ptr)
     return reinterpret_cast<RtTypeRef>(static_cast<uintptr_t>((countWord & kInteriorOwnerMask) << 3));
 }
 
