@@ -1,4 +1,6 @@
-/* RtCore.h: the HalvosCore platform runtime (umbrella header). */
+/** @file
+ * @ingroup RtCore
+ * @brief the HalvosCore platform runtime (umbrella header). */
 #ifndef RTCORE_RTCORE_H
 #define RTCORE_RTCORE_H
 
