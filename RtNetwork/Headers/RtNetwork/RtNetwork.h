@@ -1,4 +1,6 @@
-/* RtNetwork.h: HTTP messages and read streams (umbrella header). */
+/** @file
+ * @ingroup RtNetwork
+ * @brief HTTP messages and read streams (umbrella header). */
 #ifndef RTNETWORK_RTNETWORK_H
 #define RTNETWORK_RTNETWORK_H
 
