@@ -36,6 +36,8 @@
                    42, 41, 40, 39, 38, 37, 36, 35, 34, 33, 32, 31, 30, 29, 28, 27, 26, 25, 24, 23, 22, 21,   \
                    20, 19, 18, 17, 16, 15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0, ~)
 
+// Type and the statement lists cannot take parentheses: they are a type and code.
+// NOLINTBEGIN(bugprone-macro-parentheses)
 #define HV_RECORD_PUT_(field) hv_writer.put(RTSTR(#field), #field, hv_in.field);
 #define HV_RECORD_GET_(field) hv_reader.get(RTSTR(#field), #field, hv_out.field);
 #define HV_RECORD_DEFINE_(keep, Type, count, puts, gets)                                                     \
@@ -49,6 +51,7 @@
         (void)hv_out;                                                                                        \
         gets                                                                                                 \
     }
+// NOLINTEND(bugprone-macro-parentheses)
 #define HV_RECORD_N_TOO_MANY(keep, Type, ...)                                                                \
     static_assert(sizeof(Type) == 0,                                                                         \
                   "HV_RECORD takes at most 64 fields: nest records, or specialise hv::convert");
