@@ -1,10 +1,12 @@
-// Errors.hpp: how a call ends when it does not end in a value, and the record of a call.
-//
-// hv::Fault is the remote method's fault (code, fault string as what(), the extra value);
-// hv::TransportError is everything that kept a usable reply from arriving (refused, time-out,
-// TLS, an HTTP error status, a reply that is not a proper reply). Both derive from hv::Error (in
-// Value.hpp), so one catch takes both. hv::CallRecord is the whole result record of one call:
-// the value or fault, and the request and response with their headers and bodies.
+/// @file
+/// @ingroup HalvosCore
+/// @brief How a call ends when it does not end in a value, and the record of a call.
+///
+/// hv::Fault is the remote method's fault (code, fault string as what(), the extra value);
+/// hv::TransportError is everything that kept a usable reply from arriving (refused, time-out,
+/// TLS, an HTTP error status, a reply that is not a proper reply). Both derive from hv::Error (in
+/// Value.hpp), so one catch takes both. hv::CallRecord is the whole result record of one call:
+/// the value or fault, and the request and response with their headers and bodies.
 #ifndef HALVOSCORE_ERRORS_HPP
 #define HALVOSCORE_ERRORS_HPP
 

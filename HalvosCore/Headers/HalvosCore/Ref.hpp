@@ -1,10 +1,12 @@
-// Ref.hpp: hv::Ref, the owning handle of one reference to a runtime object.
-//
-// Part of the C++ interface (#include <HalvosCore/HalvosCore.hpp>). A Ref holds one reference:
-// copying retains, destruction releases, moving hands the reference over. Make one with
-// hv::adopt(p) for a pointer a Create or Copy function returned (the Ref takes over that
-// reference) or with hv::retain(p) for a borrowed pointer (the Ref adds one of its own), so that
-// the +1/+0 choice is visible at every call site. get() lends the raw pointer to C functions.
+/// @file
+/// @ingroup HalvosCore
+/// @brief hv::Ref, the owning handle of one reference to a runtime object.
+///
+/// Part of the C++ interface (`#include <HalvosCore/HalvosCore.hpp>`). A Ref holds one reference:
+/// copying retains, destruction releases, moving hands the reference over. Make one with
+/// hv::adopt(p) for a pointer a Create or Copy function returned (the Ref takes over that
+/// reference) or with hv::retain(p) for a borrowed pointer (the Ref adds one of its own), so that
+/// the +1/+0 choice is visible at every call site. get() lends the raw pointer to C functions.
 #ifndef HALVOSCORE_REF_HPP
 #define HALVOSCORE_REF_HPP
 

@@ -1,13 +1,15 @@
-// Value.hpp: hv::Value, the C++ form of any runtime value, and the conversions to and from
-// native types (hv::convert, HV_RECORD).
-//
-// Values go in implicitly from a closed set of types: bool, the integer types, float and double,
-// std::string / std::string_view / const char*, std::chrono::system_clock time points,
-// std::vector<std::byte> (base64 data), std::vector<T>, std::map<std::string, T>, hv::Record
-// (members in insertion order), std::optional<T> (absent when empty), hv::Value itself, and any
-// type with an hv::convert specialisation or ADL toValue/fromValue functions (HV_RECORD writes
-// them). Values come out only through as<T>(), tryAs<T>() and getTo(T&). A conversion that would
-// lose something throws hv::ConversionError, naming where in the value it failed.
+/// @file
+/// @ingroup HalvosCore
+/// @brief hv::Value, the C++ form of any runtime value, and the conversions to and from
+/// native types (hv::convert, HV_RECORD).
+///
+/// Values go in implicitly from a closed set of types: bool, the integer types, float and double,
+/// std::string / std::string_view / const char*, std::chrono::system_clock time points,
+/// std::vector<std::byte> (base64 data), std::vector<T>, std::map<std::string, T>, hv::Record
+/// (members in insertion order), std::optional<T> (absent when empty), hv::Value itself, and any
+/// type with an hv::convert specialisation or ADL toValue/fromValue functions (HV_RECORD writes
+/// them). Values come out only through as<T>(), tryAs<T>() and getTo(T&). A conversion that would
+/// lose something throws hv::ConversionError, naming where in the value it failed.
 #ifndef HALVOSCORE_VALUE_HPP
 #define HALVOSCORE_VALUE_HPP
 
