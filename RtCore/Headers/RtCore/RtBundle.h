@@ -1,6 +1,6 @@
 /** @file
  * @ingroup RtCore
- * @brief a registry of the libraries loaded in the process, by identifier, each with an
+ * @brief A registry of the libraries loaded in the process, by identifier, each with an
  * information dictionary (the version under kRtBundleVersionKey). A library registers its own
  * bundle when it first needs it. */
 #ifndef RTCORE_RTBUNDLE_H

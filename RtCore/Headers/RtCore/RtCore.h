@@ -1,6 +1,6 @@
 /** @file
  * @ingroup RtCore
- * @brief the HalvosCore platform runtime (umbrella header). */
+ * @brief The HalvosCore platform runtime (umbrella header). */
 #ifndef RTCORE_RTCORE_H
 #define RTCORE_RTCORE_H
 

@@ -1,6 +1,6 @@
 /** @file
  * @ingroup RtCore
- * @brief one event loop per thread with modes, sources, timers and descriptor watchers.
+ * @brief One event loop per thread with modes, sources, timers and descriptor watchers.
  *
  * Only the objects added in the mode that is running fire, so running a private mode isolates
  * one piece of work from everything else on the thread. Callbacks run on the loop's thread.

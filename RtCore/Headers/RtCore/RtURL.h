@@ -1,6 +1,6 @@
 /** @file
  * @ingroup RtCore
- * @brief absolute URLs (RFC 3986), parsed once at creation. */
+ * @brief Absolute URLs (RFC 3986), parsed once at creation. */
 #ifndef RTCORE_RTURL_H
 #define RTCORE_RTURL_H
 

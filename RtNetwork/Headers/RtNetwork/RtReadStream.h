@@ -1,6 +1,6 @@
 /** @file
  * @ingroup RtNetwork
- * @brief a read stream that performs one HTTP request and delivers the response body.
+ * @brief A read stream that performs one HTTP request and delivers the response body.
  *
  * Built on one libcurl multi handle per thread, driven by that thread's run loop (descriptor
  * watchers and a timer), so sequential requests to one server reuse a connection. The request
