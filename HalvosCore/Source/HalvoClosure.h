@@ -77,6 +77,11 @@ class HVSerializerBase {
     // at the element, name the element name (handed on only). A parent's answer wins.
     RtTypeRef deserilizeOverride(RtTreeRef msgRoot, const AutoDict &ns, RtStringRef name,
                                  RtTreeRef deserializeRoot);
+    // Whether this object or a parent has a deserialization override (a reader that decodes
+    // values before the whole tree exists must then build the tree).
+    bool hasDeserializationOverrides() const {
+        return fDeserCount > 0 || (fParent && fParent->hasDeserializationOverrides());
+    }
 
     // Copies source into destination, retaining info; a NULL source zeroes the destination.
     static void retainContext(HVClientContext *destination, const HVClientContext *source);

@@ -29,6 +29,16 @@ void HalvoResult::addNumberToResult(RtStringRef key, int32_t number) {
     safeRtRelease(n);
 }
 
+void HalvoResult::restore(RtDictionaryRef saved) {
+    RtDictionaryRemoveAllValues(fResult);
+    RtDictionaryApplyFunction(
+        saved,
+        [](const void *key, const void *value, void *result) {
+            RtDictionarySetValue(static_cast<RtMutableDictionaryRef>(result), key, value);
+        },
+        fResult);
+}
+
 void HalvoResult::becomeFault() {
     addToResult(isFaultKey(), kRtBooleanTrue);
 }

@@ -34,6 +34,8 @@ class HalvoResult {
     bool isFault() const;
     // A new immutable copy of the result (values shared). Caller releases.
     RtDictionaryRef copyDictionary() const;
+    // Puts back what a copyDictionary held, removing everything added since.
+    void restore(RtDictionaryRef saved);
 
     // A new {msg, domain, error} dictionary; empty when message is NULL.
     static RtDictionaryRef copyStreamErrorDict(RtStringRef message, RtIndex domain, int32_t error);

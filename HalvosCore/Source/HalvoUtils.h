@@ -157,9 +157,11 @@ RtIndex findXMLStart(RtDataRef data);
 // declaration the parse fails with "No valid XML data in response", unless forceXML, in which
 // case a declaration naming charset is put in front. On failure returns NULL and *errorString
 // receives a new message (caller releases): "<description> (line L, pos P, status S)".
-// With drain, the tree is built by RtXMLTreeCreateFromDataDraining with that context.
+// With drain, the tree is built by RtXMLTreeCreateFromDataDraining with that context; with stream,
+// by RtXMLTreeCreateFromDataStreaming.
 RtTreeRef parseXML(RtDataRef xmlData, bool forceXML, RtStringEncoding charset, RtStringRef *errorString,
-                   const RtXMLTreeDrainContext *drain = nullptr);
+                   const RtXMLTreeDrainContext *drain = nullptr,
+                   const RtXMLTreeStreamContext *stream = nullptr);
 
 // The node of a tree position (borrowed), NULL for a NULL tree.
 RtXMLNodeRef treeGetNode(RtTreeRef tree);

@@ -101,7 +101,7 @@ static int32_t errorDictInt(RtDictionaryRef dict, RtStringRef key) {
 }
 
 RtTreeRef parseXML(RtDataRef xmlData, bool forceXML, RtStringEncoding charset, RtStringRef *errorString,
-                   const RtXMLTreeDrainContext *drain) {
+                   const RtXMLTreeDrainContext *drain, const RtXMLTreeStreamContext *stream) {
     *errorString = nullptr;
     RtIndex offset = findXMLStart(xmlData);
     RtDataRef madeData = nullptr;
@@ -144,8 +144,11 @@ RtTreeRef parseXML(RtDataRef xmlData, bool forceXML, RtStringEncoding charset, R
     RtDataRef source = madeData ? madeData : xmlData;
     RtTreeRef tree = drain ? RtXMLTreeCreateFromDataDraining(kRtAllocatorDefault, source,
                                                              kRtXMLParserAllOptions, 1, drain, &errorDict)
-                           : RtXMLTreeCreateFromDataWithError(kRtAllocatorDefault, source, nullptr,
-                                                              kRtXMLParserAllOptions, 1, &errorDict);
+                     : stream
+                         ? RtXMLTreeCreateFromDataStreaming(kRtAllocatorDefault, source,
+                                                            kRtXMLParserAllOptions, 1, stream, &errorDict)
+                         : RtXMLTreeCreateFromDataWithError(kRtAllocatorDefault, source, nullptr,
+                                                            kRtXMLParserAllOptions, 1, &errorDict);
     if (!tree) {
         // Printed whatever the debug switches say, and without a line feed: kept as it always was.
         hvPrintf(RTSTR("XML Parse error occurred: %@"), errorDict);

@@ -9,6 +9,7 @@
 #include "HalvoUtils.h"
 #include "SOAPHalvoClosure.h"
 
+#include <tuple>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -45,8 +46,23 @@ class SOAPDecoder {
     RtTypeRef parseSOAPDictionary(RtTreeRef element, const AutoDict &scope, AutoString &error);
 
     // The first child of the Body whose "id" attribute (any namespace) is equivalent to id, or
-    // NULL. Borrowed.
+    // NULL (also when that child was decoded while the document was read). Borrowed.
     RtTreeRef findAnchor(RtStringRef id);
+
+    // Reading while the document is parsed (SOAPReplyStream). The decoder then gets the Body's
+    // children one by one as each completes (streamBodyChild), in document order, and builds
+    // its anchor index from them instead of from the finished Body. Children of the elements
+    // named by streamChildrenOf are offered to streamChild. Each returns true when it decoded
+    // the child (or found it can never be read) and the tree may drop it; the decoding that
+    // follows on the finished tree then takes the stored values in its place. A stored value is
+    // used only where the tree would decode to the same value: where it would not (a scope that
+    // names a prefix differently, nesting past the limit), the decoder gives up (bailedOut) and
+    // the caller reads the document again as a whole tree.
+    void beginStreaming();
+    void streamChildrenOf(RtTreeRef element, const AutoDict &scope);
+    bool streamChild(RtTreeRef element, RtTreeRef child);
+    bool streamBodyChild(RtTreeRef child, const AutoDict &bodyScope, bool dispatched);
+    bool bailedOut() const { return fBailedOut; }
 
     // While element is being decoded by a caller (a method element), an href back to it is a
     // circular reference.
@@ -133,13 +149,61 @@ class SOAPDecoder {
     RtTypeRef followReference(RtStringRef href, const AutoDict &scope, AutoString &error);
     void buildAnchorIndex();
 
+    // A value decoded while the document was read: what the tree would decode there, given the
+    // same text for the scope keys the decoding looked up and enough nesting room.
+    struct Stored {
+        RtTreeRef fTree = nullptr;    // a child left in the tree (decoded later, as usual)
+        RtStringRef fName = nullptr;  // the element name (retained)
+        RtTypeRef fValue = nullptr;   // retained, may be NULL
+        RtStringRef fError = nullptr; // the first error its decoding set (retained), or NULL
+    };
+    // The children of one streamed element, in document order, and how they were decoded.
+    struct StreamedChildren {
+        explicit StreamedChildren(const AutoDict &scope) : fScope(scope) {}
+        AutoDict fScope;
+        std::vector<RtStringRef> fKeys; // scope keys looked up (strings the decoder keeps alive)
+        std::vector<Stored> fChildren;
+        RtIndex fTaken = 0;
+        int fHeight = 0; // nesting below the children's own level
+        bool fSeenElement = false;
+        bool fFailed = false;
+    };
+    struct Anchor {
+        RtStringRef fId; // retained
+        RtTreeRef fTree; // NULL for a child decoded while the document was read
+        RtTypeRef fValue;
+        AutoDict fScope;
+        std::vector<RtStringRef> fKeys;
+        int fHeight;
+    };
+    const Anchor *findAnchorEntry(RtStringRef id);
+    // Runs decode with the decoder in streaming mode at nesting base: scope look-ups are noted in
+    // keys, the deepest nesting in height, and an href makes it stop (blocked, value dropped).
+    template <class Decode>
+    RtTypeRef decodeEarly(int base, std::vector<RtStringRef> &keys, int &height, bool &blocked,
+                          AutoString &error, Decode decode);
+    void noteKey(RtStringRef key);
+    bool sameScope(const AutoDict &stored, const AutoDict &scope, const std::vector<RtStringRef> &keys) const;
+    // The number of children element had in the document.
+    RtIndex childCount(RtTreeRef element) const;
+    // Calls take(name, value) for each child of element decoded in order, up to the first error.
+    template <class Take>
+    void decodeChildren(RtTreeRef element, const AutoDict &scope, AutoString &error, Take take);
+    void bailOut(AutoString &error);
+
     SOAPProtocolHandler *fHandler;
     RtTreeRef fBody;
     int fDepth;
     bool fIndexed;
     std::vector<RtTreeRef> fActive;
-    // Hash of the folded id -> Body children carrying it, in document order.
-    std::unordered_multimap<RtHashCode, std::pair<RtStringRef, RtTreeRef>> fAnchors;
+    // Hash of the folded id -> the first Body child carrying it.
+    std::unordered_multimap<RtHashCode, Anchor> fAnchors;
+    std::unordered_map<RtTreeRef, StreamedChildren> fStreamed;
+    bool fEarly = false;
+    bool fBlocked = false;
+    bool fBailedOut = false;
+    int fEarlyDepth = 0;
+    std::vector<RtStringRef> fEarlyKeys;
     std::unordered_map<RtTreeRef, RtTypeRef> fDecodedTargets;
     // Keys are retained by the maps' owner (released in the destructor).
     std::unordered_map<RtStringRef, NameParts, TextHash, TextEqual> fNames;

@@ -9,6 +9,7 @@
 #include "HalvoClosure.h"
 
 class XMLBuffer;
+struct SOAPReplyStream;
 
 class SOAPHalvoMethodInvocation : public HalvoMethodInvocation {
   public:
@@ -20,6 +21,8 @@ class SOAPHalvoMethodInvocation : public HalvoMethodInvocation {
     RtDictionaryRef copyAgreement() override;
     RtDataRef constructMessage(AutoString &contentType) override;
     void parseReply(HalvoResult *result, RtTreeRef tree) override;
+    bool readReply(HalvoResult *result, RtDataRef data, bool forceXML, RtStringEncoding charset,
+                   RtStringRef *errorString) override;
     HVRunLoopSource *createRunLoopSource() override;
 
     RtStringRef getMethodName() const { return fMethodName; }
@@ -46,8 +49,16 @@ class SOAPProtocolHandler : public HVProtocolHandler {
     RtDataRef createFault(RtDictionaryRef context, RtDictionaryRef faultDict) override;
 
     RtStringRef getProtocolKind() const { return fProtocolKind; }
-    // Fills result from the envelope of a reply to methodName.
-    void parseReply(HalvoResult *result, RtStringRef methodName, RtTreeRef tree);
+    // Fills result from the envelope of a reply to methodName. With stream, the tree is the one
+    // that stream read (parts of it already decoded); false when that reading cannot stand for
+    // the whole tree's and the document must be read again without it.
+    bool parseReply(HalvoResult *result, RtStringRef methodName, RtTreeRef tree,
+                    SOAPReplyStream *stream = nullptr);
+    // Reads the reply document data to methodName into result (parseXML's forceXML, charset and
+    // errorString), decoding values while the document is parsed unless a deserialization
+    // override or a debug switch needs the whole tree. False when the document does not parse.
+    bool readReply(HalvoResult *result, RtStringRef methodName, RtDataRef data, bool forceXML,
+                   RtStringEncoding charset, RtStringRef *errorString);
     // The kHVSOAPMethodNamespaceURI property, or a placeholder URI.
     RtStringRef getMethodNamespace();
     // Writes one named value as a SOAP-encoded element at indentation level.

@@ -63,6 +63,16 @@ SOAPDecoder::SOAPDecoder(SOAPProtocolHandler *handler, RtTreeRef body)
 SOAPDecoder::~SOAPDecoder() {
     for (ResolvedPrefix &slot : fResolved)
         safeRtRelease(slot.fScope);
+    for (auto &entry : fAnchors) {
+        RtRelease(entry.second.fId);
+        safeRtRelease(entry.second.fValue);
+    }
+    for (auto &entry : fStreamed)
+        for (Stored &stored : entry.second.fChildren) {
+            safeRtRelease(stored.fName);
+            safeRtRelease(stored.fValue);
+            safeRtRelease(stored.fError);
+        }
     for (auto &entry : fDecodedTargets)
         RtRelease(entry.second);
     for (auto &entry : fNames) {
@@ -128,6 +138,7 @@ RtStringRef SOAPDecoder::resolve(const NameParts &parts, const AutoDict &scope) 
     // prefixes: remember the last answer per prefix slot. The slot keeps its dictionary alive, so
     // a dictionary freed meanwhile cannot come back at the same address and be taken for it.
     RtStringRef key = parts.prefix ? parts.prefix : RTSTR("__defaultNamespace");
+    if (fEarly) noteKey(key);
     RtDictionaryRef dict = scope.getImmutableDict();
     ResolvedPrefix &slot = fResolved[(reinterpret_cast<uintptr_t>(key) >> 4) % kResolvedSlots];
     if (slot.fPrefix == key && slot.fScope == dict) return slot.fNamespace;
@@ -204,6 +215,7 @@ RtStringRef SOAPDecoder::getSoapNodeAttribute(const RtXMLElementInfo *info, cons
         } else if (!in2001 && !inDefault) {
             // Only needed while no 2001 match outranks it.
             if (!defaultKnown) {
+                if (fEarly) noteKey(RTSTR("__defaultNamespace"));
                 defaultNS = static_cast<RtStringRef>(scope.getValue(RTSTR("__defaultNamespace")));
                 defaultKnown = true;
             }
@@ -355,7 +367,7 @@ RtTypeRef SOAPDecoder::decodeFallback(RtTreeRef target, const RtXMLElementInfo *
     }
     if (!value && isArray(info, scope)) value = parseSOAPArray(target, scope, error);
     // Deliberately unconditional: a single child's text replaces whatever was decoded above.
-    if (RtTreeGetChildCount(target) == 1) {
+    if (childCount(target) == 1) {
         safeRtRelease(value);
         value = copyXMLStringFromTree(RtTreeGetFirstChild(target));
     }
@@ -367,6 +379,7 @@ RtTypeRef SOAPDecoder::decodeFallback(RtTreeRef target, const RtXMLElementInfo *
 // ---- Elements -----------------------------------------------------------------------------------
 
 RtTypeRef SOAPDecoder::parseSOAPType(RtTreeRef element, const AutoDict &scope, AutoString &error) {
+    if (fEarly && fDepth > fEarlyDepth) fEarlyDepth = fDepth;
     if (fDepth >= kMaxDecodeDepth) {
         setError(error, "Value nested too deeply");
         return nullptr;
@@ -399,22 +412,38 @@ RtTypeRef SOAPDecoder::parseSOAPType(RtTreeRef element, const AutoDict &scope, A
         bool array = (roles & eArrayTypeRole) && isArray(info, elementScope);
         return array ? static_cast<RtTypeRef>(newMutableArray()) : RtRetain(kRtNull);
     }
+    if (fEarly) {
+        // A reference needs the whole Body: this element waits for the finished tree.
+        fBlocked = true;
+        setError(error, "Reference read later");
+        return nullptr;
+    }
     return followReference(href, elementScope, error);
 }
 
 RtTypeRef SOAPDecoder::followReference(RtStringRef href, const AutoDict &scope, AutoString &error) {
-    RtTreeRef target;
+    const Anchor *anchor;
     if (RtStringGetLength(href) > 0 && RtStringGetCharacterAtIndex(href, 0) == '#') {
         RtStringRef id = RtStringCreateWithSubstring(kRtAllocatorDefault, href,
                                                      RtRangeMake(1, RtStringGetLength(href) - 1));
-        target = findAnchor(id);
+        anchor = findAnchorEntry(id);
         RtRelease(id);
     } else {
-        target = findAnchor(href);
+        anchor = findAnchorEntry(href);
     }
-    if (!target) {
+    if (!anchor) {
         setError(error, "Can't locate anchor element in reply");
         return nullptr;
+    }
+    RtTreeRef target = anchor->fTree;
+    if (!target) {
+        // Decoded when it completed, in the Body's scope, without references of its own (so
+        // never part of a cycle): the same value wherever the scope agrees on what it looked up.
+        if (!sameScope(anchor->fScope, scope, anchor->fKeys) || fDepth + anchor->fHeight >= kMaxDecodeDepth) {
+            bailOut(error);
+            return nullptr;
+        }
+        return RtRetain(anchor->fValue);
     }
     if (std::find(fActive.begin(), fActive.end(), target) != fActive.end()) {
         setError(error, "Circular reference in reply");
@@ -441,37 +470,21 @@ RtTypeRef SOAPDecoder::followReference(RtStringRef href, const AutoDict &scope, 
 RtTypeRef SOAPDecoder::parseSOAPArray(RtTreeRef element, const AutoDict &scope, AutoString &error) {
     if (gHVDebugVerbose) _hvLogf("in parseSOAPArray\n");
     RtMutableArrayRef array =
-        RtArrayCreateMutable(kRtAllocatorDefault, RtTreeGetChildCount(element), &kRtTypeArrayCallBacks);
-    for (RtTreeRef child = RtTreeGetFirstChild(element); child; child = RtTreeGetNextSibling(child)) {
-        RtTypeRef value = parseSOAPType(child, scope, error);
-        if (!error.isNull()) {
-            safeRtRelease(value);
-            break;
-        }
-        if (value) {
-            RtArrayAppendValue(array, value);
-            RtRelease(value);
-        }
-    }
+        RtArrayCreateMutable(kRtAllocatorDefault, childCount(element), &kRtTypeArrayCallBacks);
+    decodeChildren(element, scope, error,
+                   [array](RtStringRef, RtTypeRef value) { RtArrayAppendValue(array, value); });
     return array;
 }
 
 RtTypeRef SOAPDecoder::parseSOAPDictionary(RtTreeRef element, const AutoDict &scope, AutoString &error) {
     if (gHVDebugVerbose) _hvLogf("in parseSOAPDictionary\n");
     RtMutableDictionaryRef dict =
-        RtDictionaryCreateMutable(kRtAllocatorDefault, RtTreeGetChildCount(element),
+        RtDictionaryCreateMutable(kRtAllocatorDefault, childCount(element),
                                   &kRtCopyStringDictionaryKeyCallBacks, &kRtTypeDictionaryValueCallBacks);
     // Arrays this walk made to gather repeated names: nobody else holds them, so appending in
     // place is the same as replacing them by an appended copy, without the quadratic copying.
     std::unordered_set<RtTypeRef> gathered;
-    for (RtTreeRef child = RtTreeGetFirstChild(element); child; child = RtTreeGetNextSibling(child)) {
-        RtTypeRef value = parseSOAPType(child, scope, error);
-        if (!error.isNull()) {
-            safeRtRelease(value);
-            break;
-        }
-        if (!value) continue;
-        RtStringRef name = nodeName(RtXMLTreeGetNode(child));
+    decodeChildren(element, scope, error, [dict, &gathered](RtStringRef name, RtTypeRef value) {
         RtTypeRef earlier = RtDictionaryGetValue(dict, name);
         if (!earlier) {
             RtDictionarySetValue(dict, name, value);
@@ -493,8 +506,7 @@ RtTypeRef SOAPDecoder::parseSOAPDictionary(RtTreeRef element, const AutoDict &sc
             gathered.insert(copy);
             RtRelease(copy);
         }
-        RtRelease(value);
-    }
+    });
     return dict;
 }
 
@@ -505,17 +517,197 @@ void SOAPDecoder::buildAnchorIndex() {
     AutoDict anyScope;
     for (RtTreeRef child = RtTreeGetFirstChild(fBody); child; child = RtTreeGetNextSibling(child)) {
         RtStringRef id = getNodeAttribute(elementInfo(RtXMLTreeGetNode(child)), anyScope, 0, eIdRole);
-        if (!id) continue;
         // Only the first child with a given id (ignoring case) can ever be found.
-        if (findAnchor(id)) continue;
-        fAnchors.emplace(RtStringHashCaseInsensitive(id), std::make_pair(id, child));
+        if (!id || findAnchorEntry(id)) continue;
+        fAnchors.emplace(RtStringHashCaseInsensitive(id),
+                         Anchor{static_cast<RtStringRef>(RtRetain(id)), child, nullptr, AutoDict(), {}, 0});
     }
 }
 
-RtTreeRef SOAPDecoder::findAnchor(RtStringRef id) {
+const SOAPDecoder::Anchor *SOAPDecoder::findAnchorEntry(RtStringRef id) {
     if (!fIndexed) buildAnchorIndex();
     auto range = fAnchors.equal_range(RtStringHashCaseInsensitive(id));
     for (auto it = range.first; it != range.second; ++it)
-        if (rtstrEquivilent(it->second.first, id)) return it->second.second;
+        if (rtstrEquivilent(it->second.fId, id)) return &it->second;
     return nullptr;
+}
+
+RtTreeRef SOAPDecoder::findAnchor(RtStringRef id) {
+    const Anchor *anchor = findAnchorEntry(id);
+    return anchor ? anchor->fTree : nullptr;
+}
+
+// ---- Reading while the document is parsed -------------------------------------------------------
+
+void SOAPDecoder::beginStreaming() {
+    // The index grows as the Body's children complete.
+    fIndexed = true;
+}
+
+void SOAPDecoder::streamChildrenOf(RtTreeRef element, const AutoDict &scope) {
+    fStreamed.emplace(std::piecewise_construct, std::forward_as_tuple(element), std::forward_as_tuple(scope));
+}
+
+void SOAPDecoder::noteKey(RtStringRef key) {
+    if (std::find(fEarlyKeys.begin(), fEarlyKeys.end(), key) == fEarlyKeys.end()) fEarlyKeys.push_back(key);
+}
+
+template <class Decode>
+RtTypeRef SOAPDecoder::decodeEarly(int base, std::vector<RtStringRef> &keys, int &height, bool &blocked,
+                                   AutoString &error, Decode decode) {
+    int savedDepth = fDepth;
+    fEarly = true;
+    fBlocked = false;
+    fEarlyDepth = base;
+    fEarlyKeys.clear();
+    fDepth = base;
+    RtTypeRef value = decode(error);
+    fEarly = false;
+    fDepth = savedDepth;
+    blocked = fBlocked;
+    for (RtStringRef key : fEarlyKeys)
+        if (std::find(keys.begin(), keys.end(), key) == keys.end()) keys.push_back(key);
+    height = std::max(height, fEarlyDepth - base);
+    return value;
+}
+
+bool SOAPDecoder::sameScope(const AutoDict &stored, const AutoDict &scope,
+                            const std::vector<RtStringRef> &keys) const {
+    if (stored.getImmutableDict() == scope.getImmutableDict()) return true;
+    for (RtStringRef key : keys) {
+        RtTypeRef a = stored.getValue(key), b = scope.getValue(key);
+        if (a != b && (!a || !b || !RtEqual(a, b))) return false;
+    }
+    return true;
+}
+
+RtIndex SOAPDecoder::childCount(RtTreeRef element) const {
+    RtIndex count = RtTreeGetChildCount(element);
+    if (fStreamed.empty()) return count;
+    auto found = fStreamed.find(element);
+    return found == fStreamed.end() ? count : count + found->second.fTaken;
+}
+
+void SOAPDecoder::bailOut(AutoString &error) {
+    fBailedOut = true;
+    setError(error, "Reply read again as a whole");
+}
+
+template <class Take>
+void SOAPDecoder::decodeChildren(RtTreeRef element, const AutoDict &scope, AutoString &error, Take take) {
+    auto streamed = fStreamed.empty() ? fStreamed.end() : fStreamed.find(element);
+    if (streamed == fStreamed.end()) {
+        for (RtTreeRef child = RtTreeGetFirstChild(element); child; child = RtTreeGetNextSibling(child)) {
+            RtTypeRef value = parseSOAPType(child, scope, error);
+            if (!error.isNull()) {
+                safeRtRelease(value);
+                return;
+            }
+            if (!value) continue;
+            take(nodeName(RtXMLTreeGetNode(child)), value);
+            RtRelease(value);
+        }
+        return;
+    }
+    // The children were decoded one level below the element's first decoding.
+    StreamedChildren &children = streamed->second;
+    if (!sameScope(children.fScope, scope, children.fKeys) ||
+        (fDepth != 1 && fDepth + children.fHeight >= kMaxDecodeDepth)) {
+        bailOut(error);
+        return;
+    }
+    for (const Stored &stored : children.fChildren) {
+        RtTypeRef value;
+        RtStringRef name;
+        if (stored.fTree) {
+            value = parseSOAPType(stored.fTree, scope, error);
+            name = nodeName(RtXMLTreeGetNode(stored.fTree));
+        } else {
+            value = safeRtRetain(stored.fValue);
+            name = stored.fName;
+            if (stored.fError) setError(error, "%@", stored.fError);
+        }
+        if (!error.isNull()) {
+            safeRtRelease(value);
+            return;
+        }
+        if (!value) continue;
+        take(name, value);
+        RtRelease(value);
+    }
+}
+
+bool SOAPDecoder::streamChild(RtTreeRef element, RtTreeRef child) {
+    auto found = fStreamed.find(element);
+    if (found == fStreamed.end()) return false;
+    StreamedChildren &children = found->second;
+    RtXMLNodeRef node = RtXMLTreeGetNode(child);
+    // Everything up to the first element child stays: the element's own text and type are read
+    // from its first child, and its text runs up to its first element.
+    bool isElement = elementInfo(node) != nullptr;
+    if (!isElement || !children.fSeenElement) {
+        children.fSeenElement = children.fSeenElement || isElement;
+        children.fChildren.push_back(Stored{child});
+        return false;
+    }
+    Stored stored;
+    // After a failed child nothing more is read: every walk over the children ends there.
+    if (!children.fFailed) {
+        AutoString error;
+        bool blocked = false;
+        RtTypeRef value =
+            decodeEarly(1, children.fKeys, children.fHeight, blocked, error,
+                        [&](AutoString &failure) { return parseSOAPType(child, children.fScope, failure); });
+        if (blocked) {
+            safeRtRelease(value);
+            children.fChildren.push_back(Stored{child});
+            return false;
+        }
+        stored.fName = static_cast<RtStringRef>(RtRetain(nodeName(node)));
+        stored.fValue = value;
+        stored.fError = error.getRetainedString();
+        children.fFailed = stored.fError != nullptr;
+    }
+    children.fChildren.push_back(stored);
+    children.fTaken++;
+    return true;
+}
+
+bool SOAPDecoder::streamBodyChild(RtTreeRef child, const AutoDict &bodyScope, bool dispatched) {
+    const RtXMLElementInfo *info = elementInfo(RtXMLTreeGetNode(child));
+    if (!info) return false;
+    AutoDict anyScope;
+    RtStringRef id = getNodeAttribute(info, anyScope, 0, eIdRole);
+    // Only the first child with a given id (ignoring case) can ever be found.
+    bool anchor = id && !findAnchorEntry(id);
+    auto keep = [&] {
+        if (anchor)
+            fAnchors.emplace(
+                RtStringHashCaseInsensitive(id),
+                Anchor{static_cast<RtStringRef>(RtRetain(id)), child, nullptr, AutoDict(), {}, 0});
+        return false;
+    };
+    if (dispatched) return keep();
+    // Neither dispatched nor ever found by an href: nothing reads it.
+    if (!anchor) return true;
+    // Decoded as followReference would, in the Body's scope.
+    std::optional<AutoDict> ownScope;
+    if (attributeRoles(info) & eDeclarationRole) {
+        ownScope.emplace(bodyScope);
+        xmlGetElementNamespaces(child, *ownScope);
+    }
+    AutoString error;
+    std::vector<RtStringRef> keys;
+    int height = 0;
+    bool blocked = false;
+    RtTypeRef value = decodeEarly(0, keys, height, blocked, error, [&](AutoString &failure) {
+        return decodeTyped(child, info, nullptr, nullptr, ownScope ? *ownScope : bodyScope, failure);
+    });
+    if (blocked || !error.isNull() || !value) {
+        safeRtRelease(value);
+        return keep();
+    }
+    fAnchors.emplace(RtStringHashCaseInsensitive(id), Anchor{static_cast<RtStringRef>(RtRetain(id)), nullptr,
+                                                             value, bodyScope, std::move(keys), height});
+    return true;
 }

@@ -171,8 +171,8 @@ static RtDictionaryRef createErrorDictionary(const ParseError &error) {
 }
 
 RtTreeRef rt::xml::createTree(RtDataRef xmlData, RtStringEncoding encoding, RtOptionFlags options,
-                              RtIndex version, RtDictionaryRef *errorDict,
-                              const RtXMLTreeDrainContext *drain) {
+                              RtIndex version, RtDictionaryRef *errorDict, const RtXMLTreeDrainContext *drain,
+                              const RtXMLTreeStreamContext *stream) {
     if (errorDict) *errorDict = nullptr;
     const uint8_t *bytes = nullptr;
     size_t length = 0;
@@ -189,7 +189,7 @@ RtTreeRef rt::xml::createTree(RtDataRef xmlData, RtStringEncoding encoding, RtOp
         if (!root) {
             error.fStatus = kStatusOutOfMemory;
             error.fDescription = "out of memory";
-        } else if (!buildTree(root, plan, options, error, drain)) {
+        } else if (!buildTree(root, plan, options, error, drain, stream)) {
             RtRelease(root);
             root = nullptr;
         }

@@ -272,7 +272,8 @@ bool rawIsReference(const char *raw, int count, const char *name, size_t nameLen
 
 class TreeBuilder {
   public:
-    TreeBuilder(RootNode *root, XML_Parser parser, RtOptionFlags options, const RtXMLTreeDrainContext *drain);
+    TreeBuilder(RootNode *root, XML_Parser parser, RtOptionFlags options, const RtXMLTreeDrainContext *drain,
+                const RtXMLTreeStreamContext *stream);
     TreeBuilder(const TreeBuilder &) = delete;
     TreeBuilder &operator=(const TreeBuilder &) = delete;
 
@@ -313,6 +314,8 @@ class TreeBuilder {
     TreeNode *appendNode(uint8_t type, RtStringRef string);
     void beforeChild();
     void drainLastChild();
+    void streamBeforeChild();
+    void offerLastChild();
     RtStringRef createOwned(const char *p, size_t n);
     void flushText(bool beforeReference = false) {
         if (!fText.empty()) flushPendingText(beforeReference);
@@ -350,15 +353,29 @@ class TreeBuilder {
     bool fDrainOver = false;
     Arena::Mark fChildMark{};
     size_t fChildOwned = 0;
+
+    // Streaming (see RtXMLTreeCreateFromDataStreaming): the accepted elements still open, each
+    // with its last child already offered, its last child kept, and where the nodes and owned
+    // objects of its current child begin.
+    struct StreamFrame {
+        TreeNode *fElement;
+        TreeNode *fOffered;
+        TreeNode *fKept;
+        Arena::Mark fMark;
+        size_t fOwned;
+    };
+    const RtXMLTreeStreamContext *fStream;
+    std::vector<StreamFrame> fFrames;
 };
 
 TreeBuilder::TreeBuilder(RootNode *root, XML_Parser parser, RtOptionFlags options,
-                         const RtXMLTreeDrainContext *drain)
+                         const RtXMLTreeDrainContext *drain, const RtXMLTreeStreamContext *stream)
     : fParser(parser), fRoot(root), fDocument(root->fDocument), fOptions(options),
       fTreeClass(classEntry(treeTypeID())), fNodeClass(classEntry(xmlNodeTypeID())),
       fPlainInfo(noAttributesInfo(false)), fNames(root->fDocument), fTexts(root->fDocument),
       fCurrent(&root->fNode),
-      fDrain(drain && drain->consume && drain->shouldDrain && drain->depth > 0 ? drain : nullptr) {
+      fDrain(drain && drain->consume && drain->shouldDrain && drain->depth > 0 ? drain : nullptr),
+      fStream(!fDrain && stream && stream->accept && stream->consume ? stream : nullptr) {
     fLastChild.reserve(64);
     fLastChild.push_back(nullptr);
     fText.reserve(256);
@@ -451,6 +468,10 @@ TreeNode *TreeBuilder::appendNode(uint8_t type, RtStringRef string) {
 // node's previous child is complete by now: it goes to the consumer, and the new child starts
 // where it began.
 void TreeBuilder::beforeChild() {
+    if (fStream) {
+        streamBeforeChild();
+        return;
+    }
     if (!fDrain || fDrainOver) return;
     if (!fDrained) {
         bool firstChildAtDepth = !fLastChild.back() && fLastChild.size() == size_t(fDrain->depth) + 1 &&
@@ -463,6 +484,44 @@ void TreeBuilder::beforeChild() {
     if (fLastChild.back()) drainLastChild();
     fChildMark = fDocument.fNodes.mark();
     fChildOwned = fDocument.fOwned.size();
+}
+
+// Under streaming, an element is asked before its first child; the previous child of an accepted
+// element is complete by now and is offered before the new one starts.
+void TreeBuilder::streamBeforeChild() {
+    if (fCurrent->fType != kRtXMLNodeTypeElement) return;
+    if (fFrames.empty() || fFrames.back().fElement != fCurrent) {
+        if (fLastChild.back() || !fStream->accept(treeOfNode(fCurrent), fStream->info)) return;
+        fFrames.push_back(StreamFrame{fCurrent, nullptr, nullptr, {}, 0});
+    } else {
+        offerLastChild();
+    }
+    StreamFrame &frame = fFrames.back();
+    frame.fMark = fDocument.fNodes.mark();
+    frame.fOwned = fDocument.fOwned.size();
+}
+
+void TreeBuilder::offerLastChild() {
+    StreamFrame &frame = fFrames.back();
+    TreeNode *child = fLastChild.back();
+    if (!child || child == frame.fOffered) return;
+    if (!fStream->consume(treeOfNode(child), fStream->info)) {
+        frame.fKept = child;
+        frame.fOffered = child;
+        return;
+    }
+    // The child is the last thing built since the mark: unlink it and give its memory back.
+    if (frame.fKept)
+        frame.fKept->fNextSibling = nullptr;
+    else
+        frame.fElement->fFirstChild = nullptr;
+    frame.fElement->fChildCount--;
+    fLastChild.back() = frame.fKept;
+    frame.fOffered = frame.fKept;
+    fDocument.fNodes.rewind(frame.fMark);
+    for (size_t i = frame.fOwned; i < fDocument.fOwned.size(); i++)
+        RtRelease(fDocument.fOwned[i]);
+    fDocument.fOwned.resize(frame.fOwned);
 }
 
 void TreeBuilder::drainLastChild() {
@@ -594,6 +653,10 @@ void TreeBuilder::endElement() {
         if (fLastChild.back()) drainLastChild();
         fDrained = nullptr;
         fDrainOver = true;
+    }
+    if (fStream && !fFrames.empty() && fFrames.back().fElement == n) {
+        offerLastChild();
+        fFrames.pop_back();
     }
     // The end of an element written <x/> is an event of no bytes of its own.
     // Every info record is the first of a pair whose second is the same record for an empty
@@ -773,7 +836,7 @@ void giveBackParser(XML_Parser parser, size_t documentLength) {
 } // namespace
 
 bool buildTree(RootNode *root, const InputPlan &plan, RtOptionFlags options, ParseError &error,
-               const RtXMLTreeDrainContext *drain) {
+               const RtXMLTreeDrainContext *drain, const RtXMLTreeStreamContext *stream) {
     XML_Parser parser = takeParser(plan.fExpatEncoding);
     if (!parser) {
         error.fStatus = XML_ERROR_NO_MEMORY;
@@ -783,7 +846,7 @@ bool buildTree(RootNode *root, const InputPlan &plan, RtOptionFlags options, Par
     XML_SetHashSalt(parser, nextHashSalt());
     bool built;
     {
-        TreeBuilder builder(root, parser, options, drain);
+        TreeBuilder builder(root, parser, options, drain, stream);
         built = builder.run(plan.fBytes, plan.fLength, error);
     }
     giveBackParser(parser, plan.fLength);

@@ -8,3 +8,10 @@ RtTreeRef RtXMLTreeCreateFromDataDraining(RtAllocatorRef, RtDataRef xmlData, RtO
     return rt::xml::createTree(xmlData, kRtStringEncodingInvalidId, parseOptions, versionOfNodes, errorDict,
                                drain);
 }
+
+RtTreeRef RtXMLTreeCreateFromDataStreaming(RtAllocatorRef, RtDataRef xmlData, RtOptionFlags parseOptions,
+                                           RtIndex versionOfNodes, const RtXMLTreeStreamContext *stream,
+                                           RtDictionaryRef *errorDict) {
+    return rt::xml::createTree(xmlData, kRtStringEncodingInvalidId, parseOptions, versionOfNodes, errorDict,
+                               nullptr, stream);
+}

@@ -166,10 +166,11 @@ bool planInput(const uint8_t *bytes, size_t length, RtStringEncoding override, I
 // the children of the element it accepts are handed over and removed as they complete (see
 // RtXMLTreeCreateFromDataDraining).
 bool buildTree(RootNode *root, const InputPlan &plan, RtOptionFlags options, ParseError &error,
-               const RtXMLTreeDrainContext *drain = nullptr);
+               const RtXMLTreeDrainContext *drain = nullptr, const RtXMLTreeStreamContext *stream = nullptr);
 
 // The entry points' common body: the tree of xmlData, or NULL with *errorDict (when given) set.
 RtTreeRef createTree(RtDataRef xmlData, RtStringEncoding encoding, RtOptionFlags options, RtIndex version,
-                     RtDictionaryRef *errorDict, const RtXMLTreeDrainContext *drain = nullptr);
+                     RtDictionaryRef *errorDict, const RtXMLTreeDrainContext *drain = nullptr,
+                     const RtXMLTreeStreamContext *stream = nullptr);
 
 } // namespace rt::xml

@@ -270,6 +270,86 @@ TEST_F(XMLTreeTests, DrainingHandsOverEachChildOnceComplete) {
     EXPECT_EQ((std::vector<std::string>{"list>a/", "list>b/"}), broken.fShapes);
 }
 
+// A streaming parse that accepts the elements named "list" and takes out the children named "t"
+// (recording each offered child as parent>shape, and whether it was taken).
+struct Streamed {
+    std::vector<std::string> fOffered;
+};
+
+bool _acceptLists(RtTreeRef element, void *) {
+    return text(RtXMLNodeGetString(RtXMLTreeGetNode(element))) == "list";
+}
+
+bool _takeNamedT(RtTreeRef child, void *info) {
+    bool take = text(RtXMLNodeGetString(RtXMLTreeGetNode(child))) == "t";
+    static_cast<Streamed *>(info)->fOffered.push_back(
+        text(RtXMLNodeGetString(RtXMLTreeGetNode(RtTreeGetParent(child)))) + ">" + shape(child) +
+        (take ? "-" : "+"));
+    return take;
+}
+
+std::string streamedShape(const std::string &bytes, Streamed &streamed) {
+    RtDataRef data = dataOf(bytes);
+    RtXMLTreeStreamContext context = {_acceptLists, _takeNamedT, &streamed};
+    RtDictionaryRef error = nullptr;
+    RtTreeRef tree =
+        RtXMLTreeCreateFromDataStreaming(nullptr, data, kRtXMLParserAllOptions, 1, &context, &error);
+    std::string s = tree ? shape(tree) + "#" + std::to_string(RtTreeGetChildCount(RtTreeGetFirstChild(tree)))
+                    : error ? "failed"
+                            : "failed without an error";
+    for (RtTypeRef x : {RtTypeRef(data), RtTypeRef(tree), RtTypeRef(error)})
+        RtRelease(x);
+    return s;
+}
+
+TEST_F(XMLTreeTests, StreamingTakesOutOnlyWhatTheConsumerTakes) {
+    struct Case {
+        const char *document, *tree;
+        std::vector<std::string> offered;
+    };
+    const Case cases[] = {
+        // Children taken and kept alternate; the kept ones link up and count.
+        {"<list><t>1</t><k>2</k><t/>x<t a='1'>3</t><k/></list>",
+         "#doc[list[k['2'] 'x' k/]]#3",
+         {"list>t['1']-", "list>k['2']+", "list>t/-", "list>'x'+", "list>t{a=1}['3']-", "list>k/+"}},
+        // Everything taken: the element ends empty.
+        {"<list><t>1</t><t>2</t></list>", "#doc[list]#0", {"list>t['1']-", "list>t['2']-"}},
+        // Accepted elements nest: the inner one's children are offered before the outer child
+        // that holds it completes.
+        {"<list><k><list><t>1</t><k>2</k></list></k><t><list><t/></list></t></list>",
+         "#doc[list[k[list[k['2']]]]]#1",
+         {"list>t['1']-", "list>k['2']+", "list>k[list[k['2']]]+", "list>t/-", "list>t[list]-"}},
+        // Whitespace the options drop is never offered; text beside a taken child stays.
+        {"<list> <t/> a&amp;b <t/></list>",
+         "#doc[list[' a' &amp; 'b ']]#3",
+         {"list>t/-", "list>' a'+", "list>&amp;+", "list>'b '+", "list>t/-"}},
+        // A document that breaks fails as any other.
+        {"<list><t/><k>", "failed", {"list>t/-"}},
+    };
+    for (const Case &c : cases) {
+        Streamed streamed;
+        EXPECT_EQ(c.tree, streamedShape(c.document, streamed)) << c.document;
+        EXPECT_EQ(c.offered, streamed.fOffered) << c.document;
+    }
+
+    // Thousands of taken children reuse the same memory; a large kept one survives intact.
+    std::string big = "<list>", hugeShape = "k[";
+    for (int i = 0; i < 4000; i++) {
+        big += "<t n='" + std::to_string(i) + "'>" + std::to_string(i) + "</t>";
+        if (i == 2000) {
+            big += "<k>";
+            for (int j = 0; j < 3000; j++) {
+                big += "<e>" + std::to_string(j) + "</e>";
+                hugeShape += (j ? " e['" : "e['") + std::to_string(j) + "']";
+            }
+            big += "</k>";
+        }
+    }
+    Streamed many;
+    EXPECT_EQ("#doc[list[" + hugeShape + "]]]#1", streamedShape(big + "</list>", many));
+    EXPECT_EQ(4001u, many.fOffered.size());
+}
+
 TEST_F(XMLTreeTests, ErrorDictionaries) {
     EXPECT_EQ(failure("<a>\n<b>\n</a>"), "7|3|10|mismatched tag");
     EXPECT_EQ(failure(""), "3|1|0|no element found");

@@ -149,6 +149,31 @@ RT_EXPORT RtTreeRef RtXMLTreeCreateFromDataDraining(RtAllocatorRef alloc, RtData
                                                     const RtXMLTreeDrainContext *drain,
                                                     RtDictionaryRef *errorDict);
 
+/** Reading a document while it is parsed, keeping only what a reader still needs. Every element
+ * is offered to accept just before its first child is added (its ancestors and everything before
+ * it in the document are in place and may be read). Each child of an accepted element is offered
+ * to consume once it is complete (when the next child begins or the element ends), in document
+ * order; when consume returns true the child is taken out of the tree and its nodes' memory
+ * serves what follows, when it returns false the child stays. Accepted elements may nest (an
+ * element inside a child of another accepted element may be accepted too). During consume the
+ * child is a complete subtree linked to its ancestors; a child taken out must not be kept or
+ * retained past the call (strings read from it may be retained), a child left in stays valid
+ * with the document. The tree returned lacks the children taken out (an element counts only the
+ * children it kept); everything else is as RtXMLTreeCreateFromDataWithError builds it, and a
+ * document that fails to parse returns NULL the same way, whatever consume has seen. Neither
+ * callback may call back into the reader. */
+typedef struct {
+    bool (*accept)(RtTreeRef element, void *info); /**< whether element's children are offered */
+    bool (*consume)(RtTreeRef child, void *info);  /**< true takes the complete child out */
+    void *info;                                    /**< handed to both callbacks */
+} RtXMLTreeStreamContext;
+/** As RtXMLTreeCreateFromDataWithError, offering children to stream as described above; a NULL
+ * stream (or one without both callbacks) builds the whole tree. */
+RT_EXPORT RtTreeRef RtXMLTreeCreateFromDataStreaming(RtAllocatorRef alloc, RtDataRef xmlData,
+                                                     RtOptionFlags parseOptions, RtIndex versionOfNodes,
+                                                     const RtXMLTreeStreamContext *stream,
+                                                     RtDictionaryRef *errorDict);
+
 /** @name Navigation
  * Trees are runtime objects; children are owned by their parent and the results
  * here are borrowed. Every position and node of one document shares the document's reference
