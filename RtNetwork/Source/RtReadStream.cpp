@@ -316,7 +316,10 @@ bool equalsIgnoringCase(const std::string &a, const char *b) {
 // Exactly the message's fields, plus what stops libcurl adding its own ("Accept", "Expect",
 // a form Content-Type). Content-Length is always libcurl's, from the body's real length.
 // The lines go into lines, each ended by a NUL, for the driver to make (or share) the list.
-void headerLines(RtHTTPMessageRef request, std::string &lines) {
+// A Host field holding the URL's bare host name (urlHost, what the transport records) is left to
+// libcurl, which writes it as HTTP has it: brackets around an IPv6 literal, the port whenever it
+// is not the scheme's default. A Host naming anything else (a virtual host) is sent as given.
+void headerLines(RtHTTPMessageRef request, const std::string &urlHost, std::string &lines) {
     bool hasAccept = false, hasExpect = false, hasContentType = false;
     std::string name, value;
     // Room for a usual request's fields at once, instead of growing through each append.
@@ -333,6 +336,10 @@ void headerLines(RtHTTPMessageRef request, std::string &lines) {
                                   [](char c) { return c == '\r' || c == '\n' || c == '\0'; });
         if (!isTokenText(name) || splits) return;
         if (equalsIgnoringCase(name, "Content-Length")) return;
+        if (equalsIgnoringCase(name, "Host") && !urlHost.empty() &&
+            (equalsIgnoringCase(value, urlHost.c_str()) ||
+             equalsIgnoringCase(value, ("[" + urlHost + "]").c_str())))
+            return;
         hasAccept |= equalsIgnoringCase(name, "Accept");
         hasExpect |= equalsIgnoringCase(name, "Expect");
         hasContentType |= equalsIgnoringCase(name, "Content-Type");
@@ -365,6 +372,11 @@ int configureTransfer(StreamState &st) {
     RtURLRef absolute = url ? RtURLCopyAbsoluteURL(url) : nullptr;
     st.fURLText.clear();
     if (absolute) rt::appendUTF8(st.fURLText, RtURLGetString(absolute));
+    std::string urlHost;
+    if (RtStringRef host = absolute ? RtURLCopyHostName(absolute) : nullptr) {
+        rt::appendUTF8(urlHost, host);
+        RtRelease(host);
+    }
     RtRelease(absolute);
     RtRelease(url);
     RtStringRef method = RtHTTPMessageCopyRequestMethod(request);
@@ -380,7 +392,7 @@ int configureTransfer(StreamState &st) {
     if (!e) return ENOMEM;
     st.fEasy = e;
     std::string lines;
-    headerLines(request, lines);
+    headerLines(request, urlHost, lines);
     st.fHeaders = st.fDriver->shareHeaderList(lines);
     if (!st.fHeaders) return ENOMEM;
 

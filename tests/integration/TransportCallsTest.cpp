@@ -56,7 +56,8 @@ TEST_P(TransportCalls, RequestOnTheWireAndHeaderPrecedence) {
     EXPECT_EQ(request.path, "/RPC2?x=1");
     EXPECT_EQ(request.version, "HTTP/1.1");
     EXPECT_EQ(request.header("User-Agent"), "Tessaly; HalvosCore.framework (" HV_VERSION_STRING ")");
-    EXPECT_EQ(request.header("Host"), "127.0.0.1"); // the URL's host name alone
+    // The message records the URL's host name alone; the wire has the port too, as HTTP wants.
+    EXPECT_EQ(request.header("Host"), "127.0.0.1:" + std::to_string(server.port()));
     EXPECT_EQ(request.header("Content-Type"), "text/xml");
     EXPECT_EQ(request.headerCount("User-Agent"), 1u);
     EXPECT_EQ(request.headerCount("Host"), 1u);
@@ -72,13 +73,16 @@ TEST_P(TransportCalls, RequestOnTheWireAndHeaderPrecedence) {
 
     Invocation put(server.url("/RPC2"), "echo");
     put.property(kHVPostingMethod, S("PUT"))
-        .property(kHVHTTPExtraHeaders, Dict({{"X-Trace", S("abc")}, {"Content-Type", S("application/xml")}}));
+        .property(kHVHTTPExtraHeaders, Dict({{"X-Trace", S("abc")},
+                                             {"Content-Type", S("application/xml")},
+                                             {"Host", S("virtual.test")}}));
     Outcome putOutcome = put.run(GetParam());
     ASSERT_EQ(putOutcome.callbacks, 1);
     EXPECT_EQ(putOutcome.resultText(), "hello");
     hvtest::RecordedRequest sent = server.lastRequest();
     EXPECT_EQ(sent.method, "PUT");
     EXPECT_EQ(sent.header("X-Trace"), "abc");
+    EXPECT_EQ(sent.header("Host"), "virtual.test"); // a host name of the caller's own stands
     EXPECT_EQ(sent.header("Content-Type"), "application/xml");
     EXPECT_EQ(sent.headerCount("Content-Type"), 1u);
 
@@ -103,7 +107,7 @@ TEST_P(TransportCalls, RequestOnTheWireAndHeaderPrecedence) {
     EXPECT_EQ(sent.path, "/from-template");
     EXPECT_EQ(sent.header("User-Agent"), "Custom/2.0");
     EXPECT_EQ(sent.header("X-Template"), "kept");
-    EXPECT_EQ(sent.header("Host"), "127.0.0.1");
+    EXPECT_EQ(sent.header("Host"), "127.0.0.1:" + std::to_string(server.port()));
     EXPECT_EQ(sent.header("Content-Type"), "text/xml; charset=utf-8");
     EXPECT_EQ(sent.headerCount("Content-Type"), 1u);
     EXPECT_THAT(sent.body, HasSubstr("<methodName>echo</methodName>"));

@@ -160,6 +160,7 @@ TEST(Hvcall, OptionsReachTheWire) {
     EXPECT_EQ(request.version, "HTTP/1.0");
     EXPECT_EQ(request.header("X-Trace"), "abc");
     EXPECT_EQ(request.header("User-Agent"), "mine");
+    EXPECT_FALSE(request.hasHeader("SOAPAction")); // XML-RPC calls have none
     EXPECT_TRUE(contains(request.body, "<methodName>greet</methodName>")) << request.body;
 
     EXPECT_EQ(hvcall({scripted.url("/old"), "m"}).out, "\"ok\"\n");
@@ -198,10 +199,17 @@ TEST(Hvcall, SOAPOptionsShapeTheEnvelope) {
         std::vector<std::string> options;
         const char *schema;
         const char *method;
+        const char *action; // the SOAPAction field: "" unless --soap-action says otherwise
     } cases[] = {
-        {{"--protocol=soap2001", "--rpc"}, kSchema2001, "<m:greet xmlns:m=\"urn:test\">"},
-        {{"--protocol=soap2001"}, kSchema2001, "<greet xmlns=\"urn:test\">"},
-        {{"--protocol=soap1999"}, kSchema1999, "<m:greet xmlns:m=\"urn:test\">"}, // 1999 is always rpc
+        {{"--protocol=soap2001", "--rpc", "--soap-action", "urn:test#greet"},
+         kSchema2001,
+         "<m:greet xmlns:m=\"urn:test\">",
+         "\"urn:test#greet\""},
+        {{"--protocol=soap2001"}, kSchema2001, "<greet xmlns=\"urn:test\">", "\"\""},
+        {{"--protocol=soap1999"},
+         kSchema1999,
+         "<m:greet xmlns:m=\"urn:test\">",
+         "\"\""}, // 1999 is always rpc
     };
     for (const auto &c : cases) {
         std::vector<std::string> args = c.options;
@@ -210,6 +218,7 @@ TEST(Hvcall, SOAPOptionsShapeTheEnvelope) {
         Finished finished = hvcall(args);
         EXPECT_EQ(finished.out, "\"hi\"\n") << finished.err;
         std::string body = scripted.lastRequest().body;
+        EXPECT_EQ(scripted.lastRequest().header("SOAPAction"), c.action);
         EXPECT_TRUE(contains(body, c.schema)) << body;
         EXPECT_TRUE(contains(body, c.method)) << body;
         EXPECT_TRUE(contains(body, "<who xsi:type=\"xsd:string\">Ada</who>")) << body;

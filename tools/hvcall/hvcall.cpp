@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <strings.h>
 #include <string>
 #include <utility>
 #include <vector>
@@ -36,6 +37,7 @@ const char kUsage[] =
     "  --no-redirects          do not follow HTTP redirects\n"
     "  --http1.0               speak HTTP/1.0\n"
     "  --namespace URI         SOAP: the method's namespace\n"
+    "  --soap-action VALUE     SOAP: the SOAPAction header's value (default \"\"; quoted on the wire)\n"
     "  --rpc                   SOAP-2001: write the body in rpc style (SOAP-1999 always does)\n"
     "  --result-name NAME      SOAP: the reply element to take as the result\n"
     "  --param-names a,b,...   SOAP: the parameters' names (default arg0, arg1, ...);\n"
@@ -56,6 +58,7 @@ struct CallOptions {
     bool fNoRedirects = false;
     bool fHTTP10 = false;
     std::string fNamespace;
+    std::string fSOAPAction; // sent quoted on SOAP calls
     bool fRPC = false;
     std::string fResultName;
     bool fHaveParamNames = false;
@@ -195,6 +198,9 @@ bool parseArguments(int argc, char **argv, CallOptions &options, std::string &er
         } else if (name == "--namespace") {
             if (!takeValue()) return false;
             options.fNamespace = value;
+        } else if (name == "--soap-action") {
+            if (!takeValue()) return false;
+            options.fSOAPAction = value;
         } else if (name == "--result-name") {
             if (!takeValue()) return false;
             options.fResultName = value;
@@ -358,10 +364,18 @@ int call(const CallOptions &options) {
         setProperty(invocation, kHVMethodInvocationTimeoutValue,
                     RtNumberCreate(kRtAllocatorDefault, kRtNumberSInt32Type, &seconds), owned);
     }
-    if (!options.fHeaders.empty()) {
+    // SOAP servers dispatch on SOAPAction or expect it present: every SOAP call carries one,
+    // unless a --header names it.
+    std::vector<std::pair<std::string, std::string>> fields = options.fHeaders;
+    bool hasAction = false;
+    for (const auto &header : fields)
+        hasAction |= strcasecmp(header.first.c_str(), "SOAPAction") == 0;
+    if (options.fProtocol != kHVXMLRPCProtocol && !hasAction)
+        fields.emplace_back("SOAPAction", "\"" + options.fSOAPAction + "\"");
+    if (!fields.empty()) {
         RtMutableDictionaryRef headers = owned.keep(RtDictionaryCreateMutable(
             kRtAllocatorDefault, 0, &kRtCopyStringDictionaryKeyCallBacks, &kRtTypeDictionaryValueCallBacks));
-        for (const auto &header : options.fHeaders) {
+        for (const auto &header : fields) {
             RtStringRef name = owned.keep(hvtools::createString(header.first));
             RtStringRef value = owned.keep(hvtools::createString(header.second));
             if (!name || !value) return usageError("a header is not valid UTF-8");

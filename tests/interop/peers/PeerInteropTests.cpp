@@ -12,6 +12,7 @@
 #include "../../HalvosCore/SOAPTestSupport.h"
 
 #include "ChildProcess.h"
+#include "PythonPeer.h"
 #include "ScriptedHTTPServer.h"
 #include "TestHTTPClient.h"
 #include "ToolProcess.h"
@@ -466,4 +467,27 @@ TEST(PeerInterop, EveryPeerEveryDirection) {
     std::cout << matrix.str() << "\n" << notes.str();
     if (const char *path = getenv("HV_INTEROP_MATRIX"); path && *path)
         std::ofstream(path) << matrix.str() << "\n" << notes.str();
+}
+
+// A call to http://[::1]:PORT/RPC2 passes a front server that, as nginx does, answers 400 to a
+// Host field other than "[::1]:PORT"; behind it hvserve adds. hvcall and the library's client
+// both get through.
+TEST(PeerInterop, HostFieldThroughAHostCheckingFrontServer) {
+    hvtest::Server hvserve;
+    hvtest::PythonPeer front(peerScript("host_check_proxy.py"), {std::to_string(hvserve.port())});
+    ASSERT_TRUE(front.ready()) << front.error();
+    std::string url = "http://[::1]:" + std::to_string(front.port()) + "/RPC2";
+
+    hvtest::Finished called = hvtest::hvcall({url, "examples.add", "2", "3"});
+    EXPECT_EQ(0, called.status) << called.err;
+    EXPECT_EQ("5\n", called.out);
+
+    Value target = Value::adopt(RtURLCreateWithString(nullptr, S(url.c_str()).str(), nullptr));
+    HVMethodInvocationRef invocation = HVMethodInvocationCreate(static_cast<RtURLRef>(target.get()),
+                                                                S("examples.add").str(), kHVXMLRPCProtocol);
+    HVMethodInvocationSetParameters(invocation, Dict({{"a", I(2)}, {"b", I(3)}}).dict(),
+                                    A({S("a"), S("b")}).array());
+    Value result = Value::adopt(HVMethodInvocationInvoke(invocation));
+    RtRelease(invocation);
+    EXPECT_TRUE(sameValue(I(5), result["/Result"])) << describe(result.get());
 }
