@@ -142,8 +142,8 @@ RT_EXPORT RtStringRef RtStringCreateWithSubstring(RtAllocatorRef alloc, RtString
  * %s takes UTF-8 bytes. Parsed formats of constant strings are cached. formatOptions unused. */
 RT_EXPORT RtStringRef RtStringCreateWithFormat(RtAllocatorRef alloc, RtDictionaryRef formatOptions,
                                                RtStringRef format, ...);
-/** RtStringCreateWithFormat() with the arguments as a va_list (not consumed for the caller: pass
- * a fresh va_copy to call it again). */
+/** RtStringCreateWithFormat() with the arguments as a va_list, which the call uses up (va_copy
+ * it first to format the same arguments twice). */
 RT_EXPORT RtStringRef RtStringCreateWithFormatAndArguments(RtAllocatorRef alloc,
                                                            RtDictionaryRef formatOptions, RtStringRef format,
                                                            va_list arguments);
