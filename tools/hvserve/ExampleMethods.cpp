@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
+#include <cstring>
 #include <mutex>
 
 namespace hvserve {
@@ -165,6 +166,25 @@ MethodOutcome runMethod(const std::string &name, const std::vector<RtTypeRef> &p
     for (const auto &method : kMethods)
         if (name == method.fName) return method.fProc(params, protocol);
     return fault(eFaultUnknownMethod, "unknown method '" + name + "'");
+}
+
+std::vector<MethodInfo> methodList() {
+    //                    name                  help
+    static const MethodInfo kHelp[] = {
+        {"examples.echo", "Returns its parameter; with no or several parameters, the array of them."},
+        {"examples.add", "Returns the sum of its numbers: an integer when every one is, else a double."},
+        {"examples.fault", "Always answers with a fault: examples.fault(code, string)."},
+        {"examples.types", "Returns a struct holding one value of every kind the protocol carries."},
+        {"examples.sleep", "Waits the seconds given (0 to 60), then returns them."},
+    };
+    std::vector<MethodInfo> list;
+    for (const auto &method : kMethods) {
+        MethodInfo info{method.fName, ""};
+        for (const auto &help : kHelp)
+            if (strcmp(help.fName, method.fName) == 0) info.fHelp = help.fHelp;
+        list.push_back(info);
+    }
+    return list;
 }
 
 void cancelSleeps() {

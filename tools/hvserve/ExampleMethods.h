@@ -45,6 +45,15 @@ RtDictionaryRef createEveryKind(bool withNull);
 // Ends every sleep at once and makes later ones return at once: called when the server stops.
 void cancelSleeps();
 
+// A method runMethod answers, with its help text (what system.methodHelp tells).
+struct MethodInfo {
+    const char *fName;
+    const char *fHelp;
+};
+
+// Every method runMethod answers, in a fixed order.
+std::vector<MethodInfo> methodList();
+
 } // namespace hvserve
 
 #endif

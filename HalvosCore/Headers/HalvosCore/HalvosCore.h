@@ -376,4 +376,6 @@ HV_EXPORT RtTypeID HVGetRtTypeIDFromHVTypeID(HVTypeID kind);
 }
 #endif
 
+#include <HalvosCore/HVServer.h>
+
 #endif
