@@ -673,7 +673,7 @@ Outcome Server::systemMethod(const std::string &name, RtDictionaryRef params, Rt
         for (const auto &entry : fMethods)
             names.push_back(entry.first);
         for (const auto &row : kSystemMethods)
-            names.push_back(row.fName);
+            names.emplace_back(row.fName);
         std::sort(names.begin(), names.end());
         RtMutableArrayRef list = createArray();
         for (const std::string &each : names) {
