@@ -7,6 +7,8 @@
 //   BM_ExpatEmptyHandlersSOAPReply, BM_ExpatEmptyHandlersSOAPMultiRefReply   the floors
 //   BM_SOAPReplyToResult, BM_SOAPMultiRefReplyToResult   the replies into result dictionaries
 //   BM_SOAPParamsToRequest   the records into a SOAP-2001 request envelope
+//   BM_SOAPReplyPeakRSS, BM_SOAPMultiRefReplyPeakRSS   peak memory of reading each reply, as a
+//       multiple of the reply's size
 #include "BenchValues.h"
 #include "ExpatFloor.h"
 
@@ -121,5 +123,25 @@ static void BM_SOAPParamsToRequest(benchmark::State &state) {
     state.SetBytesProcessed(written);
 }
 BENCHMARK(BM_SOAPParamsToRequest)->Unit(benchmark::kMillisecond);
+
+static void runPeakRSS(benchmark::State &state, RtDataRef document) {
+    HVProtocolHandlerRef handler = fixture().handler;
+    double ratio = 0;
+    for (auto _ : state)
+        ratio =
+            hvbench::peakRSSRatio(size_t(RtDataGetLength(document)), [&] { readReply(handler, document); });
+    if (ratio <= 0) state.SkipWithError("peak memory could not be measured");
+    state.counters["peak_rss_ratio"] = ratio;
+}
+
+static void BM_SOAPReplyPeakRSS(benchmark::State &state) {
+    runPeakRSS(state, fixture().reply);
+}
+BENCHMARK(BM_SOAPReplyPeakRSS)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+static void BM_SOAPMultiRefReplyPeakRSS(benchmark::State &state) {
+    runPeakRSS(state, fixture().multiRefReply);
+}
+BENCHMARK(BM_SOAPMultiRefReplyPeakRSS)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 BENCHMARK_MAIN();

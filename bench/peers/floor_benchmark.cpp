@@ -7,6 +7,9 @@
 //   BM_Curl_SmallCalls, BM_Curl_LargeCalls
 //       libcurl's easy interface posting fixed request bytes on one reused connection and
 //       keeping the reply bytes: a call with no document written or read
+//   BM_CurlMulti_InFlight/32
+//       libcurl's multi interface with 32 easy handles posting the same small request at once,
+//       each on its own reused connection, the whole batch per iteration
 #include "BenchSupport.h"
 #include "ExpatFloor.h"
 
@@ -14,6 +17,7 @@
 #include <curl/curl.h>
 
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -93,6 +97,56 @@ void BM_Curl_LargeCalls(benchmark::State &state) {
     runCurl(state, hvtest::xmlrpcCall(hvbench::kRecordCount, "records.put"), hvbench::xmlrpcReplyDocument());
 }
 BENCHMARK(BM_Curl_LargeCalls)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+void BM_CurlMulti_InFlight(benchmark::State &state) {
+    const size_t count = size_t(state.range(0));
+    const std::string request = hvbench::kSmallRequestBody, replyBody = hvbench::kSmallReplyBody;
+    hvbench::LoopbackReplier server(replyBody);
+    std::string url = server.url();
+    curl_slist *headers = curl_slist_append(nullptr, "Content-Type: text/xml");
+    headers = curl_slist_append(headers, "Expect:");
+    CURLM *multi = curl_multi_init();
+    std::vector<CURL *> handles(count);
+    std::vector<std::string> replies(count);
+    for (size_t i = 0; i < count; i++) {
+        handles[i] = curl_easy_init();
+        curl_easy_setopt(handles[i], CURLOPT_URL, url.c_str());
+        curl_easy_setopt(handles[i], CURLOPT_HTTPHEADER, headers);
+        curl_easy_setopt(handles[i], CURLOPT_POSTFIELDS, request.data());
+        curl_easy_setopt(handles[i], CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t(request.size()));
+        curl_easy_setopt(handles[i], CURLOPT_WRITEFUNCTION, _keep);
+        curl_easy_setopt(handles[i], CURLOPT_WRITEDATA, &replies[i]);
+    }
+    for (auto _ : state) {
+        for (size_t i = 0; i < count; i++) {
+            replies[i].clear();
+            curl_multi_add_handle(multi, handles[i]);
+        }
+        int running = 1;
+        while (running > 0) {
+            if (curl_multi_perform(multi, &running) != CURLM_OK) break;
+            if (running > 0) curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
+        }
+        bool ok = running == 0;
+        int left = 0;
+        while (CURLMsg *message = curl_multi_info_read(multi, &left))
+            ok = ok && message->msg == CURLMSG_DONE && message->data.result == CURLE_OK;
+        for (size_t i = 0; i < count; i++) {
+            curl_multi_remove_handle(multi, handles[i]);
+            ok = ok && replies[i] == replyBody;
+        }
+        if (!ok) {
+            state.SkipWithError("plain libcurl multi post failed");
+            break;
+        }
+    }
+    state.SetItemsProcessed(state.iterations() * int64_t(count));
+    for (CURL *handle : handles)
+        curl_easy_cleanup(handle);
+    curl_multi_cleanup(multi);
+    curl_slist_free_all(headers);
+}
+BENCHMARK(BM_CurlMulti_InFlight)->Arg(32)->UseRealTime();
 
 } // namespace
 

@@ -4,15 +4,20 @@
 //   BM_XmlrpcC_ReplyPeakRSS      peak memory of one parse, as a multiple of the reply's size
 //   BM_XmlrpcC_SmallCalls        echo("hello") calls over loopback with keep-alive (curl transport)
 //   BM_XmlrpcC_LargeCalls        calls sending the 5,000 records and reading the 3 MB reply
+//   BM_XmlrpcC_AsyncInFlight/32  32 echo("hello") calls in flight at once through the C client's
+//                                asynchronous interface (xmlrpc_client_start_rpc, then
+//                                xmlrpc_client_event_loop_finish), the whole batch per iteration
 // The floors (raw expat, plain libcurl) are in floor_benchmark; the report sets them side by side.
 #include "BenchSupport.h"
 
 #include <xmlrpc-c/base.hpp>
+#include <xmlrpc-c/client.h>
 #include <xmlrpc-c/client.hpp>
 #include <xmlrpc-c/xml.hpp>
 
 #include <benchmark/benchmark.h>
 
+#include <cstdlib>
 #include <map>
 #include <string>
 #include <vector>
@@ -128,6 +133,65 @@ void BM_XmlrpcC_LargeCalls(benchmark::State &state) {
     runCalls(state, hvbench::xmlrpcReplyDocument(), "records.put", recordParameters(), isRecordArray);
 }
 BENCHMARK(BM_XmlrpcC_LargeCalls)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+struct AsyncBatch {
+    int outstanding = 0;
+    int failures = 0;
+};
+
+void _asyncDelivered(const char *, const char *, xmlrpc_value *, void *info, xmlrpc_env *fault,
+                     xmlrpc_value *result) {
+    auto *batch = static_cast<AsyncBatch *>(info);
+    batch->outstanding--;
+    bool ok = !fault->fault_occurred && result;
+    if (ok) {
+        xmlrpc_env env;
+        xmlrpc_env_init(&env);
+        const char *text = nullptr;
+        xmlrpc_read_string(&env, result, &text);
+        ok = !env.fault_occurred && text && std::string(text) == "hello";
+        std::free(const_cast<char *>(text));
+        xmlrpc_env_clean(&env);
+    }
+    if (!ok) batch->failures++;
+}
+
+void BM_XmlrpcC_AsyncInFlight(benchmark::State &state) {
+    const int count = int(state.range(0));
+    hvbench::LoopbackReplier server(hvbench::kSmallReplyBody);
+    xmlrpc_env env;
+    xmlrpc_env_init(&env);
+    xmlrpc_client_setup_global_const(&env);
+    xmlrpc_clientparms parameters{};
+    parameters.transport = "curl";
+    xmlrpc_client *client = nullptr;
+    xmlrpc_client_create(&env, XMLRPC_CLIENT_NO_FLAGS, "hvbench", "1.0", &parameters,
+                         XMLRPC_CPSIZE(transport), &client);
+    xmlrpc_server_info *endpoint =
+        env.fault_occurred ? nullptr : xmlrpc_server_info_new(&env, server.url().c_str());
+    xmlrpc_value *params = env.fault_occurred ? nullptr : xmlrpc_build_value(&env, "(s)", "hello");
+    if (env.fault_occurred) state.SkipWithError(env.fault_string);
+    for (auto _ : state) {
+        if (env.fault_occurred) break;
+        AsyncBatch batch;
+        for (int i = 0; i < count && !env.fault_occurred; i++) {
+            xmlrpc_client_start_rpc(&env, client, endpoint, "echo", params, _asyncDelivered, &batch);
+            if (!env.fault_occurred) batch.outstanding++;
+        }
+        xmlrpc_client_event_loop_finish(client);
+        if (env.fault_occurred || batch.failures || batch.outstanding) {
+            state.SkipWithError("xmlrpc-c asynchronous calls failed");
+            break;
+        }
+    }
+    state.SetItemsProcessed(state.iterations() * count);
+    if (params) xmlrpc_DECREF(params);
+    if (endpoint) xmlrpc_server_info_free(endpoint);
+    if (client) xmlrpc_client_destroy(client);
+    xmlrpc_client_teardown_global_const();
+    xmlrpc_env_clean(&env);
+}
+BENCHMARK(BM_XmlrpcC_AsyncInFlight)->Arg(32)->UseRealTime();
 
 } // namespace
 
