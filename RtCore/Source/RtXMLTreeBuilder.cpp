@@ -183,15 +183,17 @@ class AttributeSets {
         }
         return nullptr;
     }
-    void insert(RtXMLElementInfo *pair, uint32_t hash) {
-        if ((fCount + 1) * 2 > fMask + 1 && !grow()) return; // at the cap, sets are just not shared
+    // False when the set is not kept for sharing (at the cap, or after too many probes).
+    bool insert(RtXMLElementInfo *pair, uint32_t hash) {
+        if ((fCount + 1) * 2 > fMask + 1 && !grow()) return false; // at the cap, sets are just not shared
         for (size_t i = hash & fMask, probe = 0; probe < kMaxProbe; probe++, i = (i + 1) & fMask) {
             if (!fSlots[i].fInfo) {
                 fSlots[i] = Slot{pair, hash};
                 fCount++;
-                return;
+                return true;
             }
         }
+        return false;
     }
     static uint32_t hashOf(const void *const *keys, const void *const *values, size_t count) {
         uint64_t h = count * 0x9E3779B97F4A7C15ull;
@@ -605,19 +607,22 @@ bool TreeBuilder::setAttributes(TreeNode *element, const char **atts) {
     RtDictionaryRef dict =
         RtDictionaryCreate(kRtAllocatorDefault, fKeys.data(), fValues.data(), RtIndex(n),
                            &kRtTypeDictionaryKeyCallBacks, &kRtTypeDictionaryValueCallBacks);
-    // A record others may share belongs to the document; any other to its element.
-    std::vector<RtTypeRef> &owner = allInterned ? fDocument.fShared : fDocument.fOwned;
-    if (dict) owner.push_back(dict);
     RtArrayRef order = RtArrayCreate(kRtAllocatorDefault, fKeys.data(), RtIndex(n), &kRtTypeArrayCallBacks);
-    if (order) owner.push_back(order);
     auto *pair = static_cast<RtXMLElementInfo *>(fDocument.fArena.allocate(2 * sizeof(RtXMLElementInfo)));
     if (!dict || !order || !pair) {
+        if (dict) RtRelease(dict);
+        if (order) RtRelease(order);
         outOfMemory();
         return false;
     }
     pair[0] = RtXMLElementInfo{dict, order, false, {}};
     pair[1] = RtXMLElementInfo{dict, order, true, {}};
-    if (allInterned) fAttributeSets.insert(pair, hash);
+    // A record others may share belongs to the document; any other (one the full table did not
+    // take too) to its element, so that a reader streaming the document frees it with the element.
+    bool shared = allInterned && fAttributeSets.insert(pair, hash);
+    std::vector<RtTypeRef> &owner = shared ? fDocument.fShared : fDocument.fOwned;
+    owner.push_back(dict);
+    owner.push_back(order);
     element->fInfo = pair;
     return true;
 }
