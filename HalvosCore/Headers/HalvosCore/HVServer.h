@@ -1,4 +1,6 @@
-/* HVServer.h: an embeddable HTTP(S) server that answers XML-RPC and SOAP calls with registered
+/** @file
+ * @ingroup HalvosCore
+ * @brief An embeddable HTTP(S) server that answers XML-RPC and SOAP calls with registered
  * methods. Included by <HalvosCore/HalvosCore.h>; include that header, not this one.
  *
  * A program creates a server, registers methods (a C procedure each, with an optional help text
@@ -41,6 +43,9 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+
+/** @addtogroup HalvosCore
+ * @{ */
 
 /** An embeddable server: a method registry served over HTTP or HTTPS. A runtime object. */
 typedef struct OpaqueHVServerRef *HVServerRef;
@@ -158,6 +163,8 @@ HV_EXPORT uint16_t HVServerGetPort(HVServerRef server);
  * procedure it only stops accepting connections and returns at once; the stop completes at the
  * next HVServerStop from another thread or when the server is released. */
 HV_EXPORT void HVServerStop(HVServerRef server);
+
+/** @} */
 
 #ifdef __cplusplus
 }
