@@ -1,5 +1,6 @@
 # Builds the API reference the way ./hv docs does, with three checks:
-#  1. doxygen reports no warning (an undocumented public declaration is one);
+#  1. every public header is documented as a file (doxygen checks the declarations of documented
+#     files only) and doxygen reports no warning (an undocumented public declaration is one);
 #  2. every C symbol the shared libraries export appears in the reference, so a declaration doxygen
 #     failed to parse (a new attribute macro, say) cannot vanish from it silently;
 #  3. the configuration still turns an undocumented declaration into a failure, so that checks 1
@@ -22,6 +23,21 @@ function(run_doxygen prefix out)
   set(${prefix}_rc ${rc} PARENT_SCOPE)
   set(${prefix}_warnings "${warnings}" PARENT_SCOPE)
 endfunction()
+
+file(GLOB headers ${SOURCE_DIR}/RtCore/Headers/RtCore/*.h ${SOURCE_DIR}/RtNetwork/Headers/RtNetwork/*.h
+                  ${SOURCE_DIR}/HalvosCore/Headers/HalvosCore/*.h ${SOURCE_DIR}/HalvosCore/Headers/HalvosCore/*.hpp)
+set(undocumented_files "")
+foreach(header IN LISTS headers)
+  file(READ ${header} text)
+  if(NOT text MATCHES "(/\\*\\*|///)[ \n*/]*[@\\]file")
+    list(APPEND undocumented_files ${header})
+  endif()
+endforeach()
+if(undocumented_files)
+  string(REPLACE ";" "\n  " undocumented_files "${undocumented_files}")
+  message(FATAL_ERROR "public headers without a /** @file */ comment (doxygen skips their "
+                      "declarations):\n  ${undocumented_files}")
+endif()
 
 run_doxygen(ref ${WORK_DIR} "GENERATE_XML = YES")
 if(NOT ref_rc EQUAL 0 OR NOT ref_warnings STREQUAL "")
