@@ -68,8 +68,14 @@ Record headerRecord(RtTypeRef headers) {
 CallRecord::CallRecord(Ref<RtDictionaryRef> result, std::string method, std::string url)
     : fResult(std::move(result)), fMethod(std::move(method)), fURL(std::move(url)) {}
 
+CallRecord CallRecord::failed(std::shared_ptr<const Error> error, std::string method, std::string url) {
+    CallRecord record(nullptr, std::move(method), std::move(url));
+    record.fError = std::move(error);
+    return record;
+}
+
 bool CallRecord::isFault() const noexcept {
-    return HVMethodResultIsFault(fResult.get());
+    return fError || HVMethodResultIsFault(fResult.get());
 }
 
 Value CallRecord::result() const {
@@ -98,6 +104,7 @@ int CallRecord::httpStatus() const {
 }
 
 std::shared_ptr<const Error> CallRecord::error() const {
+    if (fError) return fError;
     if (!fResult)
         return std::make_shared<TransportError>(TransportErrc::Other, "no call was made", 0, 0, 0, fMethod);
     if (!isFault()) return nullptr;

@@ -26,8 +26,11 @@ class HV_API CallRecord {
     CallRecord() = default;
     /** The record of a result dictionary, for method called at url (both used in messages). */
     CallRecord(Ref<RtDictionaryRef> result, std::string method, std::string url);
+    /** The record of a call that ended without a result dictionary (cancelled, say): error()
+     * returns error. */
+    static CallRecord failed(std::shared_ptr<const Error> error, std::string method, std::string url);
 
-    /** True when no call is recorded. */
+    /** True when no result dictionary is recorded. */
     bool empty() const noexcept { return !fResult; }
     /** True when the call ended in a fault (the server's or the transport's). */
     bool isFault() const noexcept;
@@ -59,6 +62,7 @@ class HV_API CallRecord {
     Ref<RtDictionaryRef> fResult;
     std::string fMethod;
     std::string fURL;
+    std::shared_ptr<const Error> fError;
 };
 
 /** A fault the remote method answered with. what() is the fault string. */
