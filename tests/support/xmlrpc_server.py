@@ -7,6 +7,9 @@ standard output once it accepts connections; prints nothing else there. Runs unt
 Options:
   --no-nil   refuse None (allow_none off): types() then leaves out its "nil" member
   --http11   answer with HTTP/1.1 and keep connections alive (Python's default is HTTP/1.0)
+  --wire-types  keep dates and base64 as xmlrpc.client.DateTime and Binary (use_builtin_types
+             off), so that echo returns them as they came: Python's datetime parser refuses the
+             "Z" zone designator our dates carry
 
 Methods: echo(x), add(a, b), fault(code, string), types(), sleep(seconds), and the standard
 system.listMethods, system.methodHelp, system.methodSignature and system.multicall.
@@ -47,6 +50,7 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--no-nil", action="store_true")
     parser.add_argument("--http11", action="store_true")
+    parser.add_argument("--wire-types", action="store_true")
     options = parser.parse_args()
     allow_none = not options.no_nil
 
@@ -55,7 +59,8 @@ def main():
         rpc_paths = ()  # any path
 
     server = ThreadedServer(("127.0.0.1", 0), requestHandler=Handler, logRequests=False,
-                            allow_none=allow_none, use_builtin_types=True)
+                            allow_none=allow_none,
+                            use_builtin_types=not options.wire_types)
     server.register_introspection_functions()
     server.register_multicall_functions()
 
