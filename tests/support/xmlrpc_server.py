@@ -7,6 +7,7 @@ standard output once it accepts connections; prints nothing else there. Runs unt
 Options:
   --no-nil   refuse None (allow_none off): types() then leaves out its "nil" member
   --http11   answer with HTTP/1.1 and keep connections alive (Python's default is HTTP/1.0)
+  --requests N  serve N requests, then exit (for a client that reads the port from a pipe)
   --wire-types  keep dates and base64 as xmlrpc.client.DateTime and Binary (use_builtin_types
              off), so that echo returns them as they came: Python's datetime parser refuses the
              "Z" zone designator our dates carry
@@ -51,6 +52,7 @@ def main():
     parser.add_argument("--no-nil", action="store_true")
     parser.add_argument("--http11", action="store_true")
     parser.add_argument("--wire-types", action="store_true")
+    parser.add_argument("--requests", type=int, default=0)
     options = parser.parse_args()
     allow_none = not options.no_nil
 
@@ -105,6 +107,12 @@ def main():
         server.register_function(function)
 
     print("PORT %d" % server.server_address[1], flush=True)
+    if options.requests:
+        server.daemon_threads = False  # server_close then waits for the last replies
+        for _ in range(options.requests):
+            server.handle_request()
+        server.server_close()
+        return 0
     try:
         server.serve_forever()
     except KeyboardInterrupt:

@@ -89,11 +89,19 @@ TEST(JSONValues, RefusesWhatItCannotCarry) {
 TEST(Readme, ShowsSyncCallVerbatim) {
     std::string source(HV_SOURCE_DIR);
     std::string readme = readFile(source + "/README.md");
-    size_t start = readme.find("```c\n");
-    ASSERT_NE(start, std::string::npos);
-    start += 5;
-    std::string block = readme.substr(start, readme.find("```", start) - start);
-    EXPECT_EQ(block, readFile(source + "/examples/sync_call.c"));
+    // The C++ form comes first, the C form after it; each is the example file as it stands.
+    const std::pair<std::string, std::string> blocks[] = {{"```cpp\n", "/examples/sync_call.cpp"},
+                                                          {"```c\n", "/examples/sync_call.c"}};
+    size_t previous = 0;
+    for (const auto &[fence, file] : blocks) {
+        size_t start = readme.find(fence);
+        ASSERT_NE(start, std::string::npos) << fence;
+        EXPECT_GE(start, previous) << file << " comes out of order";
+        previous = start;
+        start += fence.size();
+        std::string block = readme.substr(start, readme.find("```", start) - start);
+        EXPECT_EQ(block, readFile(source + file));
+    }
 }
 
 } // namespace

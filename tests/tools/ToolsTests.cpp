@@ -350,6 +350,31 @@ TEST(Examples, RunAgainstHvserve) {
         << overridden.out;
     EXPECT_TRUE(contains(overridden.out, "examples.echo returned: http://example.com/a?b=1&c=2"));
 
+    // The C++ twins print what the C programs print.
+    Finished syncCpp = run({examplePath("sync_call_cpp"), server.url("/RPC2")});
+    EXPECT_EQ(syncCpp.status, 0) << syncCpp.err;
+    EXPECT_EQ(syncCpp.out, "2 + 3 = 5\n");
+    Finished asyncCpp = run({examplePath("async_calls_cpp"), server.url("/RPC2")});
+    EXPECT_EQ(asyncCpp.status, 0) << asyncCpp.err;
+    for (const char *line :
+         {"examples.add(2, 40)    42", "examples.echo(hello)   hello", "examples.sleep(0.5)    0.5"})
+        EXPECT_TRUE(contains(asyncCpp.out, line)) << asyncCpp.out;
+    Finished roundTrip = run({examplePath("struct_round_trip_cpp"), server.url("/RPC2")});
+    EXPECT_EQ(roundTrip.status, 0) << roundTrip.err;
+    EXPECT_TRUE(contains(roundTrip.out,
+                         "received: Sketch of the Analytical Engine, 66 pages, by Ada Lovelace (born "
+                         "the same day), cover 4 bytes, subtitle absent"))
+        << roundTrip.out;
+    Finished overrideCpp = run({examplePath("serialization_override_cpp"), server.url("/RPC2")});
+    EXPECT_EQ(overrideCpp.status, 0) << overrideCpp.err;
+    EXPECT_TRUE(contains(overrideCpp.out, "<string>http://example.com/a?b=1&amp;c=2</string>"))
+        << overrideCpp.out;
+    EXPECT_TRUE(contains(overrideCpp.out, "examples.echo returned: http://example.com/a?b=1&c=2"));
+    Finished refused = run({examplePath("sync_call_cpp"),
+                            "http://127.0.0.1:" + std::to_string(hvtest::freeLoopbackPort()) + "/RPC2"});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_TRUE(contains(refused.err, "examples.add: could not connect to")) << refused.err;
+
     Child tiny({examplePath("tiny_server"), "0", "2"});
     std::string port = tiny.firstLine();
     ASSERT_FALSE(port.empty());

@@ -1,0 +1,28 @@
+# The C++ interface's compile-time refusals: every tests/compile/*.cpp compiles as it stands and
+# fails with -DHV_BROKEN, printing the text its "// expect:" line names. A harness that cannot
+# compile anything fails on the good twins instead of passing.
+# Inputs (-D): SOURCE_DIR (this folder), CXX_COMPILER, INCLUDES (a ;-list of include folders).
+cmake_minimum_required(VERSION 3.22)
+set(flags -std=c++17 -fsyntax-only -Wall -Wextra -Wpedantic -Werror)
+foreach(dir ${INCLUDES})
+  list(APPEND flags -I${dir})
+endforeach()
+file(GLOB programs ${SOURCE_DIR}/*.cpp)
+set(failures 0)
+foreach(program ${programs})
+  file(STRINGS ${program} expect LIMIT_COUNT 1 REGEX "^// expect: ")
+  string(REGEX REPLACE "^// expect: " "" expect "${expect}")
+  execute_process(COMMAND ${CXX_COMPILER} ${flags} ${program} RESULT_VARIABLE rc ERROR_VARIABLE err)
+  if(NOT rc EQUAL 0)
+    message(SEND_ERROR "${program} does not compile as it stands:\n${err}")
+    math(EXPR failures "${failures} + 1")
+  endif()
+  execute_process(COMMAND ${CXX_COMPILER} ${flags} -DHV_BROKEN ${program} RESULT_VARIABLE rc ERROR_VARIABLE err)
+  string(FIND "${err}" "${expect}" at)
+  if(rc EQUAL 0 OR at EQUAL -1)
+    message(SEND_ERROR "${program} with HV_BROKEN: expected a failure saying '${expect}', got (${rc}):\n${err}")
+    math(EXPR failures "${failures} + 1")
+  endif()
+endforeach()
+list(LENGTH programs count)
+message("compile checks: ${count} programs, ${failures} failures")
