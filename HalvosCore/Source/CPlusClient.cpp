@@ -248,14 +248,18 @@ struct ClientThread {
         return tasks;
     }
 
-    static void perform(void *info) {
+    static void perform(void *info) noexcept {
         auto *self = static_cast<ClientThread *>(info);
         if (self->fStopping) {
             RtRunLoopStop(self->fLoop);
             return;
         }
-        for (Task &task : self->takeQueue())
-            start(std::move(task.fCall), self->fLoop, self->fCalls);
+        try {
+            for (Task &task : self->takeQueue())
+                start(std::move(task.fCall), self->fLoop, self->fCalls);
+        } catch (...) { // out of memory: nothing may leave a run-loop callback
+            keepCallbackError(std::current_exception());
+        }
     }
 
     void run() {

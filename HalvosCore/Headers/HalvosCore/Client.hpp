@@ -125,7 +125,9 @@ template <> class [[nodiscard]] Result<void> {
     CallRecord fRecord;
 };
 
-template <class R> Result<R> Result<R>::fromRecord(CallRecord record) {
+// The record is moved into the result at the end; the lint misses that in a template.
+template <class R>
+Result<R> Result<R>::fromRecord(CallRecord record) { // NOLINT(performance-unnecessary-value-param)
     Result result;
     result.fError = record.error();
     if (!result.fError) {
