@@ -1,9 +1,10 @@
 # The C++ interface's compile-time refusals: every tests/compile/*.cpp compiles as it stands and
 # fails with -DHV_BROKEN, printing the text its "// expect:" line names. A harness that cannot
 # compile anything fails on the good twins instead of passing.
-# Inputs (-D): SOURCE_DIR (this folder), CXX_COMPILER, INCLUDES (a ;-list of include folders).
+# Inputs (-D): SOURCE_DIR (this folder), CXX_COMPILER, INCLUDES (include folders, |-separated).
 cmake_minimum_required(VERSION 3.22)
 set(flags -std=c++17 -fsyntax-only -Wall -Wextra -Wpedantic -Werror)
+string(REPLACE "|" ";" INCLUDES "${INCLUDES}")
 foreach(dir ${INCLUDES})
   list(APPEND flags -I${dir})
 endforeach()

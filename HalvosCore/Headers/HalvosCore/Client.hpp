@@ -1,15 +1,21 @@
-// Client.hpp: hv::Client, one endpoint called synchronously, on the caller's run loop, or through
-// std::future; hv::Result, the non-throwing outcome of a call; hv::RunLoop, a small wrapper to run
-// the calling thread's run loop until calls have completed.
-//
-//   hv::Client client{"http://127.0.0.1:8080/RPC2"};
-//   int sum = client.call<int>("examples.add", 2, 3);
-//
-// Arguments are converted to hv::Value on the calling thread before anything is sent, so a
-// conversion error throws at once and nothing a std::string_view points to needs to outlive the
-// call. Positional arguments are XML-RPC params; hv::arg(name, value) names a SOAP parameter
-// (unnamed SOAP parameters are called arg0, arg1, ... by position, as hvcall does). A client
-// belongs to one thread at a time, like the invocations it makes.
+/// @file
+/// @ingroup HalvosCore
+/// @brief Calls: hv::Client, hv::Result and hv::RunLoop.
+///
+/// hv::Client calls one endpoint synchronously, on the caller's run loop, or through
+/// std::future; hv::Result is the non-throwing outcome of a call; hv::RunLoop runs the calling
+/// thread's run loop until calls have completed.
+///
+/// @code
+/// hv::Client client{"http://127.0.0.1:8080/RPC2"};
+/// int sum = client.call<int>("examples.add", 2, 3);
+/// @endcode
+///
+/// Arguments are converted to hv::Value on the calling thread before anything is sent, so a
+/// conversion error throws at once and nothing a std::string_view points to needs to outlive the
+/// call. Positional arguments are XML-RPC params; hv::arg(name, value) names a SOAP parameter
+/// (unnamed SOAP parameters are called arg0, arg1, ... by position, as hvcall does). A client
+/// belongs to one thread at a time, like the invocations it makes.
 #ifndef HALVOSCORE_CLIENT_HPP
 #define HALVOSCORE_CLIENT_HPP
 
