@@ -38,6 +38,8 @@ TEST(CPlusClientTest, EachTransportFailureHasItsKindAndAMessageToActOn) {
         {server.url("/missing"), hv::TransportErrc::HTTPStatus, "answered with HTTP status 404", 404},
         {server.url("/text"), hv::TransportErrc::BadReply, "is not a proper reply", 200},
         {server.url("/slow"), hv::TransportErrc::Timeout, "within the time-out (raise it with setTimeout", 0},
+        {"https://127.0.0.1:" + std::to_string(server.port()) + "/RPC2", hv::TransportErrc::TLS,
+         "TLS with https://", 0},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.url);
