@@ -208,6 +208,9 @@ RtDateRef isoDecodeDate(RtStringRef text);
 // data as base64 lines of 76 - 4 * indent characters (indent capped at 8), each preceded by
 // indent / 2 tabs; lines end with "\n", the last one does not. New string (caller releases).
 RtStringRef encodeBinaryData(RtDataRef data, int indent);
+// data as one line of base64, without breaks or tabs (readers that refuse white space inside
+// the text take it). New string (caller releases).
+RtStringRef encodeBinaryDataUnwrapped(RtDataRef data);
 // The bytes of base64 text: stops at the first "<", skips white space and unknown bytes, drops
 // an incomplete final group. New data, or NULL when text is not plain ASCII.
 RtDataRef decodeBinaryData(RtStringRef text);

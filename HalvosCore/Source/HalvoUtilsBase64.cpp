@@ -10,17 +10,18 @@ static const char kBase64Alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmno
 
 // Appends the base64 text of data to buffer: lines of 76 - 4 * indent characters (indent
 // capped at 8), each preceded by indent / 2 tabs; every full line ends with "\n", a last
-// partial line does not.
-static void _XMLPlistAppendDataUsingBase64(RtMutableDataRef buffer, RtDataRef data, int indent) {
+// partial line does not. Unwrapped, the text is one line without tabs.
+static void _XMLPlistAppendDataUsingBase64(RtMutableDataRef buffer, RtDataRef data, int indent,
+                                           bool wrapped = true) {
     // A negative indent would make lines longer than 76; treat it as none.
-    if (indent < 0) indent = 0;
+    if (indent < 0 || !wrapped) indent = 0;
     if (indent > 8) indent = 8;
-    const size_t lineLength = static_cast<size_t>(76 - 4 * indent);
-    const size_t tabs = static_cast<size_t>(indent / 2);
-
     const uint8_t *in = data ? RtDataGetBytePtr(data) : nullptr;
     size_t length = data ? static_cast<size_t>(RtDataGetLength(data)) : 0;
     if (!in || length == 0) return;
+    // Unwrapped: one line longer than the whole text, which therefore never fills.
+    const size_t lineLength = wrapped ? static_cast<size_t>(76 - 4 * indent) : (length / 3 + 2) * 4;
+    const size_t tabs = static_cast<size_t>(indent / 2);
 
     // The exact size is known in advance: write straight into the buffer's own bytes.
     size_t chars = (length + 2) / 3 * 4;
@@ -75,6 +76,15 @@ RtStringRef encodeBinaryData(RtDataRef data, int indent) {
     RtMutableDataRef buffer = RtDataCreateMutable(kRtAllocatorDefault, 0);
     _XMLPlistAppendDataUsingBase64(buffer, data, indent);
     // The text is ASCII by construction: read as Latin-1 it is the same string, without a check.
+    RtStringRef text = RtStringCreateWithBytes(kRtAllocatorDefault, RtDataGetBytePtr(buffer),
+                                               RtDataGetLength(buffer), kRtStringEncodingISOLatin1, false);
+    RtRelease(buffer);
+    return text;
+}
+
+RtStringRef encodeBinaryDataUnwrapped(RtDataRef data) {
+    RtMutableDataRef buffer = RtDataCreateMutable(kRtAllocatorDefault, 0);
+    _XMLPlistAppendDataUsingBase64(buffer, data, 0, false);
     RtStringRef text = RtStringCreateWithBytes(kRtAllocatorDefault, RtDataGetBytePtr(buffer),
                                                RtDataGetLength(buffer), kRtStringEncodingISOLatin1, false);
     RtRelease(buffer);

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <algorithm>
 #include <vector>
 
 using namespace hvutils_test;
@@ -51,9 +52,16 @@ TEST_F(Base64Test, WriterLinesFollowTheIndent) {
     EXPECT_EQ(encode(pattern(100), 20), encode(pattern(100), 8));
     EXPECT_EQ(encode(pattern(100), -4), encode(pattern(100), 0));
 
-    for (size_t n : {0u, 1u, 2u, 3u, 32u, 33u, 34u, 56u, 57u, 58u, 1000u, 4099u})
+    for (size_t n : {0u, 1u, 2u, 3u, 32u, 33u, 34u, 56u, 57u, 58u, 1000u, 4099u}) {
         for (int indent : {0, 1, 5, 8})
             EXPECT_EQ(decode(encode(pattern(n), indent)), pattern(n)) << n << " bytes at indent " << indent;
+        // Unwrapped: the same characters on one line, no tab or line feed among them.
+        Owned<RtDataRef> data(newData(pattern(n)));
+        Owned<RtStringRef> unwrapped(encodeBinaryDataUnwrapped(data));
+        std::string wrapped = encode(pattern(n), 0);
+        wrapped.erase(std::remove(wrapped.begin(), wrapped.end(), '\n'), wrapped.end());
+        EXPECT_EQ(text(unwrapped.get()), wrapped) << n << " bytes";
+    }
 }
 
 TEST_F(Base64Test, ReaderSkipsJunkAndStopsAtMarkup) {
