@@ -314,6 +314,17 @@ struct ClientState {
         fProperties = adopt(RtDictionaryCreateMutable(kRtAllocatorDefault, 0, &kRtTypeDictionaryKeyCallBacks,
                                                       &kRtTypeDictionaryValueCallBacks));
         setProperty(kHVExactValues, true);
+        // SOAP servers dispatch on SOAPAction or expect it present: "" until set otherwise.
+        if (protocol != Protocol::XMLRPC) setHeaders({{"SOAPAction", "\"\""}});
+    }
+
+    // Replaces the extra header fields sent with every request.
+    void setHeaders(std::vector<std::pair<std::string, std::string>> headers) {
+        fHeaders = std::move(headers);
+        Record record;
+        for (const auto &header : fHeaders)
+            record.set(header.first, header.second);
+        setProperty(kHVHTTPExtraHeaders, fHeaders.empty() ? Value() : Value(record));
     }
 
     ~ClientState() {
@@ -444,18 +455,19 @@ Client &Client::setHeader(const std::string &name, const std::string &value) {
     if (value.find_first_of(std::string("\r\n\0", 3)) != std::string::npos)
         throw std::invalid_argument("hv::Client::setHeader: the value of " + name + " holds a line break");
     detail::ClientState &s = state();
-    auto &headers = s.fHeaders;
+    auto headers = s.fHeaders;
     for (auto it = headers.begin(); it != headers.end(); ++it)
         if (it->first == name) {
             headers.erase(it);
             break;
         }
     if (!value.empty()) headers.emplace_back(name, value);
-    Record record;
-    for (const auto &header : headers)
-        record.set(header.first, header.second);
-    s.setProperty(kHVHTTPExtraHeaders, headers.empty() ? Value() : Value(record));
+    s.setHeaders(std::move(headers));
     return *this;
+}
+
+Client &Client::setSOAPAction(const std::string &action) {
+    return setHeader("SOAPAction", "\"" + action + "\"");
 }
 
 Client &Client::setHTTPVersion(HTTPVersion version) {

@@ -75,7 +75,9 @@ TEST(CPlusClientTest, SettersReachTheWireAndTheRecordShowsIt) {
                                             "</m:addResponse></SOAP-ENV:Body></SOAP-ENV:Envelope>"));
     hv::Client client{server.url("/soap"), hv::Protocol::SOAP2001};
     client.setNamespace("urn:calc").setSOAPStyle(hv::SOAPStyle::RPC).setResultName("sum");
-    client.setHeader("SOAPAction", "\"urn:calc#add\"").setHTTPVersion(hv::HTTPVersion::HTTP1_0);
+    EXPECT_EQ(client.call<std::string>("add", 2, 3), "5");
+    EXPECT_EQ(server.lastRequest().header("SOAPAction"), "\"\""); // every SOAP call has one
+    client.setSOAPAction("urn:calc#add").setHTTPVersion(hv::HTTPVersion::HTTP1_0);
     EXPECT_EQ(client.call<std::string>("add", hv::arg("first", 2), 3), "5");
 
     hvtest::RecordedRequest sent = server.lastRequest();
@@ -89,6 +91,9 @@ TEST(CPlusClientTest, SettersReachTheWireAndTheRecordShowsIt) {
     EXPECT_TRUE(contains(record.responseBody(), "addResponse"));
     EXPECT_EQ(record.requestHeaders().get("SOAPAction"), hv::Value("\"urn:calc#add\""));
     EXPECT_FALSE(record.responseHeaders().empty());
+    hv::Client xmlrpc{server.url("/RPC2")};
+    EXPECT_ANY_THROW(xmlrpc.call<int>("add"));                  // the SOAP reply is no XML-RPC answer
+    EXPECT_FALSE(server.lastRequest().hasHeader("SOAPAction")); // XML-RPC calls have none
 
     EXPECT_THROW(client.setHeader("Bad Name", "x"), std::invalid_argument);
     EXPECT_THROW(client.setHeader("X-Injected", "a\r\nHost: elsewhere"), std::invalid_argument);

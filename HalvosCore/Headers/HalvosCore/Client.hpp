@@ -233,6 +233,9 @@ class HV_API Client {
     Client &setFollowRedirects(bool follow);
     /** SOAP: the namespace URI of the method element. */
     Client &setNamespace(const std::string &uri);
+    /** SOAP: the SOAPAction header's value, sent quoted. A SOAP client sends "" until this or
+     * setHeader("SOAPAction", ...) says otherwise (an empty setHeader value removes it). */
+    Client &setSOAPAction(const std::string &action);
     /** SOAP-2001: the body style (default Document). */
     Client &setSOAPStyle(SOAPStyle style);
     /** SOAP: the reply element taken as the result; empty: a dictionary of all of them. */
