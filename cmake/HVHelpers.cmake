@@ -52,6 +52,8 @@ function(hv_add_product name)
   # adds ours with add_subdirectory or FetchContent links the same HalvosCore::X targets.
   add_library(HalvosCore::${name} ALIAS ${name})
   set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+  # An installed library finds the project's other libraries beside it.
+  set_target_properties(${name} PROPERTIES INSTALL_RPATH "$ORIGIN")
   target_include_directories(${name} PUBLIC
     $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/Headers/>
     $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/generated>
