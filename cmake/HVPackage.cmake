@@ -44,7 +44,7 @@ set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 # The .pc files' Requires.private and the static libraries need these packages' headers and
 # libraries.
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
-    "${hv_runtime_package} (= ${hv_deb_version}), libexpat1-dev, libicu-dev, libcurl4-openssl-dev | libcurl-dev")
+    "${hv_runtime_package} (= ${hv_deb_version}), libexpat1-dev, libicu-dev, libcurl4-openssl-dev | libcurl-dev, libmicrohttpd-dev")
 set(CPACK_DEBIAN_DEV_PACKAGE_SUGGESTS "pkg-config, cmake")
 set(CPACK_DEBIAN_DEV_DESCRIPTION "XML-RPC and SOAP 1.1 over HTTP: development files
 Headers, the static libraries, pkg-config files (HalvosCore, RtNetwork, RtCore) and the CMake

@@ -60,7 +60,7 @@ function(build_consumers prefix libdir tag)
   # "pkg-config --static" would also ask for libcurl's own static dependencies, which few
   # systems install. "-l:libX.a" makes the linker take the archive although the shared library
   # lies beside it.
-  pkg_flags(pc --cflags --libs HalvosCore expat icu-uc icu-i18n libcurl)
+  pkg_flags(pc --cflags --libs HalvosCore expat icu-uc icu-i18n libcurl libmicrohttpd)
   list(TRANSFORM pc REPLACE "^-l(HalvosCore|RtNetwork|RtCore)$" "-l:lib\\1.a")
   unset(ENV{LD_LIBRARY_PATH})
   compile_and_run(${tag}-example-static ${EXAMPLE} ${pc} -lstdc++ -lpthread -lm)

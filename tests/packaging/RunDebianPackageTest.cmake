@@ -26,7 +26,7 @@ set(runtime_holds
     "${lib}/libRtCore\\.so\\.${major}" "${lib}/libRtCore\\.so\\.${v}"
     "${lib}/libRtNetwork\\.so\\.${major}" "${lib}/libRtNetwork\\.so\\.${v}"
     "${lib}/libHalvosCore\\.so\\.${major}" "${lib}/libHalvosCore\\.so\\.${v}")
-set(runtime_depends "libc6" "libstdc\\+\\+6" "libexpat1" "libicu[0-9]+" "libcurl[34]")
+set(runtime_depends "libc6" "libstdc\\+\\+6" "libexpat1" "libicu[0-9]+" "libcurl[34]" "libmicrohttpd[0-9]+")
 set(dev_holds
     "usr/include/RtCore/RtCore\\.h" "usr/include/RtNetwork/RtNetwork\\.h"
     "usr/include/HalvosCore/HalvosCore\\.h" "usr/include/HalvosCore/HVVersion\\.h"
@@ -34,11 +34,11 @@ set(dev_holds
     "${lib}/libRtCore\\.a" "${lib}/libRtNetwork\\.a" "${lib}/libHalvosCore\\.a"
     "${lib}/pkgconfig/RtCore\\.pc" "${lib}/pkgconfig/RtNetwork\\.pc" "${lib}/pkgconfig/HalvosCore\\.pc"
     "${lib}/cmake/HalvosCore/HalvosCoreConfig\\.cmake" "${lib}/cmake/HalvosCore/HalvosCoreTargets\\.cmake")
-set(dev_depends "${runtime} \\(= ${v}-1\\)" "libexpat1-dev" "libicu-dev" "libcurl4-openssl-dev")
+set(dev_depends "${runtime} \\(= ${v}-1\\)" "libexpat1-dev" "libicu-dev" "libcurl4-openssl-dev" "libmicrohttpd-dev")
 set(tools_holds
     "usr/bin/hvcall" "usr/bin/hvserve"
     "usr/share/man/man1/hvcall\\.1\\.gz" "usr/share/man/man1/hvserve\\.1\\.gz")
-set(tools_depends "${runtime} \\(= ${v}-1\\)" "libmicrohttpd[0-9]+")
+set(tools_depends "${runtime} \\(= ${v}-1\\)")
 
 set(runtime_name ${runtime})
 set(dev_name libhalvoscore-dev)
