@@ -104,6 +104,8 @@ class Server {
         std::string fIndexText;
         std::string fCertificate, fKey;
         std::string fRealm = "HalvosCore";
+        bool fExact = false;      // kHVExactValues, handed to every protocol handler
+        bool fExtensions = false; // kHVValueExtensions, likewise
     };
     const Options &options() const { return fOptions; }
     bool authenticate(const char *user, const char *password, const std::string &path);

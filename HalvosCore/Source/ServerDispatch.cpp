@@ -267,7 +267,14 @@ RtTypeRef createFromText(RtStringRef string, Kind kind) {
 // True when value is something the protocol writes faithfully: the runtime kinds the writers
 // know, dictionaries keyed by strings, integers within 32 bits, no null in XML-RPC, and not
 // nested past kMaxReplyDepth (which also stops a collection that holds itself).
-bool writable(RtTypeRef value, RtStringRef protocol, int depth) {
+// What the writers carry beyond the documented output: 64-bit integers with exact values (in
+// XML-RPC only with the extensions), and XML-RPC's nil with the extensions.
+struct Carries {
+    bool fWideIntegers = false;
+    bool fXMLRPCNull = false;
+};
+
+bool writable(RtTypeRef value, RtStringRef protocol, int depth, Carries carries = {}) {
     if (!value || depth > kMaxReplyDepth) return false;
     RtTypeID type = RtGetTypeID(value);
     if (type == RtStringGetTypeID() || type == RtBooleanGetTypeID() || type == RtDateGetTypeID() ||
@@ -275,13 +282,14 @@ bool writable(RtTypeRef value, RtStringRef protocol, int depth) {
         return true;
     if (type == RtNumberGetTypeID()) {
         int64_t integer = 0;
-        return !isInteger(value, integer) || (integer >= INT32_MIN && integer <= INT32_MAX);
+        return !isInteger(value, integer) || carries.fWideIntegers ||
+               (integer >= INT32_MIN && integer <= INT32_MAX);
     }
-    if (type == RtNullGetTypeID()) return protocol != kHVXMLRPCProtocol;
+    if (type == RtNullGetTypeID()) return protocol != kHVXMLRPCProtocol || carries.fXMLRPCNull;
     if (type == RtArrayGetTypeID()) {
         auto array = static_cast<RtArrayRef>(value);
         for (RtIndex i = 0, n = RtArrayGetCount(array); i < n; i++)
-            if (!writable(RtArrayGetValueAtIndex(array, i), protocol, depth + 1)) return false;
+            if (!writable(RtArrayGetValueAtIndex(array, i), protocol, depth + 1, carries)) return false;
         return true;
     }
     if (type == RtDictionaryGetTypeID()) {
@@ -291,7 +299,7 @@ bool writable(RtTypeRef value, RtStringRef protocol, int depth) {
         RtDictionaryGetKeysAndValues(dictionary, keys.data(), values.data());
         for (RtIndex i = 0; i < n; i++)
             if (RtGetTypeID(keys[size_t(i)]) != RtStringGetTypeID() ||
-                !writable(values[size_t(i)], protocol, depth + 1))
+                !writable(values[size_t(i)], protocol, depth + 1, carries))
                 return false;
         return true;
     }
@@ -477,11 +485,14 @@ bool Server::setProperty(RtStringRef key, RtTypeRef value) {
     if (key == kHVServerRequestTimeout) return count(o.fRequestTimeout, 1, 86400, defaults.fRequestTimeout);
     if (key == kHVServerTLSCertificate) return pem(o.fCertificate);
     if (key == kHVServerTLSKey) return pem(o.fKey);
-    if (key == kHVServerLogRequests) {
+    auto flag = [&](bool &field) {
         if (value && RtGetTypeID(value) != RtBooleanGetTypeID()) return false;
-        o.fLog = value == kRtBooleanTrue;
+        field = value == kRtBooleanTrue;
         return true;
-    }
+    };
+    if (key == kHVServerLogRequests) return flag(o.fLog);
+    if (key == kHVExactValues) return flag(o.fExact);
+    if (key == kHVValueExtensions) return flag(o.fExtensions);
     if (key == kHVServerIndexText) {
         if (value && !textOf(value, text)) return false;
         o.fHasIndex = value != nullptr;
@@ -506,6 +517,8 @@ ServedReply Server::serve(Dialect dialect, const std::string &body) {
     bool xmlrpc = dialect == Dialect::eXMLRPC || (dialect == Dialect::eEither && !rootIsEnvelope(body));
     RtStringRef protocol = xmlrpc ? kHVXMLRPCProtocol : soapFlavour(body, data);
     HVProtocolHandlerRef handler = HVProtocolHandlerCreate(nullptr, protocol);
+    if (fOptions.fExact) HVProtocolHandlerSetProperty(handler, kHVExactValues, kRtBooleanTrue);
+    if (fOptions.fExtensions) HVProtocolHandlerSetProperty(handler, kHVValueExtensions, kRtBooleanTrue);
     RtDictionaryRef request = HVProtocolHandlerCopyRequestDictionary(handler, data);
 
     RtDataRef document = nullptr;
@@ -644,7 +657,11 @@ Outcome Server::callRegistered(const std::string &key, const Method &method, RtS
         RtRelease(fault);
         return outcome;
     }
-    if (!writable(value, protocol, 0)) {
+    Carries carries;
+    bool xmlrpc = protocol == kHVXMLRPCProtocol;
+    carries.fWideIntegers = fOptions.fExact && (!xmlrpc || fOptions.fExtensions);
+    carries.fXMLRPCNull = fOptions.fExact && fOptions.fExtensions;
+    if (!writable(value, protocol, 0, carries)) {
         RtRelease(value);
         return faultOutcome(eFaultInternal, "internal error");
     }

@@ -222,6 +222,10 @@ int main(int argc, char **argv) {
     setNumber(server, kHVServerMaxBodyBytes, (long long)options.fMaxBody);
     if (options.fThreads) setNumber(server, kHVServerThreads, options.fThreads);
     if (options.fVerbose) HVServerSetProperty(server, kHVServerLogRequests, kRtBooleanTrue);
+    // Exact values with the XML-RPC extensions: requests using i8 or nil are read, and replies
+    // carry what the methods return.
+    HVServerSetProperty(server, kHVExactValues, kRtBooleanTrue);
+    HVServerSetProperty(server, kHVValueExtensions, kRtBooleanTrue);
     if (!options.fCertificateFile.empty()) {
         std::string certificate, key;
         if (!readFile(options.fCertificateFile, certificate) || !readFile(options.fKeyFile, key)) {

@@ -107,6 +107,10 @@ HV_EXPORT extern const RtStringRef kHVServerTLSKey;
 /** "/HVServerAuthRealm": string, the realm of the Basic challenge (default "HalvosCore"). */
 HV_EXPORT extern const RtStringRef kHVServerAuthRealm;
 
+/* kHVExactValues and kHVValueExtensions (booleans, false by default) are server properties too:
+ * every protocol handler of the server reads and writes with them, and a method may then return
+ * what they let the writers carry (integers beyond 32 bits; nil in XML-RPC with the extensions). */
+
 /* ---- Functions ----------------------------------------------------------------------------- */
 
 /** HVServerGetTypeID: the runtime type of HVServerRef objects. */
@@ -137,8 +141,9 @@ HV_EXPORT bool HVServerSetAuthentication(HVServerRef server, HVServerAuthenticat
                                          HVClientContext *context);
 
 /** HVServerSetProperty: sets one of the kHVServer... properties (value retained; NULL restores
- * the default). Returns false for an unknown key, a value of the wrong kind or out of range, or
- * a server already started. */
+ * the default); kHVExactValues and kHVValueExtensions are accepted as well (see above). Returns
+ * false for an unknown key, a value of the wrong kind or out of range, or a server already
+ * started. */
 HV_EXPORT bool HVServerSetProperty(HVServerRef server, RtStringRef key, RtTypeRef value);
 
 /** HVServerListen: binds the listening socket to address (an IPv4 or IPv6 literal; NULL means
