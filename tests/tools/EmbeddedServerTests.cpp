@@ -1,6 +1,7 @@
 // The library's server seen from outside, through examples/embedded_server (a C program on the C
-// API): Python's xmlrpc.client gets from it what it gets from Python's own server for the same
-// methods; SOAP clients in both schema flavours, with and without xsi:type, get the typed add.
+// API) and its C++ twin on hv::Server (tests/server/program): Python's xmlrpc.client gets from
+// each what it gets from Python's own server for the same methods; SOAP clients in both schema
+// flavours, with and without xsi:type, get the typed add.
 // hvserve's HTTPS and Basic authentication options, seen by Python's client.
 #include "PythonPeer.h"
 #include "TestHTTPClient.h"
@@ -14,10 +15,10 @@ namespace {
 
 using namespace hvtest;
 
-// examples/embedded_server on a free port, stopped with SIGTERM (which must end it cleanly).
+// The program on a free port, stopped with SIGTERM (which must end it cleanly).
 class EmbeddedServer {
   public:
-    EmbeddedServer() : fChild({examplePath("embedded_server")}) {
+    explicit EmbeddedServer(const std::string &program) : fChild({program}) {
         fPort = uint16_t(std::atoi(fChild.firstLine().c_str()));
     }
     ~EmbeddedServer() {
@@ -34,8 +35,17 @@ class EmbeddedServer {
     uint16_t fPort = 0;
 };
 
-TEST(EmbeddedServer, PythonsClientGetsWhatPythonsServerGives) {
-    EmbeddedServer server;
+// The C program and the C++ one.
+class EmbeddedServers : public ::testing::TestWithParam<const char *> {
+  protected:
+    std::string program() const {
+        return GetParam() == std::string("C") ? examplePath("embedded_server")
+                                              : toolPath("../tests/embedded_server_cpp");
+    }
+};
+
+TEST_P(EmbeddedServers, PythonsClientGetsWhatPythonsServerGives) {
+    EmbeddedServer server(program());
     ASSERT_NE(server.port(), 0);
     const char *script = R"(
 import sys, threading, xmlrpc.client as x
@@ -115,8 +125,8 @@ std::string gsoapAdd(int year, bool typed, const std::string &a, const std::stri
            param("a", a) + param("b", b) + "</ns:examples.add></SOAP-ENV:Body></SOAP-ENV:Envelope>";
 }
 
-TEST(EmbeddedServer, SOAPClientsWithAndWithoutTypesGetTheTypedAdd) {
-    EmbeddedServer server;
+TEST_P(EmbeddedServers, SOAPClientsWithAndWithoutTypesGetTheTypedAdd) {
+    EmbeddedServer server(program());
     ASSERT_NE(server.port(), 0);
     for (int year : {1999, 2001}) {
         std::string schema = "xmlns:xsd=\"http://www.w3.org/" + std::to_string(year) + "/XMLSchema\"";
@@ -142,6 +152,9 @@ TEST(EmbeddedServer, SOAPClientsWithAndWithoutTypesGetTheTypedAdd) {
 }
 
 } // namespace
+
+INSTANTIATE_TEST_SUITE_P(Languages, EmbeddedServers, ::testing::Values("C", "CPlusPlus"),
+                         [](const auto &info) { return std::string(info.param); });
 
 TEST(Hvserve, ServesHTTPSToItsUserOnly) {
     char directory[] = "/tmp/hvserve-tls-XXXXXX";
