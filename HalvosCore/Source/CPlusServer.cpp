@@ -159,8 +159,8 @@ Server::~Server() {
     stop();
 }
 
-Server &Server::addHandler(std::string_view name, RawHandler handler, std::vector<std::string> signature,
-                           std::string_view help) {
+Server &Server::addHandler(std::string_view name, RawHandler handler,
+                           const std::vector<std::string> &signature, std::string_view help) {
     std::string key(name);
     if (key.empty() || key.compare(0, 7, "system.") == 0)
         throw std::invalid_argument("hv::Server::add: '" + key + "' is a name the server keeps for itself");
@@ -181,8 +181,8 @@ Server &Server::addHandler(std::string_view name, RawHandler handler, std::vecto
 }
 
 Server &Server::addRaw(std::string_view name, RawHandler handler, std::string_view help,
-                       std::vector<std::string> signature) {
-    return addHandler(name, std::move(handler), std::move(signature), help);
+                       const std::vector<std::string> &signature) {
+    return addHandler(name, std::move(handler), signature, help);
 }
 
 Server &Server::onError(std::function<void(std::exception_ptr)> hook) {

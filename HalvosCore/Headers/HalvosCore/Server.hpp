@@ -99,16 +99,19 @@ template <class R, class... A> struct CallableTraits<R (*)(A...) noexcept, void>
     static constexpr bool kKnown = true;
 };
 template <class M> struct MemberCall { static constexpr bool kKnown = false; };
-#define HV_SERVER_MEMBER_CALL_(qualifiers)                                                                   \
-    template <class C, class R, class... A>                                                                  \
-    struct MemberCall<R (C::*)(A...) qualifiers> : Signature<R, A...> {                                      \
-        static constexpr bool kKnown = true;                                                                 \
-    };
-HV_SERVER_MEMBER_CALL_()
-HV_SERVER_MEMBER_CALL_(const)
-HV_SERVER_MEMBER_CALL_(noexcept)
-HV_SERVER_MEMBER_CALL_(const noexcept)
-#undef HV_SERVER_MEMBER_CALL_
+template <class C, class R, class... A> struct MemberCall<R (C::*)(A...)> : Signature<R, A...> {
+    static constexpr bool kKnown = true;
+};
+template <class C, class R, class... A> struct MemberCall<R (C::*)(A...) const> : Signature<R, A...> {
+    static constexpr bool kKnown = true;
+};
+template <class C, class R, class... A> struct MemberCall<R (C::*)(A...) noexcept> : Signature<R, A...> {
+    static constexpr bool kKnown = true;
+};
+template <class C, class R, class... A>
+struct MemberCall<R (C::*)(A...) const noexcept> : Signature<R, A...> {
+    static constexpr bool kKnown = true;
+};
 template <class F>
 struct CallableTraits<F, std::void_t<decltype(&F::operator())>> : MemberCall<decltype(&F::operator())> {};
 
@@ -215,13 +218,13 @@ class HV_API Server {
         RawHandler handler = [callable = Callable(std::forward<F>(f))](const Params &params) mutable {
             return detail::invokeTyped<Traits>(callable, params, std::make_index_sequence<Traits::kArity>());
         };
-        return addHandler(name, std::move(handler), std::move(signature), help);
+        return addHandler(name, std::move(handler), signature, help);
     }
     /** Registers handler under name, taking the parameters as received; signature (result type
      * first, as system.methodSignature lists it) is optional and, when given, checked before
      * handler runs. Throws as add() does. */
     Server &addRaw(std::string_view name, RawHandler handler, std::string_view help = {},
-                   std::vector<std::string> signature = {});
+                   const std::vector<std::string> &signature = {});
     /** Called with every exception a handler lets out other than hv::Fault (the client gets
      * "internal error"); runs on the handler's thread. Set it before start(). */
     Server &onError(std::function<void(std::exception_ptr)> hook);
@@ -240,7 +243,7 @@ class HV_API Server {
     HVServerRef get() const noexcept;
 
   private:
-    Server &addHandler(std::string_view name, RawHandler handler, std::vector<std::string> signature,
+    Server &addHandler(std::string_view name, RawHandler handler, const std::vector<std::string> &signature,
                        std::string_view help);
     struct State;
     std::unique_ptr<State> fState;
