@@ -182,6 +182,8 @@ class SOAPDecoder {
     template <class Decode>
     RtTypeRef decodeEarly(int base, std::vector<RtStringRef> &keys, int &height, bool &blocked,
                           AutoString &error, Decode decode);
+    // Every scope look-up the decoding makes must pass through resolve() or noteKey(): a value
+    // decoded ahead is reused only where the scope agrees on the keys noted.
     void noteKey(RtStringRef key);
     bool sameScope(const AutoDict &stored, const AutoDict &scope, const std::vector<RtStringRef> &keys) const;
     // The number of children element had in the document.

@@ -342,7 +342,7 @@ bool SOAPProtocolHandler::readReply(HalvoResult *result, RtStringRef methodName,
         // Only values decoded ahead can turn out not to fit; the result is put back then.
         RtDictionaryRef saved = stream.fTookAny ? result->copyDictionary() : nullptr;
         bool done = parseReply(result, methodName, tree, &stream);
-        if (!done) result->restore(saved);
+        if (!done && saved) result->restore(saved);
         safeRtRelease(saved);
         RtRelease(tree);
         if (done) return true;
