@@ -83,8 +83,9 @@ HV_EXPORT extern const RtStringRef kHVServerThreads;
  * further calls are answered 503 at once. */
 HV_EXPORT extern const RtStringRef kHVServerMaxQueued;
 /** "/HVServerMaxBodyBytes": number, the largest request body (default 1048576). A larger one is
- * answered 413: from its Content-Length before any of it is read, or as soon as a chunked body
- * passes the limit. */
+ * answered 413: from its Content-Length before any of it is read (the connection then closes);
+ * a chunked body stops being kept once it passes the limit and is answered 413 at its end, or
+ * dropped with its connection past four times the limit (at least 16 MiB). */
 HV_EXPORT extern const RtStringRef kHVServerMaxBodyBytes;
 /** "/HVServerMaxConnections": number, the connections open at once (default 4096); further
  * connections are closed as soon as they are accepted. */
@@ -92,7 +93,8 @@ HV_EXPORT extern const RtStringRef kHVServerMaxConnections;
 /** "/HVServerIdleTimeout": number of seconds a connection may stay silent (default 30). */
 HV_EXPORT extern const RtStringRef kHVServerIdleTimeout;
 /** "/HVServerRequestTimeout": number of seconds a request may take to arrive, head and body
- * (default 60); a slower one is answered 408 and its connection closed. */
+ * (default 60); a slower one (a body that trickles in) is dropped with its connection, since
+ * an answer can only go out once the body is complete. */
 HV_EXPORT extern const RtStringRef kHVServerRequestTimeout;
 /** "/HVServerLogRequests": boolean; when true, one line per request on standard error: client
  * address, user, time, request line, status, reply bytes, seconds taken, method called. */
