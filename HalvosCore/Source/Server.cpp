@@ -57,6 +57,7 @@ struct Request {
     uint64_t fReceived = 0; // body bytes so far
     std::string fBody;
 
+    bool fArrived = false;    // head and body are in
     bool fDispatched = false; // handed to a method thread
     bool fReplyReady = false;
     ServedReply fReply;
@@ -84,6 +85,7 @@ MHD_Result respond(Request &req, unsigned status, const std::string &body, const
     MHD_Result queued = MHD_queue_response(req.fConnection, status, response);
     MHD_destroy_response(response);
     if (queued == MHD_YES) {
+        req.fServer->requestAnswered(req.fConnection);
         req.fSentStatus = status;
         req.fSentBytes = body.size();
     }
@@ -177,10 +179,9 @@ MHD_Result answer(void *cls, MHD_Connection *connection, const char *url, const 
             size_t size = *uploadSize;
             *uploadSize = 0;
             if (req->fSentStatus) return MHD_YES; // answered early; the rest is dropped
-            // libmicrohttpd answers only once a body is complete: a request that takes too long
-            // can only be dropped, and a body past the limit is read on (dropped) so that its
-            // 413 can be sent, up to a bound past which the connection is dropped as well.
-            if (now() - req->fStarted > options.fRequestTimeout) return MHD_NO;
+            // libmicrohttpd answers only once a body is complete: a body past the limit is read
+            // on (dropped) so that its 413 can be sent, up to a bound past which the connection
+            // is dropped as well. A body that takes too long is cut by the sweeper.
             req->fReceived += size;
             if (req->fTooLarge)
                 return req->fReceived > std::max<uint64_t>(4 * options.fMaxBody, 16 << 20) ? MHD_NO : MHD_YES;
@@ -192,6 +193,10 @@ MHD_Result answer(void *cls, MHD_Connection *connection, const char *url, const 
             }
             req->fBody.append(uploadData, size);
             return MHD_YES;
+        }
+        if (!req->fArrived) {
+            req->fArrived = true;
+            server->requestArrived(connection);
         }
         if (req->fSentStatus) return MHD_YES; // answered early
         if (req->fFixedStatus) return respond(*req, req->fFixedStatus, req->fFixedText, kPlain);
@@ -208,11 +213,27 @@ MHD_Result answer(void *cls, MHD_Connection *connection, const char *url, const 
     }
 }
 
-void completed(void *cls, MHD_Connection *, void **state, MHD_RequestTerminationCode) {
+void completed(void *cls, MHD_Connection *connection, void **state, MHD_RequestTerminationCode) {
+    static_cast<Server *>(cls)->requestEnded(connection);
     auto *req = static_cast<Request *>(*state);
     if (!req) return;
     *state = nullptr;
     static_cast<Server *>(cls)->requestCompleted(req);
+}
+
+void notifyConnection(void *cls, MHD_Connection *connection, void **, MHD_ConnectionNotificationCode code) {
+    auto *server = static_cast<Server *>(cls);
+    if (code == MHD_CONNECTION_NOTIFY_STARTED)
+        server->connectionStarted(connection);
+    else
+        server->connectionClosed(connection);
+}
+
+// Called once a request line is in, before its fields; what it returns would become the
+// request's state, which answer() makes itself.
+void *requestLine(void *cls, const char *, MHD_Connection *connection) {
+    static_cast<Server *>(cls)->requestBegun(connection);
+    return nullptr;
 }
 
 void logMHD(void *, const char *format, va_list args) {
@@ -335,6 +356,78 @@ bool Server::authenticate(const char *user, const char *password, const std::str
     return allowed;
 }
 
+// ---- The request deadline ----------------------------------------------------------------------
+
+void Server::connectionStarted(MHD_Connection *connection) {
+    const MHD_ConnectionInfo *info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
+    try {
+        std::lock_guard<std::mutex> lock(fArrivalLock);
+        Arrival &arrival = fArrivals[connection];
+        arrival.fSince = now();
+        arrival.fFd = info ? info->connect_fd : -1;
+    } catch (...) {
+        // Out of memory: this connection has only the idle timeout.
+    }
+}
+
+void Server::connectionClosed(MHD_Connection *connection) {
+    // Erased before libmicrohttpd closes the descriptor, so the sweeper never touches a
+    // descriptor number that a new connection may reuse.
+    std::lock_guard<std::mutex> lock(fArrivalLock);
+    fArrivals.erase(connection);
+}
+
+void Server::requestBegun(MHD_Connection *connection) {
+    std::lock_guard<std::mutex> lock(fArrivalLock);
+    auto found = fArrivals.find(connection);
+    if (found != fArrivals.end()) found->second.fBegun = true;
+}
+
+void Server::requestAnswered(MHD_Connection *connection) {
+    std::lock_guard<std::mutex> lock(fArrivalLock);
+    auto found = fArrivals.find(connection);
+    if (found != fArrivals.end()) found->second.fAnswered = true;
+}
+
+void Server::requestArrived(MHD_Connection *connection) {
+    std::lock_guard<std::mutex> lock(fArrivalLock);
+    auto found = fArrivals.find(connection);
+    if (found != fArrivals.end()) found->second.fArriving = false;
+}
+
+void Server::requestEnded(MHD_Connection *connection) {
+    std::lock_guard<std::mutex> lock(fArrivalLock);
+    auto found = fArrivals.find(connection);
+    if (found == fArrivals.end() || found->second.fCut) return;
+    Arrival &arrival = found->second;
+    arrival.fSince = now();
+    arrival.fArriving = true;
+    arrival.fBegun = arrival.fAnswered = false;
+}
+
+// Four times a second, cuts the connections whose request has not arrived whole within the
+// request time-out: a plain connection whose request had begun and has no answer yet is told
+// 408 first. Shutting the socket down makes libmicrohttpd see its end and close it as usual.
+void Server::sweepLoop() {
+    static const char kTimedOut[] = "HTTP/1.1 408 Request Timeout\r\nConnection: close\r\n"
+                                    "Content-Type: text/plain; charset=utf-8\r\nContent-Length: 22\r\n\r\n"
+                                    "request took too long\n";
+    bool tls = !fOptions.fCertificate.empty() && !fOptions.fKey.empty();
+    std::unique_lock<std::mutex> lock(fArrivalLock);
+    while (fSweeping) {
+        fSweepWake.wait_for(lock, std::chrono::milliseconds(250));
+        double deadline = now() - fOptions.fRequestTimeout;
+        for (auto &entry : fArrivals) {
+            Arrival &arrival = entry.second;
+            if (!arrival.fArriving || arrival.fCut || arrival.fSince > deadline || arrival.fFd < 0) continue;
+            arrival.fCut = true;
+            if (!tls && arrival.fBegun && !arrival.fAnswered)
+                (void)!send(arrival.fFd, kTimedOut, sizeof kTimedOut - 1, MSG_NOSIGNAL | MSG_DONTWAIT);
+            shutdown(arrival.fFd, SHUT_RDWR);
+        }
+    }
+}
+
 // ---- Listening, starting, stopping -----------------------------------------------------------
 
 bool Server::listen(const std::string &address, uint16_t port, std::string &error, int &code) {
@@ -403,6 +496,12 @@ bool Server::start(std::string &error, int &code) {
         {MHD_OPTION_LISTEN_SOCKET, fListenSocket, nullptr},
         {MHD_OPTION_THREAD_POOL_SIZE, intptr_t(networkThreads), nullptr},
         {MHD_OPTION_CONNECTION_LIMIT, intptr_t(fOptions.fMaxConnections), nullptr},
+        {MHD_OPTION_PER_IP_CONNECTION_LIMIT, intptr_t(fOptions.fMaxPerAddress), nullptr},
+        // A connection's memory pool holds its request head, plus room to read the body through
+        // and write the answer's head.
+        {MHD_OPTION_CONNECTION_MEMORY_LIMIT, intptr_t(fOptions.fMaxHead + 8192), nullptr},
+        {MHD_OPTION_NOTIFY_CONNECTION, intptr_t(notifyConnection), this},
+        {MHD_OPTION_URI_LOG_CALLBACK, intptr_t(requestLine), this},
         {MHD_OPTION_CONNECTION_TIMEOUT, intptr_t(fOptions.fIdleTimeout), nullptr},
         {MHD_OPTION_NOTIFY_COMPLETED, intptr_t(completed), this},
         {MHD_OPTION_EXTERNAL_LOGGER, intptr_t(logMHD), nullptr},
@@ -425,6 +524,13 @@ bool Server::start(std::string &error, int &code) {
         std::lock_guard<std::mutex> lock(fLock);
         fState = State::eRunning;
     }
+    try {
+        std::lock_guard<std::mutex> lock(fArrivalLock);
+        fSweeping = true;
+        fSweeper = std::thread([this] { sweepLoop(); });
+    } catch (...) {
+        fSweeping = false; // no thread to be had: only the idle timeout holds
+    }
     unsigned threads = std::max(1u, fOptions.fThreads);
     try {
         for (unsigned i = 0; i < threads; i++)
@@ -436,6 +542,7 @@ bool Server::start(std::string &error, int &code) {
             code = EAGAIN;
             std::lock_guard<std::mutex> lock(fLock);
             fState = State::eIdle;
+            stopSweeping();
             MHD_stop_daemon(fDaemon);
             fDaemon = nullptr;
             fListenSocket = -1;
@@ -458,6 +565,15 @@ void Server::stop() noexcept {
     }
     std::lock_guard<std::mutex> guard(fStopLock);
     finishStop();
+}
+
+void Server::stopSweeping() {
+    {
+        std::lock_guard<std::mutex> lock(fArrivalLock);
+        fSweeping = false;
+    }
+    fSweepWake.notify_all();
+    if (fSweeper.joinable()) fSweeper.join();
 }
 
 void Server::finishStop() {
@@ -496,6 +612,7 @@ void Server::finishStop() {
         std::unique_lock<std::mutex> lock(fLock);
         fWake.wait_for(lock, std::chrono::seconds(5), [this] { return fDispatched == 0; });
     }
+    stopSweeping();
     MHD_stop_daemon(fDaemon);
     fDaemon = nullptr;
     std::lock_guard<std::mutex> lock(fLock);

@@ -20,6 +20,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 struct MHD_Daemon;
@@ -96,7 +97,9 @@ class Server {
         unsigned fThreads = 8;
         size_t fMaxQueued = 1024;
         uint64_t fMaxBody = 1 << 20;
-        unsigned fMaxConnections = 4096;
+        unsigned fMaxConnections = 10000;
+        unsigned fMaxPerAddress = 2000;
+        size_t fMaxHead = 16384;
         unsigned fIdleTimeout = 30;
         unsigned fRequestTimeout = 60;
         bool fLog = false;
@@ -114,6 +117,16 @@ class Server {
     bool enqueue(Request *req);
     void requestCompleted(Request *req);
 
+    // The request deadline (Server.cpp): every connection's current request is timed from the
+    // moment the connection is ready for it (accepted, or its previous request completed) until
+    // it has arrived whole; a sweeping thread cuts the ones past the deadline.
+    void connectionStarted(MHD_Connection *connection);
+    void connectionClosed(MHD_Connection *connection);
+    void requestBegun(MHD_Connection *connection);    // its request line is in
+    void requestAnswered(MHD_Connection *connection); // an answer is queued (maybe before the body)
+    void requestArrived(MHD_Connection *connection);  // head and body are in: the deadline is met
+    void requestEnded(MHD_Connection *connection);    // the connection waits for its next request
+
   private:
     Outcome callMethod(RtStringRef name, RtDictionaryRef params, RtArrayRef order, RtStringRef protocol,
                        int depth);
@@ -125,6 +138,8 @@ class Server {
     void workerLoop();
     void finishStop();
     void warmUp();
+    void sweepLoop();
+    void stopSweeping();
 
     enum class State { eIdle, eRunning, eStopping, eStopped };
 
@@ -147,6 +162,21 @@ class Server {
     size_t fDispatched = 0; // requests queued or served whose reply is not yet sent
     bool fDraining = false; // stop() began: queued requests get 503
     std::vector<std::thread> fWorkers;
+
+    // What the deadline needs to know of a connection.
+    struct Arrival {
+        double fSince = 0; // when the connection became ready for its current request
+        int fFd = -1;
+        bool fArriving = true;  // the request is not yet in whole
+        bool fBegun = false;    // its request line is in
+        bool fAnswered = false; // an answer is queued: cut without one of our own
+        bool fCut = false;
+    };
+    std::mutex fArrivalLock; // guards fArrivals and fSweeping
+    std::condition_variable fSweepWake;
+    std::unordered_map<MHD_Connection *, Arrival> fArrivals;
+    bool fSweeping = false;
+    std::thread fSweeper;
 };
 
 } // namespace hvserver

@@ -481,6 +481,9 @@ bool Server::setProperty(RtStringRef key, RtTypeRef value) {
     if (key == kHVServerMaxBodyBytes) return count(o.fMaxBody, 1, 1ull << 32, defaults.fMaxBody);
     if (key == kHVServerMaxConnections)
         return count(o.fMaxConnections, 1, 1u << 20, defaults.fMaxConnections);
+    if (key == kHVServerMaxConnectionsPerAddress)
+        return count(o.fMaxPerAddress, 1, 1u << 20, defaults.fMaxPerAddress);
+    if (key == kHVServerMaxHeadBytes) return count(o.fMaxHead, 1024, 1u << 20, defaults.fMaxHead);
     if (key == kHVServerIdleTimeout) return count(o.fIdleTimeout, 1, 86400, defaults.fIdleTimeout);
     if (key == kHVServerRequestTimeout) return count(o.fRequestTimeout, 1, 86400, defaults.fRequestTimeout);
     if (key == kHVServerTLSCertificate) return pem(o.fCertificate);

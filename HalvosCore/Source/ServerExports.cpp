@@ -17,6 +17,8 @@ const RtStringRef kHVServerIndexText = RTSTR("/HVServerIndexText");
 const RtStringRef kHVServerTLSCertificate = RTSTR("/HVServerTLSCertificate");
 const RtStringRef kHVServerTLSKey = RTSTR("/HVServerTLSKey");
 const RtStringRef kHVServerAuthRealm = RTSTR("/HVServerAuthRealm");
+const RtStringRef kHVServerMaxConnectionsPerAddress = RTSTR("/HVServerMaxConnectionsPerAddress");
+const RtStringRef kHVServerMaxHeadBytes = RTSTR("/HVServerMaxHeadBytes");
 
 // ---- OpaqueHVServerRef -----------------------------------------------------------------------
 

@@ -9,6 +9,7 @@
 
 #include <HalvosCore/HalvosCore.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -16,6 +17,7 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
+#include <sys/resource.h>
 #include <string>
 
 namespace {
@@ -34,6 +36,9 @@ const char kUsage[] =
     "  --bind ADDRESS       listen on ADDRESS, IPv4 or IPv6 (default 127.0.0.1)\n"
     "  --max-body BYTES     refuse larger request bodies with 413 (default 1048576)\n"
     "  --threads N          run methods on N threads (default 8; 1 runs them one at a time)\n"
+    "  --max-connections N  hold at most N connections at once (default 10000)\n"
+    "  --request-timeout SECONDS\n"
+    "                       cut a request whose head and body take longer to arrive (default 60)\n"
     "  --tls-cert FILE      serve HTTPS with this PEM certificate (needs --tls-key)\n"
     "  --tls-key FILE       the PEM private key of the certificate\n"
     "  --user USER:PASSWORD answer only requests with these HTTP Basic credentials\n"
@@ -49,6 +54,8 @@ struct ServeOptions {
     std::string fBind = "127.0.0.1";
     unsigned long long fMaxBody = 1 << 20;
     long fThreads = 0; // 0: the server's default
+    unsigned long long fMaxConnections = 10000;
+    unsigned long long fRequestTimeout = 0; // 0: the server's default
     std::string fCertificateFile, fKeyFile;
     std::string fUser, fPassword;
     bool fAuthenticate = false;
@@ -107,6 +114,23 @@ bool parseArguments(int argc, char **argv, ServeOptions &options, std::string &e
                 return false;
             }
             options.fThreads = long(number);
+        } else if (arg == "--max-connections") {
+            const char *value = next();
+            if (!value) return false;
+            if (!parseNumber(value, 1u << 20, number) || number == 0) {
+                error =
+                    "--max-connections takes a number from 1 to 1048576, not '" + std::string(value) + "'";
+                return false;
+            }
+            options.fMaxConnections = number;
+        } else if (arg == "--request-timeout") {
+            const char *value = next();
+            if (!value) return false;
+            if (!parseNumber(value, 86400, number) || number == 0) {
+                error = "--request-timeout takes seconds from 1 to 86400, not '" + std::string(value) + "'";
+                return false;
+            }
+            options.fRequestTimeout = number;
         } else if (arg == "--tls-cert" || arg == "--tls-key") {
             const char *value = next();
             if (!value) return false;
@@ -185,6 +209,24 @@ bool setNumber(HVServerRef server, RtStringRef key, long long number) {
     return set;
 }
 
+// Each connection takes a descriptor: raises the soft limit toward the hard one so that the
+// connections asked for fit, and says so when they cannot.
+void raiseDescriptorLimit(unsigned long long connections) {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+    rlim_t wanted = rlim_t(connections) + 64; // the listening socket, logs, the runtime's own
+    if (limit.rlim_cur >= wanted) return;
+    rlim_t reachable = limit.rlim_max == RLIM_INFINITY ? wanted : std::min(wanted, limit.rlim_max);
+    if (reachable > limit.rlim_cur) {
+        rlimit raised = limit;
+        raised.rlim_cur = reachable;
+        if (setrlimit(RLIMIT_NOFILE, &raised) == 0) limit = raised;
+    }
+    if (limit.rlim_cur < wanted)
+        fprintf(stderr, "hvserve: the descriptor limit %llu holds fewer than %llu connections\n",
+                (unsigned long long)limit.rlim_cur, connections);
+}
+
 int usageError(const std::string &reason) {
     fprintf(stderr, "hvserve: %s (see hvserve --help)\n", reason.c_str());
     return eExitUsage;
@@ -221,6 +263,10 @@ int main(int argc, char **argv) {
     setText(server, kHVServerIndexText, kHelpPage);
     setNumber(server, kHVServerMaxBodyBytes, (long long)options.fMaxBody);
     if (options.fThreads) setNumber(server, kHVServerThreads, options.fThreads);
+    setNumber(server, kHVServerMaxConnections, (long long)options.fMaxConnections);
+    raiseDescriptorLimit(options.fMaxConnections);
+    if (options.fRequestTimeout)
+        setNumber(server, kHVServerRequestTimeout, (long long)options.fRequestTimeout);
     if (options.fVerbose) HVServerSetProperty(server, kHVServerLogRequests, kRtBooleanTrue);
     // Exact values with the XML-RPC extensions: requests using i8 or nil are read, and replies
     // carry what the methods return.

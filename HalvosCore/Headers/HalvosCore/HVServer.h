@@ -87,14 +87,16 @@ HV_EXPORT extern const RtStringRef kHVServerMaxQueued;
  * a chunked body stops being kept once it passes the limit and is answered 413 at its end, or
  * dropped with its connection past four times the limit (at least 16 MiB). */
 HV_EXPORT extern const RtStringRef kHVServerMaxBodyBytes;
-/** "/HVServerMaxConnections": number, the connections open at once (default 4096); further
- * connections are closed as soon as they are accepted. */
+/** "/HVServerMaxConnections": number, the connections open at once (default 10000); further
+ * connections are closed as soon as they are accepted. Each connection takes a descriptor: the
+ * process's descriptor limit (RLIMIT_NOFILE) must leave room for them. */
 HV_EXPORT extern const RtStringRef kHVServerMaxConnections;
 /** "/HVServerIdleTimeout": number of seconds a connection may stay silent (default 30). */
 HV_EXPORT extern const RtStringRef kHVServerIdleTimeout;
-/** "/HVServerRequestTimeout": number of seconds a request may take to arrive, head and body
- * (default 60); a slower one (a body that trickles in) is dropped with its connection, since
- * an answer can only go out once the body is complete. */
+/** "/HVServerRequestTimeout": number of seconds a request may take to arrive, head and body,
+ * counted from the moment its connection is ready for it (accepted, or done with the request
+ * before) (default 60); a slower one is cut: over plain HTTP it is answered 408 first when its
+ * request line had come and nothing was answered yet. Methods' run time does not count. */
 HV_EXPORT extern const RtStringRef kHVServerRequestTimeout;
 /** "/HVServerLogRequests": boolean; when true, one line per request on standard error: client
  * address, user, time, request line, status, reply bytes, seconds taken, method called. */
@@ -108,6 +110,13 @@ HV_EXPORT extern const RtStringRef kHVServerTLSCertificate;
 HV_EXPORT extern const RtStringRef kHVServerTLSKey;
 /** "/HVServerAuthRealm": string, the realm of the Basic challenge (default "HalvosCore"). */
 HV_EXPORT extern const RtStringRef kHVServerAuthRealm;
+/** "/HVServerMaxConnectionsPerAddress": number, the connections one client address may have
+ * open at once (default 2000); further ones from it are closed as soon as they are accepted. */
+HV_EXPORT extern const RtStringRef kHVServerMaxConnectionsPerAddress;
+/** "/HVServerMaxHeadBytes": number, the largest request head, request line and fields (default
+ * 16384, from 1024 to 1048576); a larger one is answered 431 (or 414 for a long request line)
+ * and its connection closed. The connection's buffer is this size plus 8 KiB. */
+HV_EXPORT extern const RtStringRef kHVServerMaxHeadBytes;
 
 /* kHVExactValues and kHVValueExtensions (booleans, false by default) are server properties too:
  * every protocol handler of the server reads and writes with them, and a method may then return
