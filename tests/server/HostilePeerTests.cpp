@@ -131,6 +131,8 @@ TEST(HostilePeers, ARequestThatTricklesIsCutAtItsDeadline) {
         SCOPED_TRACE(c.what);
         TrickleResult result = trickle(server.port, c.quick, c.slow, std::chrono::milliseconds(500),
                                        std::chrono::seconds(deadline + 5));
+        printf("trickled %s: cut %d after %.2f s at a %ld s deadline\n", c.what, int(result.cut),
+               result.seconds, deadline);
         EXPECT_TRUE(result.cut) << result.sent << " bytes sent";
         EXPECT_GE(result.seconds, deadline - 0.1);
         EXPECT_LT(result.seconds, deadline + 2.0);
