@@ -9,6 +9,13 @@ if(HV_SANITIZE)
     -fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=all)
   target_link_options(hv_options INTERFACE -fsanitize=address,undefined)
 endif()
+if(HV_TSAN)
+  if(HV_SANITIZE)
+    message(FATAL_ERROR "HV_TSAN and HV_SANITIZE cannot be combined")
+  endif()
+  target_compile_options(hv_options INTERFACE -fsanitize=thread -fno-omit-frame-pointer)
+  target_link_options(hv_options INTERFACE -fsanitize=thread)
+endif()
 # libFuzzer builds: every object gets the coverage instrumentation that guides the fuzzer; only
 # the fuzz targets themselves link libFuzzer's main (fuzz/CMakeLists.txt).
 if(HV_BUILD_FUZZ AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
@@ -21,7 +28,9 @@ endif()
 set(HV_TEST_ENVIRONMENT
     "HV_SOURCE_DIR=${PROJECT_SOURCE_DIR}" "HV_BINARY_DIR=${PROJECT_BINARY_DIR}"
     "ASAN_OPTIONS=detect_leaks=1"
-    "LSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/tests/lsan.supp:print_suppressions=0")
+    "LSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/tests/lsan.supp:print_suppressions=0"
+    # Under ThreadSanitizer a data race fails the test that ran into it.
+    "TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1")
 
 # hv_add_product(NAME DEPS...): one product made of NAME/Source/*.{c,cpp}.
 # Sources compile once (hidden visibility, PIC) into NAME_obj; NAME is the

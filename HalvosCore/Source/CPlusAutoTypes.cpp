@@ -4,9 +4,6 @@
 #include <cstdlib>
 #include <vector>
 
-RtMutableArrayRef AutoArray::sEmptyArray = nullptr;
-RtMutableDictionaryRef AutoDict::sEmptyDictionary = nullptr;
-
 RtStringRef rtCreateString(const char *format, va_list arguments) {
     // Formats are literals: interning them costs one lookup and lets the runtime keep their
     // parse, where a temporary string would be parsed again on every call.
@@ -123,8 +120,8 @@ AutoArray::~AutoArray() {
 }
 
 RtArrayRef AutoArray::getEmptyArray() {
-    if (!sEmptyArray) sEmptyArray = newMutableArray(); // process-wide, never released
-    return sEmptyArray;
+    static const RtMutableArrayRef sEmpty = newMutableArray(); // process-wide, never released
+    return sEmpty;
 }
 
 RtMutableArrayRef AutoArray::getMutableArray() {
@@ -190,8 +187,8 @@ AutoDict::~AutoDict() {
 }
 
 RtDictionaryRef AutoDict::getEmptyDictionary() {
-    if (!sEmptyDictionary) sEmptyDictionary = newMutableDict(); // process-wide, never released
-    return sEmptyDictionary;
+    static const RtMutableDictionaryRef sEmpty = newMutableDict(); // process-wide, never released
+    return sEmpty;
 }
 
 RtMutableDictionaryRef AutoDict::getMutableDict() {
@@ -348,11 +345,18 @@ RtArrayRef copyDictionaryKeys(RtDictionaryRef dict) {
 }
 
 RtNumberRef internedInt(int i) {
-    static RtNumberRef sInterned[15];
+    // All fifteen made at once, on the first call of the process (threads arriving together wait
+    // for it); never released.
+    struct Interned {
+        RtNumberRef fNumbers[15];
+        Interned() {
+            for (int n = -3; n <= 11; n++)
+                fNumbers[n + 3] = RtNumberCreate(kRtAllocatorDefault, kRtNumberIntType, &n);
+        }
+    };
+    static const Interned sInterned;
     // Callers pass small constants (-3 through 11); there is deliberately no bounds check.
-    RtNumberRef &slot = sInterned[i + 3];
-    if (!slot) slot = RtNumberCreate(kRtAllocatorDefault, kRtNumberIntType, &i);
-    return slot;
+    return sInterned.fNumbers[i + 3];
 }
 
 int32_t getIntValue(RtNumberRef number) {

@@ -113,7 +113,6 @@ class AutoArray : public AutoCountable {
   private:
     RtMutableArrayRef fMutableArray;
     RtArrayRef fImmutableArray;
-    static RtMutableArrayRef sEmptyArray;
 };
 
 class AutoDict : public AutoCountable {
@@ -144,7 +143,6 @@ class AutoDict : public AutoCountable {
   private:
     RtDictionaryRef fImmutableDict;
     RtMutableDictionaryRef fMutableDict;
-    static RtMutableDictionaryRef sEmptyDictionary;
 };
 
 class ArrayIterator {

@@ -39,20 +39,19 @@ const char *cbNames(RtStreamEventType type) {
     }
 }
 
-// Built once per process and never released; no lock (the first call happens on whichever
-// thread sends the first request).
+// Built once per process and never released. A function-local static: threads sending their
+// first requests at the same moment wait for the one that builds it; later calls take no lock.
 RtStringRef getUserAgentString() {
-    static RtStringRef sUserAgent = nullptr;
-    if (!sUserAgent) {
+    static const RtStringRef sUserAgent = [] {
         RtTypeRef version = nullptr;
         if (RtBundleRef bundle = RtBundleGetBundleWithIdentifier(RTSTR(HV_BUNDLE_IDENTIFIER))) {
             if (RtDictionaryRef info = RtBundleGetInfoDictionary(bundle))
                 version = RtDictionaryGetValue(info, kRtBundleVersionKey);
         }
         if (!version) version = RTSTR("1.0.0");
-        sUserAgent = RtStringCreateWithFormat(kRtAllocatorDefault, nullptr,
-                                              RTSTR("Tessaly; HalvosCore.framework (%@)"), version);
-    }
+        return RtStringCreateWithFormat(kRtAllocatorDefault, nullptr,
+                                        RTSTR("Tessaly; HalvosCore.framework (%@)"), version);
+    }();
     return sUserAgent;
 }
 

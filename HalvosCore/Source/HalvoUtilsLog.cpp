@@ -3,18 +3,20 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
 #include <unistd.h>
 
 int gHVDebug = 0;
 int gHVDebugVerbose = 0;
 
 void hvInitStatics() {
-    static bool sInitialized = false;
-    if (sInitialized) return;
-    // The flag goes up before the environment is read, as the first creation expects.
-    sInitialized = true;
-    gHVDebug = getenv("HVDebug") != nullptr ? 1 : 0;
-    gHVDebugVerbose = getenv("HVDebugVerbose") != nullptr ? 1 : 0;
+    // Once per process: threads making their first objects at the same moment wait for the one
+    // that reads the environment, and see the switches it wrote.
+    static std::once_flag sInitialized;
+    std::call_once(sInitialized, [] {
+        gHVDebug = getenv("HVDebug") != nullptr ? 1 : 0;
+        gHVDebugVerbose = getenv("HVDebugVerbose") != nullptr ? 1 : 0;
+    });
 }
 
 RtStringRef hvCreateString(const char *format, va_list args) {

@@ -55,14 +55,15 @@ const RtStringRef kHVExactValues = RTSTR("/HVExactValues");
 const RtStringRef kHVValueExtensions = RTSTR("/HVValueExtensions");
 
 RtBundleRef registerLibraryBundle() {
-    static RtBundleRef sBundle = nullptr;
-    if (!sBundle) {
+    // Once per process, safely when several threads make their first objects at the same moment.
+    static const RtBundleRef sBundle = [] {
         RtStringRef identifier = RTSTR(HV_BUNDLE_IDENTIFIER);
         RtDictionaryRef info = rtTypeCreateDictionary(nullptr, kRtBundleIdentifierKey, identifier,
                                                       kRtBundleVersionKey, RTSTR(HV_VERSION_STRING), nullptr);
-        sBundle = RtBundleRegister(identifier, info);
+        RtBundleRef bundle = RtBundleRegister(identifier, info);
         safeRtRelease(info);
-    }
+        return bundle;
+    }();
     return sBundle;
 }
 

@@ -23,8 +23,10 @@
  * an equal string made elsewhere is refused.
  *
  * Threads: there are none inside. An invocation or handler is used by one thread at a time; an
- * invocation belongs to the thread whose run loop it is scheduled on. The first invocation or
- * handler should be created before several threads use the library.
+ * invocation belongs to the thread whose run loop it is scheduled on. That is the only rule:
+ * the process-wide tables the library builds on first use (User-Agent, type and entity tables,
+ * runtime classes, the diagnostic switches) are built safely when several threads make their
+ * first objects or calls at the same moment, and are only read afterwards, without a lock.
  *
  * Diagnostics: the environment variables "HVDebug" and "HVDebugVerbose" (their presence is
  * enough) switch on logging to standard error; they are read once, at the first Create. */
