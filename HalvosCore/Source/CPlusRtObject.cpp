@@ -65,14 +65,35 @@ void OpaqueHVMethodInvocationRef::_rtDealloc(RtTypeRef obj) {
     self->fClosure = nullptr;
 }
 
+// The URL's text with the password of its user-info part (when it has one) shown as "***".
+static RtStringRef copyURLTextWithoutPassword(RtURLRef url) {
+    if (!url) return nullptr;
+    RtStringRef text = RtURLGetString(url);
+    RtStringRef password = RtURLCopyPassword(url);
+    if (!password || RtStringGetLength(password) == 0 || !text) {
+        safeRtRelease(password);
+        return static_cast<RtStringRef>(safeRtRetain(text));
+    }
+    RtMutableStringRef masked = RtStringCreateMutableCopy(kRtAllocatorDefault, 0, text);
+    RtStringRef find = RtStringCreateWithFormat(kRtAllocatorDefault, nullptr, RTSTR(":%@@"), password);
+    if (masked && find)
+        RtStringFindAndReplace(masked, find, RTSTR(":***@"), RtRangeMake(0, RtStringGetLength(masked)), 0);
+    safeRtRelease(find);
+    RtRelease(password);
+    return masked;
+}
+
 RtStringRef OpaqueHVMethodInvocationRef::_rtCopyDebugDesc(RtTypeRef obj) {
     auto *self = static_cast<const OpaqueHVMethodInvocationRef *>(obj);
     HalvoMethodInvocation *closure = self->fClosure;
-    RtURLRef url = closure ? closure->getServiceURL() : nullptr;
+    RtStringRef url = copyURLTextWithoutPassword(closure ? closure->getServiceURL() : nullptr);
     // The base class's method name: the "MethodName" property, usually absent.
     RtStringRef methodName = closure ? closure->HalvoMethodInvocation::getMethodName() : nullptr;
-    return RtStringCreateWithFormat(kRtAllocatorDefault, nullptr, RTSTR("HVMethodInvocation{%d} [%@] [%@]"),
-                                    static_cast<int>(self->getRetainCount()), url, methodName);
+    RtStringRef description =
+        RtStringCreateWithFormat(kRtAllocatorDefault, nullptr, RTSTR("HVMethodInvocation{%d} [%@] [%@]"),
+                                 static_cast<int>(self->getRetainCount()), url, methodName);
+    safeRtRelease(url);
+    return description;
 }
 
 // ---- OpaqueHVProtocolHandlerRef --------------------------------------------------------------

@@ -5,6 +5,10 @@
 #include "HalvoResult.h"
 #include "HalvoUtils.h"
 
+#include <initializer_list>
+#include <utility>
+#include <vector>
+
 namespace {
 
 // Stream events the transaction listens to: open-completed, has-bytes, error and end (0x1B).
@@ -81,6 +85,31 @@ void myRtHTTPReadStreamSetProxy(RtReadStreamRef stream, RtStringRef host, RtInde
     RtRelease(portNumber);
 }
 
+// The captured request headers with the values of credential fields (a caller's own
+// Authorization or Proxy-Authorization field) replaced by "(hidden)". Takes headers over.
+RtDictionaryRef maskCredentials(RtHTTPMessageRef request, RtDictionaryRef headers) {
+    static const RtStringRef kFields[] = {RTSTR("Authorization"), RTSTR("Proxy-Authorization")};
+    bool any = false;
+    for (RtStringRef field : kFields) {
+        RtStringRef value = RtHTTPMessageCopyHeaderFieldValue(request, field);
+        any |= value != nullptr;
+        safeRtRelease(value);
+    }
+    if (!any || !headers) return headers;
+    RtMutableDictionaryRef masked = RtDictionaryCreateMutableCopy(kRtAllocatorDefault, 0, headers);
+    RtRelease(headers);
+    if (!masked) return nullptr;
+    RtIndex count = RtDictionaryGetCount(masked);
+    std::vector<const void *> names(static_cast<size_t>(count));
+    RtDictionaryGetKeysAndValues(masked, names.data(), nullptr);
+    for (const void *name : names)
+        for (RtStringRef field : kFields)
+            if (RtStringCompare(static_cast<RtStringRef>(name), field, kRtCompareCaseInsensitive) ==
+                kRtCompareEqualTo)
+                RtDictionarySetValue(masked, name, RTSTR("(hidden)"));
+    return masked;
+}
+
 void *_nullRetain(void *info) {
     return info;
 }
@@ -97,6 +126,62 @@ void _readStreamCallback(RtReadStreamRef, RtStreamEventType type, void *info) {
 
 void _timerCallback(RtRunLoopTimerRef, void *info) {
     static_cast<HTTPClosureSource *>(info)->timedOut();
+}
+
+// The stream's error for a reply refused over a limit: libcurl's CURLE_FILESIZE_EXCEEDED.
+constexpr int32_t kReplyTooLargeError = 63;
+
+// The reply limits when their properties are absent.
+constexpr int64_t kDefaultMaxReplyLength = 64 * 1024 * 1024;
+constexpr int64_t kDefaultMaxReplyHeadLength = 256 * 1024;
+
+RtNumberRef createNumber(int64_t value) {
+    return RtNumberCreate(kRtAllocatorDefault, kRtNumberSInt64Type, &value);
+}
+
+// Sets a limit property of the stream from the invocation's property: its number when it is a
+// positive one, 0 (no limit) for 0 or less, the default when absent or not a number. The
+// default's number is made once per process, so an ordinary call allocates nothing for it.
+void setLimit(RtReadStreamRef stream, RtStringRef streamKey, RtTypeRef value, int64_t fallback) {
+    static const RtNumberRef sNoLimit = createNumber(0);
+    static const RtNumberRef sDefaultBody = createNumber(kDefaultMaxReplyLength);
+    static const RtNumberRef sDefaultHead = createNumber(kDefaultMaxReplyHeadLength);
+    RtTypeRef number = fallback == kDefaultMaxReplyLength ? sDefaultBody : sDefaultHead;
+    if (value && RtGetTypeID(value) == RtNumberGetTypeID()) {
+        int64_t v = 0;
+        RtNumberGetValue(static_cast<RtNumberRef>(value), kRtNumberSInt64Type, &v);
+        number = v > 0 ? value : sNoLimit;
+    }
+    RtReadStreamSetProperty(stream, streamKey, number);
+}
+
+// A stream settings dictionary from (invocation property value, stream key) pairs whose value is
+// set; NULL when none is. *wrongType when a value is not of the type wanted (string or boolean).
+RtDictionaryRef createSettings(std::initializer_list<std::pair<RtTypeRef, RtStringRef>> pairs,
+                               bool *wrongType) {
+    RtMutableDictionaryRef settings = nullptr;
+    for (const auto &pair : pairs) {
+        if (!pair.first) continue;
+        if (RtGetTypeID(pair.first) != RtStringGetTypeID() &&
+            RtGetTypeID(pair.first) != RtBooleanGetTypeID()) {
+            *wrongType = true;
+            continue;
+        }
+        if (!settings)
+            settings = RtDictionaryCreateMutable(kRtAllocatorDefault, 0, &kRtTypeDictionaryKeyCallBacks,
+                                                 &kRtTypeDictionaryValueCallBacks);
+        if (settings) RtDictionarySetValue(settings, pair.second, pair.first);
+    }
+    return settings;
+}
+
+// A boolean flag that may also be given as a number: true for the boolean true or a non-zero number.
+bool isTrue(RtTypeRef value) {
+    if (value == kRtBooleanTrue) return true;
+    if (!value || RtGetTypeID(value) != RtNumberGetTypeID()) return false;
+    int64_t v = 0;
+    RtNumberGetValue(static_cast<RtNumberRef>(value), kRtNumberSInt64Type, &v);
+    return v != 0;
 }
 
 // The stream error of the library's own transport failures.
@@ -259,6 +344,7 @@ bool HTTPClosureSource::initConnection() {
 
     RtReadStreamSetProperty(fReadStream, kRtStreamPropertyHTTPShouldAutoredirect,
                             getFollowsRedirects() ? kRtBooleanTrue : kRtBooleanFalse);
+    if (RtStringRef refused = applyTransportSettings()) return fail(refused);
 
     // perform runs on the loop the invocation was scheduled on, in the mode it is running.
     RtRunLoopRef loop = RtRunLoopGetCurrent();
@@ -287,6 +373,72 @@ bool HTTPClosureSource::initConnection() {
         if (fTimer) RtRunLoopAddTimer(loop, fTimer, fRunLoopMode);
     }
     return true;
+}
+
+RtStringRef HTTPClosureSource::applyTransportSettings() {
+    setLimit(fReadStream, kRtStreamPropertyHTTPMaxBodyLength, fClosure->getProperty(kHVHTTPMaxReplyLength),
+             kDefaultMaxReplyLength);
+    setLimit(fReadStream, kRtStreamPropertyHTTPMaxHeadLength,
+             fClosure->getProperty(kHVHTTPMaxReplyHeadLength), kDefaultMaxReplyHeadLength);
+
+    if (RtTypeRef auth = fClosure->getProperty(kHVAuthInfo)) {
+        if (RtGetTypeID(auth) != RtDictionaryGetTypeID()) return RTSTR("Can't use kHVAuthInfo");
+        auto info = static_cast<RtDictionaryRef>(auth);
+        bool wrongType = false;
+        RtDictionaryRef settings = createSettings(
+            {{RtDictionaryGetValue(info, kHVAuthInfo_user), kRtStreamHTTPAuthUser},
+             {RtDictionaryGetValue(info, kHVAuthInfo_password), kRtStreamHTTPAuthPassword},
+             {RtDictionaryGetValue(info, kHVAuthInfo_authScheme), kRtStreamHTTPAuthScheme},
+             {isTrue(RtDictionaryGetValue(info, kHVAuthInfo_forProxy)) ? kRtBooleanTrue : nullptr,
+              kRtStreamHTTPAuthForProxy}},
+            &wrongType);
+        if (!settings)
+            settings = RtDictionaryCreate(kRtAllocatorDefault, nullptr, nullptr, 0,
+                                          &kRtTypeDictionaryKeyCallBacks, &kRtTypeDictionaryValueCallBacks);
+        bool taken =
+            !wrongType && RtReadStreamSetProperty(fReadStream, kRtStreamPropertyHTTPAuthentication, settings);
+        safeRtRelease(settings);
+        if (!taken) return RTSTR("Can't use kHVAuthInfo");
+    }
+
+    RtTypeRef verify = fClosure->getProperty(kHVTLSVerifyPeer);
+    bool wrongType = false;
+    RtDictionaryRef tls =
+        createSettings({{fClosure->getProperty(kHVTLSCAFile), kRtStreamTLSCAFile},
+                        {fClosure->getProperty(kHVTLSCADirectory), kRtStreamTLSCADirectory},
+                        {fClosure->getProperty(kHVTLSClientCertificate), kRtStreamTLSCertificateFile},
+                        {fClosure->getProperty(kHVTLSClientKey), kRtStreamTLSKeyFile},
+                        {verify == kRtBooleanFalse ? verify : nullptr, kRtStreamTLSVerifyPeer}},
+                       &wrongType);
+    if (tls) {
+        if (!RtReadStreamSetProperty(fReadStream, kRtStreamPropertyTLS, tls)) wrongType = true;
+        RtRelease(tls);
+    }
+    if (wrongType) return RTSTR("Can't use the TLS settings");
+
+    if (fClosure->getProperty(kHVHTTPAcceptCompression) == kRtBooleanTrue)
+        RtReadStreamSetProperty(fReadStream, kRtStreamPropertyHTTPAcceptCompression, kRtBooleanTrue);
+    return nullptr;
+}
+
+void HTTPClosureSource::streamFailed() {
+    RtStreamError error = RtReadStreamGetError(fReadStream);
+    HalvoResult *result = getResult();
+    result->becomeFault(error);
+    auto detail =
+        static_cast<RtStringRef>(RtReadStreamCopyProperty(fReadStream, kRtStreamPropertyErrorDetail));
+    if (detail && error.domain == kRtStreamErrorDomainCurl && error.error == kReplyTooLargeError) {
+        // A refused reply: say which property raises the limit.
+        bool head = RtStringHasPrefix(detail, RTSTR("The response head"));
+        RtStringRef advice = RtStringCreateWithFormat(
+            kRtAllocatorDefault, nullptr, RTSTR("%@; raise it with the property %s"), detail,
+            head ? "kHVHTTPMaxReplyHeadLength" : "kHVHTTPMaxReplyLength (hvcall --max-reply BYTES)");
+        RtRelease(detail);
+        detail = advice;
+    }
+    result->addFaultDetail(detail);
+    safeRtRelease(detail);
+    finish();
 }
 
 void HTTPClosureSource::perform() {
@@ -319,10 +471,21 @@ void HTTPClosureSource::perform() {
     case eStreamEndEncountered:
         processBuffer();
         break;
-    case eTimedOut:
+    case eTimedOut: {
         getResult()->becomeFault(RTSTR("Timed Out"), kTimedOutStreamError);
+        int32_t seconds = 0;
+        RtTypeRef timeout = fClosure->getProperty(kHVMethodInvocationTimeoutValue);
+        if (timeout && RtGetTypeID(timeout) == RtNumberGetTypeID())
+            RtNumberGetValue(static_cast<RtNumberRef>(timeout), kRtNumberSInt32Type, &seconds);
+        RtStringRef detail = RtStringCreateWithFormat(
+            kRtAllocatorDefault, nullptr,
+            RTSTR("No complete reply within %d seconds (the property kHVMethodInvocationTimeoutValue)"),
+            static_cast<int>(seconds));
+        getResult()->addFaultDetail(detail);
+        safeRtRelease(detail);
         finish();
         break;
+    }
     default:
         if (gHVDebugVerbose) _hvLogf("Unknown state: %d", fState);
         getResult()->becomeFault(RTSTR("Uknown State")); // spelled so on purpose
@@ -357,8 +520,7 @@ void HTTPClosureSource::readStreamCallback(RtStreamEventType type) {
         signal();
         break;
     case kRtStreamEventErrorOccurred:
-        getResult()->becomeFault(RtReadStreamGetError(fReadStream));
-        finish();
+        streamFailed();
         break;
     case kRtStreamEventOpenCompleted:
         break;
@@ -439,12 +601,19 @@ void HTTPClosureSource::processBuffer() {
             RtStringRef statusLine = RtHTTPMessageCopyResponseStatusLine(response);
             result->becomeFault(statusLine, kTransportStreamError);
             safeRtRelease(statusLine);
+            if (status == 401)
+                result->addFaultDetail(RTSTR("The server wants credentials, or refused the ones sent: set "
+                                             "kHVAuthInfo or put user:password in the URL (hvcall --user)"));
+            else if (status == 407)
+                result->addFaultDetail(RTSTR("The proxy wants credentials, or refused the ones sent: set "
+                                             "kHVAuthInfo with kHVAuthInfo_forProxy true"));
         }
     }
 
     // The raw exchange goes into every result, fault or not.
     if (fOutgoingHeaders && fHttpMessage) {
-        RtDictionaryRef headers = RtHTTPMessageCopyAllHeaderFields(fHttpMessage);
+        RtDictionaryRef headers =
+            maskCredentials(fHttpMessage, RtHTTPMessageCopyAllHeaderFields(fHttpMessage));
         if (headers) {
             result->addToResult(kHVDebugOutgoingHeaders, headers);
             RtRelease(headers);

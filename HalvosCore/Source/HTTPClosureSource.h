@@ -52,6 +52,11 @@ class HTTPClosureSource : public ClosureSource {
     void fillReadBuffer();
     // Judges the reply, parses it, captures the debug entries and finishes.
     void processBuffer();
+    // Puts the opt-in settings (reply limits, authentication, TLS, compression) on the stream;
+    // NULL, or the fault message that ends the call.
+    RtStringRef applyTransportSettings();
+    // Ends the call with the stream's error and its detail.
+    void streamFailed();
     // Releases everything a finished transaction left behind and starts a fresh result.
     void resetTransaction();
     void releaseStream();

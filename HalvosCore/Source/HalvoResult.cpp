@@ -75,6 +75,17 @@ void HalvoResult::becomeFault(RtStringRef faultString, int32_t faultCode, RtData
     }
 }
 
+void HalvoResult::addFaultDetail(RtStringRef detail) {
+    RtTypeRef extra = RtDictionaryGetValue(fResult, kHVFaultExtra);
+    if (!detail || RtGetTypeID(extra) != RtDictionaryGetTypeID()) return;
+    RtMutableDictionaryRef withDetail =
+        RtDictionaryCreateMutableCopy(kRtAllocatorDefault, 0, static_cast<RtDictionaryRef>(extra));
+    if (!withDetail) return;
+    RtDictionarySetValue(withDetail, kHVStreamErrorDetail, detail);
+    setFaultExtra(withDetail);
+    RtRelease(withDetail);
+}
+
 bool HalvoResult::isFault() const {
     return RtDictionaryGetValue(fResult, isFaultKey()) == kRtBooleanTrue;
 }

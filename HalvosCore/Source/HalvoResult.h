@@ -31,6 +31,10 @@ class HalvoResult {
     // A fault with its own string and code; a non-NULL data becomes the extra as text.
     void becomeFault(RtStringRef faultString, int32_t faultCode, RtDataRef data, RtStringEncoding encoding);
 
+    // Adds "detail" (kHVStreamErrorDetail) to a transport fault's stream-error dictionary; does
+    // nothing for a NULL detail or a fault without that dictionary.
+    void addFaultDetail(RtStringRef detail);
+
     bool isFault() const;
     // A new immutable copy of the result (values shared). Caller releases.
     RtDictionaryRef copyDictionary() const;

@@ -16,6 +16,7 @@
 #include <atomic>
 #include <cctype>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <string>
@@ -33,6 +34,25 @@ const RtStringRef kRtStreamPropertyHTTPShouldAutoredirect =
     __RtStringMakeConstantString("kRtStreamPropertyHTTPShouldAutoredirect");
 const RtStringRef kRtStreamPropertyHTTPFinalURL =
     __RtStringMakeConstantString("kRtStreamPropertyHTTPFinalURL");
+const RtStringRef kRtStreamPropertyHTTPMaxBodyLength =
+    __RtStringMakeConstantString("kRtStreamPropertyHTTPMaxBodyLength");
+const RtStringRef kRtStreamPropertyHTTPMaxHeadLength =
+    __RtStringMakeConstantString("kRtStreamPropertyHTTPMaxHeadLength");
+const RtStringRef kRtStreamPropertyHTTPAuthentication =
+    __RtStringMakeConstantString("kRtStreamPropertyHTTPAuthentication");
+const RtStringRef kRtStreamHTTPAuthUser = __RtStringMakeConstantString("kRtStreamHTTPAuthUser");
+const RtStringRef kRtStreamHTTPAuthPassword = __RtStringMakeConstantString("kRtStreamHTTPAuthPassword");
+const RtStringRef kRtStreamHTTPAuthScheme = __RtStringMakeConstantString("kRtStreamHTTPAuthScheme");
+const RtStringRef kRtStreamHTTPAuthForProxy = __RtStringMakeConstantString("kRtStreamHTTPAuthForProxy");
+const RtStringRef kRtStreamPropertyTLS = __RtStringMakeConstantString("kRtStreamPropertyTLS");
+const RtStringRef kRtStreamTLSCAFile = __RtStringMakeConstantString("kRtStreamTLSCAFile");
+const RtStringRef kRtStreamTLSCADirectory = __RtStringMakeConstantString("kRtStreamTLSCADirectory");
+const RtStringRef kRtStreamTLSCertificateFile = __RtStringMakeConstantString("kRtStreamTLSCertificateFile");
+const RtStringRef kRtStreamTLSKeyFile = __RtStringMakeConstantString("kRtStreamTLSKeyFile");
+const RtStringRef kRtStreamTLSVerifyPeer = __RtStringMakeConstantString("kRtStreamTLSVerifyPeer");
+const RtStringRef kRtStreamPropertyHTTPAcceptCompression =
+    __RtStringMakeConstantString("kRtStreamPropertyHTTPAcceptCompression");
+const RtStringRef kRtStreamPropertyErrorDetail = __RtStringMakeConstantString("kRtStreamPropertyErrorDetail");
 
 namespace {
 
@@ -59,6 +79,21 @@ struct StreamState final : rt::CurlTransfer {
 
     RtDictionaryRef fProxy = nullptr;
     bool fAutoredirect = false;
+
+    // The opt-in settings, taken from their properties when set and applied at open.
+    uint64_t fMaxBody = 0, fMaxHead = 0; // 0: no limit of ours
+    bool fHasAuth = false, fAuthForProxy = false;
+    unsigned long fAuthMask = CURLAUTH_ANY;
+    std::string fAuthUser, fAuthPassword;
+    bool fHasTLS = false, fVerifyPeer = true;
+    std::string fCAFile, fCADirectory, fCertificateFile, fKeyFile;
+    bool fCompression = false;
+    // Counted against the limits: the current response's head and body.
+    uint64_t fBodyBytes = 0;
+    size_t fHeadBytes = 0;
+    bool fRefused = false;            // a limit stopped the transfer; fDetail says which
+    std::string fDetail;              // why the transfer failed, once it has
+    char fErrorText[CURL_ERROR_SIZE]; // libcurl's message for the failure
 
     rt::CurlDriver *fDriver = nullptr;
     CURL *fEasy = nullptr;
@@ -191,6 +226,24 @@ void stopTransfer(StreamState &st) {
     st.fParsedURL = nullptr;
 }
 
+// Why a failed transfer failed, in words: ours for what the stream refused, libcurl's message
+// otherwise (its error buffer, else the text of its code).
+void describeFailure(StreamState &st, CURLcode result) {
+    if (st.fRefused) return; // the refusal wrote its own
+    long redirects = 0;
+    curl_easy_getinfo(st.fEasy, CURLINFO_REDIRECT_COUNT, &redirects);
+    if (result == CURLE_UNSUPPORTED_PROTOCOL && st.fAutoredirect && redirects > 0) {
+        std::string target = st.fEffectiveURL;
+        char *next = nullptr;
+        if (curl_easy_getinfo(st.fEasy, CURLINFO_REDIRECT_URL, &next) == CURLE_OK && next) target = next;
+        std::string scheme = target.substr(0, target.find(':'));
+        st.fDetail = "Refused to follow a redirect to a " + scheme +
+                     " URL: redirects are followed only to http and https URLs";
+        return;
+    }
+    st.fDetail = st.fErrorText[0] ? st.fErrorText : curl_easy_strerror(result);
+}
+
 void StreamState::transferDone(CURLcode result) {
     fInMulti = false;
     fTransferDone = true;
@@ -201,14 +254,36 @@ void StreamState::transferDone(CURLcode result) {
         fEffectiveURL.assign(effective);
         fHasEffectiveURL = true;
     }
+    if (result != CURLE_OK) describeFailure(*this, result);
     stopTransfer(*this);
     if (result == CURLE_OK) {
         post(*this, kRtStreamEventEndEncountered);
     } else {
         fStatus = kRtStreamStatusError;
-        fError = {kRtStreamErrorDomainCurl, int32_t(result)};
+        fError = {kRtStreamErrorDomainCurl, int32_t(fRefused ? CURLE_FILESIZE_EXCEEDED : result)};
         post(*this, kRtStreamEventErrorOccurred);
     }
+}
+
+// Stops the transfer over a limit: the callback that calls this returns a short count, which
+// ends the transfer with a write error that transferDone reports as the limit's.
+size_t refuse(StreamState &st, std::string detail) {
+    st.fRefused = true;
+    st.fDetail = std::move(detail);
+    return 0;
+}
+
+// The Content-Length of a final response head, or -1 when it has none (or an unreadable one).
+int64_t declaredLength(RtHTTPMessageRef response) {
+    RtStringRef value = RtHTTPMessageCopyHeaderFieldValue(response, RTSTR("Content-Length"));
+    if (!value) return -1;
+    std::string text;
+    rt::appendUTF8(text, value);
+    RtRelease(value);
+    errno = 0;
+    char *end = nullptr;
+    long long length = std::strtoll(text.c_str(), &end, 10);
+    return errno || end == text.c_str() || length < 0 ? -1 : int64_t(length);
 }
 
 // ---- libcurl callbacks (record only; never call the client) -----------------------------------
@@ -221,20 +296,39 @@ size_t _headerCallback(char *buffer, size_t size, size_t count, void *userdata) 
         st.fHead.reserve(512);          // a usual head at once, instead of growing by lines
         st.fHead.assign(line);
         st.fInHead = true;
-        return n;
+        st.fHeadBytes = 0;
+        st.fBodyBytes = 0;
+    } else if (st.fInHead) {
+        st.fHead.append(line);
+    } else {
+        return n; // trailers after a chunked body
     }
-    if (!st.fInHead) return n; // trailers after a chunked body
-    st.fHead.append(line);
+    st.fHeadBytes += n;
+    if (st.fMaxHead && st.fHeadBytes > st.fMaxHead)
+        return refuse(st, "The response head is larger than the limit of " + std::to_string(st.fMaxHead) +
+                              " bytes");
     if (line != "\r\n" && line != "\n") return n;
     st.fInHead = false;
     RtHTTPMessageRef response = rt::createResponseFromHead(st.fHead);
     st.fHead.clear();
     // Interim 1xx heads are not the response.
-    if (response && RtHTTPMessageGetResponseStatusCode(response) >= 200) {
+    int32_t status = response ? RtHTTPMessageGetResponseStatusCode(response) : 0;
+    if (status >= 200) {
         RtRelease(st.fResponse);
         st.fResponse = response;
     } else {
         RtRelease(response);
+        return n;
+    }
+    // A body declared too large is refused before any of it arrives (a redirect's body, which
+    // libcurl skips, does not count).
+    bool followed = st.fAutoredirect && status >= 300 && status < 400;
+    if (st.fMaxBody && !followed) {
+        int64_t declared = declaredLength(st.fResponse);
+        if (declared >= 0 && uint64_t(declared) > st.fMaxBody)
+            return refuse(st, "The reply body of " + std::to_string(declared) +
+                                  " bytes (its Content-Length) is larger than the limit of " +
+                                  std::to_string(st.fMaxBody) + " bytes");
     }
     return n;
 }
@@ -242,6 +336,10 @@ size_t _headerCallback(char *buffer, size_t size, size_t count, void *userdata) 
 size_t _writeCallback(char *data, size_t size, size_t count, void *userdata) {
     auto &st = *static_cast<StreamState *>(userdata);
     size_t n = size * count;
+    st.fBodyBytes += n;
+    if (st.fMaxBody && st.fBodyBytes > st.fMaxBody)
+        return refuse(st,
+                      "The reply body is larger than the limit of " + std::to_string(st.fMaxBody) + " bytes");
     if (st.fReadPos > 0 && st.fReadPos >= st.fBuffer.size() / 2) { // reclaim what was read
         st.fBuffer.erase(0, st.fReadPos);
         st.fReadPos = 0;
@@ -365,6 +463,17 @@ void headerLines(RtHTTPMessageRef request, const std::string &urlHost, std::stri
     }
 }
 
+// The UTF-8 text of a string entry into text ("" when the key is absent); false when the entry is
+// not a string or holds a NUL (which libcurl would cut the text at).
+bool copyText(RtDictionaryRef dict, RtStringRef key, std::string &text) {
+    text.clear();
+    RtTypeRef value = RtDictionaryGetValue(dict, key);
+    if (!value) return true;
+    if (RtGetTypeID(value) != RtStringGetTypeID()) return false;
+    rt::appendUTF8(text, static_cast<RtStringRef>(value));
+    return text.find('\0') == std::string::npos;
+}
+
 // Sets up st.fEasy for the request; errno-style code on failure (0 on success).
 int configureTransfer(StreamState &st) {
     RtHTTPMessageRef request = st.fRequest;
@@ -422,6 +531,27 @@ int configureTransfer(StreamState &st) {
     set(CURLOPT_PREREQDATA, &st);
     set(CURLOPT_HTTPHEADER, st.fHeaders->fList);
     set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+    st.fErrorText[0] = '\0';
+    set(CURLOPT_ERRORBUFFER, st.fErrorText);
+    if (st.fHasAuth) { // libcurl never sends these to another host after a redirect
+        bool proxy = st.fAuthForProxy;
+        if (!st.fAuthUser.empty()) { // else the URL's user-info part, when it has one
+            set(proxy ? CURLOPT_PROXYUSERNAME : CURLOPT_USERNAME, st.fAuthUser.c_str());
+            set(proxy ? CURLOPT_PROXYPASSWORD : CURLOPT_PASSWORD, st.fAuthPassword.c_str());
+        }
+        set(proxy ? CURLOPT_PROXYAUTH : CURLOPT_HTTPAUTH, st.fAuthMask);
+    }
+    if (st.fHasTLS) {
+        if (!st.fCAFile.empty()) set(CURLOPT_CAINFO, st.fCAFile.c_str());
+        if (!st.fCADirectory.empty()) set(CURLOPT_CAPATH, st.fCADirectory.c_str());
+        if (!st.fCertificateFile.empty()) set(CURLOPT_SSLCERT, st.fCertificateFile.c_str());
+        if (!st.fKeyFile.empty()) set(CURLOPT_SSLKEY, st.fKeyFile.c_str());
+        if (!st.fVerifyPeer) {
+            set(CURLOPT_SSL_VERIFYPEER, 0L);
+            set(CURLOPT_SSL_VERIFYHOST, 0L);
+        }
+    }
+    if (st.fCompression) set(CURLOPT_ACCEPT_ENCODING, "gzip, deflate"); // decoded by libcurl
 
     // Only the proxy property proxies: the environment's proxy variables are ignored.
     const void *host = st.fProxy ? RtDictionaryGetValue(st.fProxy, kRtStreamPropertyHTTPProxyHost) : nullptr;
@@ -623,6 +753,10 @@ RtTypeRef RtReadStreamCopyProperty(RtReadStreamRef stream, RtStringRef propertyN
     if (RtEqual(propertyName, kRtStreamPropertyHTTPProxy)) return RtRetain(st.fProxy);
     if (RtEqual(propertyName, kRtStreamPropertyHTTPShouldAutoredirect))
         return st.fAutoredirect ? kRtBooleanTrue : kRtBooleanFalse;
+    if (RtEqual(propertyName, kRtStreamPropertyErrorDetail))
+        return st.fStatus == kRtStreamStatusError && !st.fDetail.empty()
+                   ? RtStringCreateWithCString(kRtAllocatorDefault, st.fDetail.c_str(), kRtStringEncodingUTF8)
+                   : nullptr;
     if (RtEqual(propertyName, kRtStreamPropertyHTTPFinalURL)) {
         if (st.fHasEffectiveURL) {
             st.fHasEffectiveURL = false;
@@ -649,6 +783,60 @@ bool RtReadStreamSetProperty(RtReadStreamRef stream, RtStringRef propertyName, R
         st.fProxy = propertyValue ? RtDictionaryCreateCopy(kRtAllocatorDefault,
                                                            static_cast<RtDictionaryRef>(propertyValue))
                                   : nullptr;
+        return true;
+    }
+    if (RtEqual(propertyName, kRtStreamPropertyHTTPMaxBodyLength) ||
+        RtEqual(propertyName, kRtStreamPropertyHTTPMaxHeadLength)) {
+        int64_t v = 0;
+        if (!propertyValue || RtGetTypeID(propertyValue) != RtNumberGetTypeID() ||
+            !RtNumberGetValue(static_cast<RtNumberRef>(propertyValue), kRtNumberSInt64Type, &v) || v < 0)
+            return false;
+        (RtEqual(propertyName, kRtStreamPropertyHTTPMaxBodyLength) ? st.fMaxBody : st.fMaxHead) = uint64_t(v);
+        return true;
+    }
+    if (RtEqual(propertyName, kRtStreamPropertyHTTPAuthentication)) {
+        if (!propertyValue) {
+            st.fHasAuth = false;
+            return true;
+        }
+        if (RtGetTypeID(propertyValue) != RtDictionaryGetTypeID()) return false;
+        auto dict = static_cast<RtDictionaryRef>(propertyValue);
+        std::string scheme;
+        if (!copyText(dict, kRtStreamHTTPAuthUser, st.fAuthUser) ||
+            !copyText(dict, kRtStreamHTTPAuthPassword, st.fAuthPassword) ||
+            !copyText(dict, kRtStreamHTTPAuthScheme, scheme))
+            return false;
+        if (scheme.empty() || equalsIgnoringCase(scheme, "Any"))
+            st.fAuthMask = CURLAUTH_ANY;
+        else if (equalsIgnoringCase(scheme, "Basic"))
+            st.fAuthMask = CURLAUTH_BASIC;
+        else if (equalsIgnoringCase(scheme, "Digest"))
+            st.fAuthMask = CURLAUTH_DIGEST;
+        else
+            return false;
+        st.fAuthForProxy = RtDictionaryGetValue(dict, kRtStreamHTTPAuthForProxy) == kRtBooleanTrue;
+        st.fHasAuth = true;
+        return true;
+    }
+    if (RtEqual(propertyName, kRtStreamPropertyTLS)) {
+        if (!propertyValue) {
+            st.fHasTLS = false;
+            return true;
+        }
+        if (RtGetTypeID(propertyValue) != RtDictionaryGetTypeID()) return false;
+        auto dict = static_cast<RtDictionaryRef>(propertyValue);
+        if (!copyText(dict, kRtStreamTLSCAFile, st.fCAFile) ||
+            !copyText(dict, kRtStreamTLSCADirectory, st.fCADirectory) ||
+            !copyText(dict, kRtStreamTLSCertificateFile, st.fCertificateFile) ||
+            !copyText(dict, kRtStreamTLSKeyFile, st.fKeyFile))
+            return false;
+        st.fVerifyPeer = RtDictionaryGetValue(dict, kRtStreamTLSVerifyPeer) != kRtBooleanFalse;
+        st.fHasTLS = true;
+        return true;
+    }
+    if (RtEqual(propertyName, kRtStreamPropertyHTTPAcceptCompression)) {
+        if (propertyValue != kRtBooleanTrue && propertyValue != kRtBooleanFalse) return false;
+        st.fCompression = propertyValue == kRtBooleanTrue;
         return true;
     }
     if (RtEqual(propertyName, kRtStreamPropertyHTTPShouldAutoredirect)) {

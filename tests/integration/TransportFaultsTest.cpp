@@ -21,6 +21,20 @@ using testing::HasSubstr;
 
 namespace {
 
+// A whole 302 reply sending the client to location.
+std::string redirectTo(const std::string &location) {
+    return "HTTP/1.1 302 Found\r\nLocation: " + location + "\r\nContent-Length: 0\r\n\r\n";
+}
+
+// A response head of 300 KiB in ordinary 100-byte lines, never ended.
+std::string hugeHead() {
+    std::string head = "HTTP/1.1 200 OK\r\n";
+    for (int i = 0; i < 3072; i++)
+        head +=
+            "X-Fill-" + std::to_string(i) + ": " + std::string(88 - std::to_string(i).size(), 'f') + "\r\n";
+    return head;
+}
+
 // Counts the runtime objects alive around one test: every call's objects must be gone once its
 // outcome is released. The first calls of the process fill caches that live for good (the
 // thread's run loop, the User-Agent text, the protocols' tables), so warm-up calls run before
@@ -99,6 +113,9 @@ TEST_P(TransportFaults, Matrix) {
         int32_t timeout = 0; // seconds; 0 for no time-out property
         bool judged = false;
         RtStringRef protocol = kHVXMLRPCProtocol;
+        const char *detail = nullptr; // a regular expression the fault's detail contains
+        RtStringRef property = nullptr;
+        int64_t value = 0;
     } rows[] = {
         // name                 script                              url     domain error (CURLcode in domain
         // 20)
@@ -128,6 +145,31 @@ TEST_P(TransportFaults, Matrix) {
          "~\\(line 2, pos ", 0, true},
         {"invalid UTF-8, SOAP", FaultScript::reply("200 OK", "text/xml; charset=utf-8", notUTF8), local, -1,
          -65795, "~\\(line 2, pos ", 0, true, kHVSOAP2001Protocol},
+        // Reply limits: refused from the Content-Length before the body, or as the body passes
+        // the limit; a head over the default limit of 256 KiB. Error 63: CURLE_FILESIZE_EXCEEDED.
+        {"body declared over the limit",
+         FaultScript::reply("200 OK", "text/xml", std::string(5000, ' ') + kHelloReply), local, 20, 63,
+         "Stream Error", 0, false, kHVXMLRPCProtocol,
+         "Content-Length.* larger than the limit of 1000 bytes; raise it with the property "
+         "kHVHTTPMaxReplyLength",
+         kHVHTTPMaxReplyLength, 1000},
+        {"body passes the limit",
+         FaultScript().readRequest().send("HTTP/1.1 200 OK\r\nContent-Type: text/xml\r\n\r\n" +
+                                          std::string(5000, ' ') + kHelloReply),
+         local, 20, 63, "Stream Error", 0, false, kHVXMLRPCProtocol,
+         "^The reply body is larger than the limit of 1000 bytes; .*--max-reply", kHVHTTPMaxReplyLength,
+         1000},
+        {"head over the default limit", FaultScript().readRequest().send(hugeHead()), local, 20, 63,
+         "Stream Error", 0, false, kHVXMLRPCProtocol,
+         "^The response head is larger than the limit of 262144 bytes; .*kHVHTTPMaxReplyHeadLength"},
+        {"redirect to file", FaultScript().readRequest().send(redirectTo("file:///etc/passwd")), local, 20, 1,
+         "Stream Error", 0, false, kHVXMLRPCProtocol, "redirect to a file URL: .*only to http and https"},
+        {"redirect to gopher", FaultScript().readRequest().send(redirectTo("gopher://127.0.0.1/1")), local,
+         20, 1, "Stream Error", 0, false, kHVXMLRPCProtocol, "redirect to a gopher URL"},
+        {"trickle past the time-out", FaultScript::slowTrickle(100ms), local, -1, -65796, "Timed Out", 1,
+         false, kHVXMLRPCProtocol, "No complete reply within 1 seconds"},
+        {"status 401", FaultScript::reply("401 Unauthorized", "text/plain", "who?"), local, -1, -65795,
+         "HTTP/1.1 401 Unauthorized", 0, true, kHVXMLRPCProtocol, "wants credentials"},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);
@@ -141,9 +183,16 @@ TEST_P(TransportFaults, Matrix) {
         }
         Invocation call(url, "echo", row.protocol);
         if (row.timeout) call.property(kHVMethodInvocationTimeoutValue, I(row.timeout));
+        if (row.property) call.property(row.property, I(int32_t(row.value)));
         Outcome outcome = call.run(GetParam(), row.timeout ? 1.5 : 0.05);
         ASSERT_EQ(outcome.callbacks, 1);
         expectStreamFault(outcome, row.message, row.domain, row.error);
+        // Every libcurl failure says in words what went wrong.
+        if (row.detail) {
+            EXPECT_THAT(outcome.streamDetail(), testing::ContainsRegex(row.detail));
+        } else if (row.domain == 20) {
+            EXPECT_NE(outcome.streamDetail(), "");
+        }
         if (row.judged)
             expectDebugEntries(outcome, true);
         else
@@ -168,7 +217,9 @@ TEST_P(TransportFaults, SlowAndHugeRepliesArriveWhole) {
     reply.bodyHead = "<?xml version=\"1.0\"?>\n<methodResponse><params><param><value><string>";
     reply.bodyTail = "</string></value></param></params></methodResponse>\n";
     server.reply("*", "*", reply);
-    Outcome huge = Invocation(server.url("/RPC2"), "echo").run(GetParam());
+    // Over the default limit of 64 MiB: raised for this reply.
+    Outcome huge =
+        Invocation(server.url("/RPC2"), "echo").property(kHVHTTPMaxReplyLength, I(200000000)).run(GetParam());
     ASSERT_EQ(huge.callbacks, 1);
     ASSERT_FALSE(huge.isFault()) << huge.streamMessage();
     RtTypeRef value = huge.value(kHVMethodInvocationResult);

@@ -59,6 +59,9 @@ int64_t Outcome::streamDomain() const {
 int64_t Outcome::streamError() const {
     return integer(streamEntry(*this, kHVStreamErrorError));
 }
+std::string Outcome::streamDetail() const {
+    return text(streamEntry(*this, kHVStreamErrorDetail));
+}
 
 Invocation::Invocation(const std::string &url, const char *method, RtStringRef protocol)
     : fRef(nullptr),

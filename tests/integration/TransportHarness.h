@@ -52,6 +52,8 @@ struct Outcome {
     std::string streamMessage() const;
     int64_t streamDomain() const;
     int64_t streamError() const;
+    // Its "detail" text; "" when there is none.
+    std::string streamDetail() const;
 };
 
 // One invocation handle, owned.

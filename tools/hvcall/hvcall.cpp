@@ -42,6 +42,18 @@ const char kUsage[] =
     "  --result-name NAME      SOAP: the reply element to take as the result\n"
     "  --param-names a,b,...   SOAP: the parameters' names (default arg0, arg1, ...);\n"
     "                          XML-RPC parameters have no names\n"
+    "  --user NAME:PASSWORD    authenticate to the server (or, with --proxy-auth, the proxy)\n"
+    "  --auth basic|digest|any the authentication scheme (default any: what the server offers)\n"
+    "  --proxy-auth            send the --user credentials to the --proxy instead\n"
+    "  --cacert FILE           trust the certificate authorities in the PEM FILE (a private CA)\n"
+    "                          instead of the system's\n"
+    "  --capath DIR            trust the certificate authorities in the hashed directory DIR\n"
+    "  --cert FILE             present the client certificate in the PEM FILE\n"
+    "  --key FILE              the PEM FILE holding that certificate's private key\n"
+    "  --insecure              do not verify the server's certificate or name (unsafe)\n"
+    "  --max-reply BYTES       refuse replies larger than BYTES (default 67108864, 64 MiB;\n"
+    "                          0: no limit)\n"
+    "  --compressed            ask for a gzip or deflate compressed reply\n"
     "  --show-wire             print the request and the reply, headers and bodies, on standard error\n"
     "  --help                  print this help\n"
     "\n"
@@ -64,6 +76,12 @@ struct CallOptions {
     bool fHaveParamNames = false;
     std::vector<std::string> fParamNames;
     bool fShowWire = false;
+    std::string fUser, fPassword, fAuthScheme;
+    bool fHaveUser = false, fProxyAuth = false;
+    std::string fCACert, fCAPath, fCert, fKey;
+    bool fInsecure = false;
+    long long fMaxReply = -1;
+    bool fCompressed = false;
     bool fHelp = false;
     std::string fURL;
     std::string fMethod;
@@ -95,9 +113,25 @@ const struct {
     const char *fName;
     bool CallOptions::*fField;
 } kFlags[] = {
-    {"--help", &CallOptions::fHelp},          {"--no-redirects", &CallOptions::fNoRedirects},
-    {"--http1.0", &CallOptions::fHTTP10},     {"--rpc", &CallOptions::fRPC},
+    {"--help", &CallOptions::fHelp},
+    {"--no-redirects", &CallOptions::fNoRedirects},
+    {"--http1.0", &CallOptions::fHTTP10},
+    {"--rpc", &CallOptions::fRPC},
     {"--show-wire", &CallOptions::fShowWire},
+    {"--insecure", &CallOptions::fInsecure},
+    {"--proxy-auth", &CallOptions::fProxyAuth},
+    {"--compressed", &CallOptions::fCompressed},
+};
+
+// The options that take a file or directory path.
+const struct {
+    const char *fName;
+    std::string CallOptions::*fField;
+} kPaths[] = {
+    {"--cacert", &CallOptions::fCACert},
+    {"--capath", &CallOptions::fCAPath},
+    {"--cert", &CallOptions::fCert},
+    {"--key", &CallOptions::fKey},
 };
 
 std::vector<std::string> split(const std::string &text, char separator) {
@@ -149,6 +183,9 @@ bool parseArguments(int argc, char **argv, CallOptions &options, std::string &er
         bool CallOptions::*flag = nullptr;
         for (const auto &row : kFlags)
             if (name == row.fName) flag = row.fField;
+        std::string CallOptions::*path = nullptr;
+        for (const auto &row : kPaths)
+            if (name == row.fName) path = row.fField;
 
         if (flag) {
             if (inlineValue) {
@@ -156,6 +193,45 @@ bool parseArguments(int argc, char **argv, CallOptions &options, std::string &er
                 return false;
             }
             options.*flag = true;
+        } else if (path) {
+            if (!takeValue()) return false;
+            if (value.empty()) {
+                error = name + " needs a path";
+                return false;
+            }
+            options.*path = value;
+        } else if (name == "--user") {
+            if (!takeValue()) return false;
+            size_t colon = value.find(':');
+            if (colon == std::string::npos || colon == 0) {
+                error = "--user takes NAME:PASSWORD";
+                return false;
+            }
+            options.fUser = value.substr(0, colon);
+            options.fPassword = value.substr(colon + 1);
+            options.fHaveUser = true;
+        } else if (name == "--auth") {
+            if (!takeValue()) return false;
+            if (value == "basic")
+                options.fAuthScheme = "Basic";
+            else if (value == "digest")
+                options.fAuthScheme = "Digest";
+            else if (value == "any")
+                options.fAuthScheme = "Any";
+            else {
+                error = "--auth takes basic, digest or any, not '" + value + "'";
+                return false;
+            }
+        } else if (name == "--max-reply") {
+            if (!takeValue()) return false;
+            char *end = nullptr;
+            errno = 0;
+            long long bytes = strtoll(value.c_str(), &end, 10);
+            if (value.empty() || *end || errno || bytes < 0) {
+                error = "--max-reply takes a number of bytes, not '" + value + "'";
+                return false;
+            }
+            options.fMaxReply = bytes;
         } else if (name == "--protocol") {
             if (!takeValue()) return false;
             if (value == "xmlrpc")
@@ -214,6 +290,18 @@ bool parseArguments(int argc, char **argv, CallOptions &options, std::string &er
         }
     }
     if (options.fHelp) return true;
+    if (!options.fHaveUser && (options.fProxyAuth || !options.fAuthScheme.empty())) {
+        error = "--auth and --proxy-auth need --user";
+        return false;
+    }
+    if (options.fProxyAuth && options.fProxy.empty()) {
+        error = "--proxy-auth needs --proxy";
+        return false;
+    }
+    if (options.fKey.size() && options.fCert.empty()) {
+        error = "--key needs --cert";
+        return false;
+    }
     if (argc - i < 2) {
         error = "URL and METHOD are required";
         return false;
@@ -289,9 +377,23 @@ std::string bodyText(RtTypeRef body) {
     return body ? hvtools::describe(body) : std::string();
 }
 
+// url with the password of its user-info part (if any) replaced by "***".
+std::string withoutPassword(const std::string &url) {
+    size_t scheme = url.find("://");
+    if (scheme == std::string::npos) return url;
+    size_t authority = scheme + 3;
+    size_t end = url.find_first_of("/?#", authority);
+    size_t at = url.rfind('@', end == std::string::npos ? url.size() : end);
+    if (at == std::string::npos || at < authority) return url;
+    size_t colon = url.find(':', authority);
+    if (colon == std::string::npos || colon > at) return url;
+    return url.substr(0, colon + 1) + "***" + url.substr(at);
+}
+
 // The exchange as the transport recorded it in the result's debug entries.
 void printWire(RtDictionaryRef result, const CallOptions &options) {
-    fprintf(stderr, "> POST %s %s\n", options.fURL.c_str(), options.fHTTP10 ? "HTTP/1.0" : "HTTP/1.1");
+    fprintf(stderr, "> POST %s %s\n", withoutPassword(options.fURL).c_str(),
+            options.fHTTP10 ? "HTTP/1.0" : "HTTP/1.1");
     printHeaders("> ", RtDictionaryGetValue(result, kHVDebugOutgoingHeaders));
     fprintf(stderr, ">\n");
     printMarked("> ", bodyText(RtDictionaryGetValue(result, kHVDebugOutgoingBody)));
@@ -316,8 +418,16 @@ void printFault(RtDictionaryRef result) {
     RtTypeRef string = RtDictionaryGetValue(result, kHVFaultString);
     fprintf(stderr, "hvcall: fault %d: %s\n", code,
             string ? hvtools::describe(string).c_str() : "(no fault string)");
-    if (RtTypeRef extra = RtDictionaryGetValue(result, kHVFaultExtra))
+    if (RtTypeRef extra = RtDictionaryGetValue(result, kHVFaultExtra)) {
         fprintf(stderr, "hvcall: fault extra: %s\n", hvtools::jsonFromValue(extra).c_str());
+        // What went wrong in words, on a line of its own.
+        RtTypeRef detail =
+            RtGetTypeID(extra) == RtDictionaryGetTypeID()
+                ? RtDictionaryGetValue(static_cast<RtDictionaryRef>(extra), kHVStreamErrorDetail)
+                : nullptr;
+        if (RtGetTypeID(detail) == RtStringGetTypeID())
+            fprintf(stderr, "hvcall: %s\n", hvtools::describe(detail).c_str());
+    }
 }
 
 int usageError(const std::string &reason) {
@@ -393,6 +503,39 @@ int call(const CallOptions &options) {
     if (options.fNoRedirects)
         HVMethodInvocationSetProperty(invocation, kHVHTTPFollowsRedirects, kRtBooleanFalse);
     if (options.fHTTP10) HVMethodInvocationSetProperty(invocation, kHVHTTPVersion, kRtHTTPVersion1_0);
+    if (options.fHaveUser) {
+        RtMutableDictionaryRef auth = owned.keep(RtDictionaryCreateMutable(
+            kRtAllocatorDefault, 0, &kRtTypeDictionaryKeyCallBacks, &kRtTypeDictionaryValueCallBacks));
+        RtStringRef user = owned.keep(hvtools::createString(options.fUser));
+        RtStringRef password = owned.keep(hvtools::createString(options.fPassword));
+        if (!user || !password) return usageError("--user is not valid UTF-8");
+        RtDictionarySetValue(auth, kHVAuthInfo_user, user);
+        RtDictionarySetValue(auth, kHVAuthInfo_password, password);
+        if (!options.fAuthScheme.empty())
+            RtDictionarySetValue(auth, kHVAuthInfo_authScheme,
+                                 owned.keep(hvtools::createString(options.fAuthScheme)));
+        if (options.fProxyAuth) RtDictionarySetValue(auth, kHVAuthInfo_forProxy, kRtBooleanTrue);
+        HVMethodInvocationSetProperty(invocation, kHVAuthInfo, auth);
+    }
+    //             option value          property
+    const std::pair<const std::string *, RtStringRef> tlsPaths[] = {{&options.fCACert, kHVTLSCAFile},
+                                                                    {&options.fCAPath, kHVTLSCADirectory},
+                                                                    {&options.fCert, kHVTLSClientCertificate},
+                                                                    {&options.fKey, kHVTLSClientKey}};
+    for (const auto &tls : tlsPaths) {
+        if (tls.first->empty()) continue;
+        RtStringRef text = hvtools::createString(*tls.first);
+        if (!text) return usageError("a path is not valid UTF-8");
+        setProperty(invocation, tls.second, text, owned);
+    }
+    if (options.fInsecure) HVMethodInvocationSetProperty(invocation, kHVTLSVerifyPeer, kRtBooleanFalse);
+    if (options.fMaxReply >= 0) {
+        int64_t bytes = options.fMaxReply;
+        setProperty(invocation, kHVHTTPMaxReplyLength,
+                    RtNumberCreate(kRtAllocatorDefault, kRtNumberSInt64Type, &bytes), owned);
+    }
+    if (options.fCompressed)
+        HVMethodInvocationSetProperty(invocation, kHVHTTPAcceptCompression, kRtBooleanTrue);
     if (!options.fNamespace.empty())
         setProperty(invocation, kHVSOAPMethodNamespaceURI, hvtools::createString(options.fNamespace), owned);
     if (options.fRPC) HVMethodInvocationSetProperty(invocation, kHVSOAPBodyEncodingStyle, kHVSOAPStyleRPC);

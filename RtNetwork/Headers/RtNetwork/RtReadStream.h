@@ -88,6 +88,47 @@ RT_EXPORT extern const RtStringRef kRtStreamPropertyHTTPShouldAutoredirect;
 /** Property: the URL the response came from, after redirects (read only). */
 RT_EXPORT extern const RtStringRef kRtStreamPropertyHTTPFinalURL;
 
+/** Property: the largest response body accepted, in bytes (number; 0, the default, for no limit). A body that
+ * declares more in its Content-Length is refused when its head arrives, one without a length the
+ * moment it passes the limit; the limit counts decoded bytes when compression is accepted. The
+ * stream then fails with {kRtStreamErrorDomainCurl, 63} (CURLE_FILESIZE_EXCEEDED). */
+RT_EXPORT extern const RtStringRef kRtStreamPropertyHTTPMaxBodyLength;
+/** Property: the largest response head accepted, in bytes, counting every line of one response's head
+ * (number; 0, the default, for libcurl's own limits). Refused as the body limit is. */
+RT_EXPORT extern const RtStringRef kRtStreamPropertyHTTPMaxHeadLength;
+/** Property: authentication, a dictionary of the four keys below. Without it, credentials in the URL's
+ * user-info part are sent with Basic authentication. Never sent to another host after a
+ * redirect. */
+RT_EXPORT extern const RtStringRef kRtStreamPropertyHTTPAuthentication;
+/** Key of the authentication dictionary: the user name, a string. */
+RT_EXPORT extern const RtStringRef kRtStreamHTTPAuthUser;
+/** Key of the authentication dictionary: the password, a string. */
+RT_EXPORT extern const RtStringRef kRtStreamHTTPAuthPassword;
+/** Key of the authentication dictionary: the scheme, a string "Basic", "Digest" or "Any" (the
+ * default: whichever the server offers). */
+RT_EXPORT extern const RtStringRef kRtStreamHTTPAuthScheme;
+/** Key of the authentication dictionary: a boolean, true to authenticate to the proxy. */
+RT_EXPORT extern const RtStringRef kRtStreamHTTPAuthForProxy;
+/** Property: TLS settings, a dictionary of the keys below (every one optional). Without them the peer's
+ * certificate chain is verified against the system's trust store, and its name against the host. */
+RT_EXPORT extern const RtStringRef kRtStreamPropertyTLS;
+/** Key of the TLS dictionary: a PEM file of the CAs to trust instead of the system's. */
+RT_EXPORT extern const RtStringRef kRtStreamTLSCAFile;
+/** Key of the TLS dictionary: a directory of CA certificates named by their hashes. */
+RT_EXPORT extern const RtStringRef kRtStreamTLSCADirectory;
+/** Key of the TLS dictionary: the client certificate to present, a PEM file. */
+RT_EXPORT extern const RtStringRef kRtStreamTLSCertificateFile;
+/** Key of the TLS dictionary: the client certificate's private key, a PEM file. */
+RT_EXPORT extern const RtStringRef kRtStreamTLSKeyFile;
+/** Key of the TLS dictionary: a boolean; false turns verification of the peer's certificate and
+ * name off. */
+RT_EXPORT extern const RtStringRef kRtStreamTLSVerifyPeer;
+/** Property: boolean, default false: ask for gzip or deflate compressed replies and decode them. */
+RT_EXPORT extern const RtStringRef kRtStreamPropertyHTTPAcceptCompression;
+/** Property, read only: a string that says why the stream failed (libcurl's own message, or the
+ * stream's for a refused reply or redirect); NULL while no error occurred. */
+RT_EXPORT extern const RtStringRef kRtStreamPropertyErrorDetail;
+
 /** The runtime type of read streams. */
 RT_EXPORT RtTypeID RtReadStreamGetTypeID(void);
 /** A stream for request (copied); the caller releases it. NULL when request is NULL or not a
