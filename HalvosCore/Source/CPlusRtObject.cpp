@@ -67,19 +67,21 @@ void OpaqueHVMethodInvocationRef::_rtDealloc(RtTypeRef obj) {
 
 // The URL's text with the password of its user-info part (when it has one) shown as "***".
 static RtStringRef copyURLTextWithoutPassword(RtURLRef url) {
-    if (!url) return nullptr;
-    RtStringRef text = RtURLGetString(url);
-    RtStringRef password = RtURLCopyPassword(url);
-    if (!password || RtStringGetLength(password) == 0 || !text) {
-        safeRtRelease(password);
-        return static_cast<RtStringRef>(safeRtRetain(text));
+    RtStringRef text = url ? RtURLGetString(url) : nullptr;
+    if (!text) return nullptr;
+    RtIndex length = RtStringGetLength(text);
+    RtRange scheme = RtStringFind(text, RTSTR("://"), 0);
+    RtIndex colon = kRtNotFound, at = kRtNotFound;
+    for (RtIndex i = scheme.location == kRtNotFound ? length : scheme.location + 3; i < length; i++) {
+        RtUniChar c = RtStringGetCharacterAtIndex(text, i);
+        if (c == '/' || c == '?' || c == '#') break; // the end of the authority
+        if (c == ':' && colon == kRtNotFound) colon = i;
+        if (c == '@') at = i;
     }
+    if (at == kRtNotFound || colon == kRtNotFound || colon > at)
+        return static_cast<RtStringRef>(RtRetain(text));
     RtMutableStringRef masked = RtStringCreateMutableCopy(kRtAllocatorDefault, 0, text);
-    RtStringRef find = RtStringCreateWithFormat(kRtAllocatorDefault, nullptr, RTSTR(":%@@"), password);
-    if (masked && find)
-        RtStringFindAndReplace(masked, find, RTSTR(":***@"), RtRangeMake(0, RtStringGetLength(masked)), 0);
-    safeRtRelease(find);
-    RtRelease(password);
+    if (masked) RtStringReplace(masked, RtRangeMake(colon + 1, at - colon - 1), RTSTR("***"));
     return masked;
 }
 

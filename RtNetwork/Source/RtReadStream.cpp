@@ -16,7 +16,6 @@
 #include <atomic>
 #include <cctype>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <string>
@@ -273,19 +272,6 @@ size_t refuse(StreamState &st, std::string detail) {
     return 0;
 }
 
-// The Content-Length of a final response head, or -1 when it has none (or an unreadable one).
-int64_t declaredLength(RtHTTPMessageRef response) {
-    RtStringRef value = RtHTTPMessageCopyHeaderFieldValue(response, RTSTR("Content-Length"));
-    if (!value) return -1;
-    std::string text;
-    rt::appendUTF8(text, value);
-    RtRelease(value);
-    errno = 0;
-    char *end = nullptr;
-    long long length = std::strtoll(text.c_str(), &end, 10);
-    return errno || end == text.c_str() || length < 0 ? -1 : int64_t(length);
-}
-
 // ---- libcurl callbacks (record only; never call the client) -----------------------------------
 
 size_t _headerCallback(char *buffer, size_t size, size_t count, void *userdata) {
@@ -324,7 +310,9 @@ size_t _headerCallback(char *buffer, size_t size, size_t count, void *userdata) 
     // libcurl skips, does not count).
     bool followed = st.fAutoredirect && status >= 300 && status < 400;
     if (st.fMaxBody && !followed) {
-        int64_t declared = declaredLength(st.fResponse);
+        // libcurl has read the Content-Length by the head's last line; -1 when there is none.
+        curl_off_t declared = -1;
+        curl_easy_getinfo(st.fEasy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &declared);
         if (declared >= 0 && uint64_t(declared) > st.fMaxBody)
             return refuse(st, "The reply body of " + std::to_string(declared) +
                                   " bytes (its Content-Length) is larger than the limit of " +

@@ -180,6 +180,40 @@ TEST_P(TransportSecurity, OwnAuthorizationFieldIsMaskedInTheCapture) {
               "(hidden)");
 }
 
+// Credentials for the proxy go to the proxy, and only there: a proxy that takes them relays the
+// call, one that refuses them ends it in its 407 status line.
+TEST_P(TransportSecurity, ProxyCredentials) {
+    hvtest::ScriptedHTTPServer proxy;
+    const std::string expected = "Basic YWxpY2U6czNjcmV0Ong="; // alice:s3cret:x
+    proxy.route("*", "*", [&](const hvtest::RecordedRequest &request) {
+        if (request.header("Proxy-Authorization") == expected) return hvtest::ScriptedReply::xml(kHelloReply);
+        hvtest::ScriptedReply refused = hvtest::ScriptedReply::with(407, "text/plain", "who are you?");
+        refused.headers.emplace_back("Proxy-Authenticate", "Basic realm=\"proxy\"");
+        return refused;
+    });
+    Owned proxyURL = newURL(proxy.url("/"));
+    struct Row {
+        const char *password;
+        std::string expected;
+    } rows[] = {
+        {"s3cret:x", "hello"},
+        {"guess", "HTTP/1.1 407 Proxy Authentication Required \\| The proxy wants credentials"},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.password);
+        Owned auth = Dict({{"username", S("alice")},
+                           {"password", S(row.password)},
+                           {"authScheme", S("Basic")},
+                           {"forProxy", Owned::retain(kRtBooleanTrue)}});
+        Outcome outcome = Invocation("http://127.0.0.1:9/RPC2", "echo")
+                              .property(kHVHTTPProxy, proxyURL)
+                              .property(kHVAuthInfo, auth)
+                              .run(GetParam());
+        expectOutcome(outcome, row.expected);
+        EXPECT_FALSE(proxy.lastRequest().hasHeader("Authorization"));
+    }
+}
+
 // Credentials go to the host they were meant for, not to the one a redirect names.
 TEST_P(TransportSecurity, NoCredentialsToAnotherHostAfterARedirect) {
     hvtest::PythonPeer &peer = *Peers::get().plain;
