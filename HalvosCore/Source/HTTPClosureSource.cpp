@@ -132,8 +132,8 @@ void _timerCallback(RtRunLoopTimerRef, void *info) {
 constexpr int32_t kReplyTooLargeError = 63;
 
 // The reply limits when their properties are absent.
-constexpr int64_t kDefaultMaxReplyLength = 64 * 1024 * 1024;
-constexpr int64_t kDefaultMaxReplyHeadLength = 256 * 1024;
+constexpr int64_t kDefaultMaxReplyLength = int64_t(64) * 1024 * 1024;
+constexpr int64_t kDefaultMaxReplyHeadLength = int64_t(256) * 1024;
 
 RtNumberRef createNumber(int64_t value) {
     return RtNumberCreate(kRtAllocatorDefault, kRtNumberSInt64Type, &value);

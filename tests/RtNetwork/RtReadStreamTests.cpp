@@ -63,6 +63,7 @@ struct Outcome {
     int32_t statusCode = 0;
     std::string head; // the response head as serialized again, "" without one
     std::string finalURL;
+    std::string detail; // the error detail, "" without one
     bool fReadPending = false, fDone = false;
     std::function<void(RtReadStreamRef, RtStreamEventType)> fHook;
 
@@ -128,7 +129,9 @@ Outcome exchange(RtHTTPMessageRef request, const std::function<void(RtReadStream
     out.head = response ? takeData(RtHTTPMessageCopySerializedMessage(response)) : "";
     auto *finalURL = static_cast<RtURLRef>(RtReadStreamCopyProperty(stream, kRtStreamPropertyHTTPFinalURL));
     out.finalURL = text(RtURLGetString(finalURL));
-    for (RtTypeRef x : {RtTypeRef(response), RtTypeRef(finalURL), RtTypeRef(stream)})
+    auto *detail = static_cast<RtStringRef>(RtReadStreamCopyProperty(stream, kRtStreamPropertyErrorDetail));
+    out.detail = text(detail);
+    for (RtTypeRef x : {RtTypeRef(response), RtTypeRef(finalURL), RtTypeRef(detail), RtTypeRef(stream)})
         RtRelease(x); // releasing the stream closes it and takes it out of the loop
     return out;
 }
@@ -160,6 +163,7 @@ void expectOneError(const Outcome &out, int code) {
         EXPECT_EQ(code, out.error.error);
     }
     EXPECT_EQ(kRtStreamStatusError, out.status);
+    EXPECT_NE("", out.detail) << "a failure says why in words";
 }
 
 class RtReadStreamTest : public LeakChecked {
@@ -331,6 +335,45 @@ TEST_F(RtReadStreamTest, RefusesWhatItCannotStart) {
     RtRelease(stream); // still scheduled: releasing takes it out of the loop
     RtRelease(req);
     EXPECT_EQ(kRtRunLoopRunFinished, RtRunLoopRunInMode(kMode, 0, false));
+}
+
+// The settings are taken only in their documented form; anything else is refused.
+TEST_F(RtReadStreamTest, SettingsTakenOnlyInTheirForm) {
+    RtHTTPMessageRef req = own(makeRequest("http://127.0.0.1:9/", "GET"));
+    RtReadStreamRef stream = own(RtReadStreamCreateForHTTPRequest(kRtAllocatorDefault, req));
+    int64_t minusOne = -1, ten = 10;
+    RtNumberRef negative = own(RtNumberCreate(nullptr, kRtNumberSInt64Type, &minusOne));
+    RtNumberRef positive = own(RtNumberCreate(nullptr, kRtNumberSInt64Type, &ten));
+    auto dict = [&](RtStringRef key, RtTypeRef value) {
+        const void *keys[] = {key}, *values[] = {value};
+        return own(RtDictionaryCreate(nullptr, keys, values, 1, &kRtTypeDictionaryKeyCallBacks,
+                                      &kRtTypeDictionaryValueCallBacks));
+    };
+    struct Row {
+        const char *name;
+        RtStringRef property;
+        RtTypeRef value;
+        bool taken;
+    } rows[] = {
+        {"body limit", kRtStreamPropertyHTTPMaxBodyLength, positive, true},
+        {"negative body limit", kRtStreamPropertyHTTPMaxBodyLength, negative, false},
+        {"body limit as text", kRtStreamPropertyHTTPMaxBodyLength, RTSTR("10"), false},
+        {"head limit", kRtStreamPropertyHTTPMaxHeadLength, positive, true},
+        {"digest", kRtStreamPropertyHTTPAuthentication, dict(kRtStreamHTTPAuthScheme, RTSTR("digest")), true},
+        {"unknown scheme", kRtStreamPropertyHTTPAuthentication,
+         dict(kRtStreamHTTPAuthScheme, RTSTR("NTLMv9")), false},
+        {"user as a number", kRtStreamPropertyHTTPAuthentication, dict(kRtStreamHTTPAuthUser, positive),
+         false},
+        {"no authentication", kRtStreamPropertyHTTPAuthentication, nullptr, true},
+        {"CA file", kRtStreamPropertyTLS, dict(kRtStreamTLSCAFile, RTSTR("/tmp/ca.pem")), true},
+        {"CA file as a number", kRtStreamPropertyTLS, dict(kRtStreamTLSCAFile, positive), false},
+        {"TLS as text", kRtStreamPropertyTLS, RTSTR("insecure"), false},
+        {"compression", kRtStreamPropertyHTTPAcceptCompression, kRtBooleanTrue, true},
+        {"compression as a number", kRtStreamPropertyHTTPAcceptCompression, positive, false},
+    };
+    for (const Row &row : rows)
+        EXPECT_EQ(row.taken, RtReadStreamSetProperty(stream, row.property, row.value)) << row.name;
+    EXPECT_EQ(nullptr, RtReadStreamCopyProperty(stream, kRtStreamPropertyErrorDetail));
 }
 
 TEST_F(RtReadStreamTest, HTTPSRefusesACertificateNobodyVouchesFor) {
