@@ -2,6 +2,7 @@
 #include "CPlusAutoTypes.h"
 
 #include <cstdlib>
+#include <atomic>
 #include <vector>
 
 RtStringRef rtCreateString(const char *format, va_list arguments) {
@@ -345,18 +346,17 @@ RtArrayRef copyDictionaryKeys(RtDictionaryRef dict) {
 }
 
 RtNumberRef internedInt(int i) {
-    // All fifteen made at once, on the first call of the process (threads arriving together wait
-    // for it); never released.
-    struct Interned {
-        RtNumberRef fNumbers[15];
-        Interned() {
-            for (int n = -3; n <= 11; n++)
-                fNumbers[n + 3] = RtNumberCreate(kRtAllocatorDefault, kRtNumberIntType, &n);
-        }
-    };
-    static const Interned sInterned;
+    // Each made on first use and never released. Threads that reach an empty slot at the same
+    // moment each make a number; the first to store it wins and the others release theirs.
+    static std::atomic<RtNumberRef> sInterned[15];
     // Callers pass small constants (-3 through 11); there is deliberately no bounds check.
-    return sInterned.fNumbers[i + 3];
+    std::atomic<RtNumberRef> &slot = sInterned[i + 3];
+    RtNumberRef number = slot.load(std::memory_order_acquire);
+    if (number) return number;
+    RtNumberRef fresh = RtNumberCreate(kRtAllocatorDefault, kRtNumberIntType, &i);
+    if (slot.compare_exchange_strong(number, fresh, std::memory_order_acq_rel)) return fresh;
+    safeRtRelease(fresh);
+    return number;
 }
 
 int32_t getIntValue(RtNumberRef number) {

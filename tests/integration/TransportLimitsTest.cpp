@@ -4,6 +4,7 @@
 // benchmark does. Once with chunked framing (refused as the body passes 64 MiB), once with the
 // size declared (refused before the body), each on both roads.
 #include "ChildProcess.h"
+#include "TestHTTPClient.h"
 #include "ScriptedHTTPServer.h"
 #include "TransportHarness.h"
 
@@ -22,6 +23,16 @@ using namespace hvit;
 namespace {
 
 constexpr char kURLVariable[] = "HV_LIMIT_CHILD_URL";
+
+// 100 MB for the calls. Under AddressSanitizer (the dev preset) 30 MB more: the sanitizer keeps
+// shadow memory of an eighth of what the process touches (about 12 MB here), and its realloc
+// always copies, so the 64 MiB body's last growth briefly holds the old block beside the new one
+// where glibc would move the pages.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr long kPeakBound = 130L * 1000 * 1000;
+#else
+constexpr long kPeakBound = 100L * 1000 * 1000;
+#endif
 
 // One counter of /proc/self/status in bytes ("VmRSS", "VmHWM"); -1 when unreadable.
 long statusBytes(const char *key) {
@@ -43,6 +54,11 @@ long statusBytes(const char *key) {
 TEST(DISABLED_TransportLimitChild, CallAndMeasure) {
     const char *url = std::getenv(kURLVariable);
     ASSERT_NE(url, nullptr);
+    // What every process pays once (libcurl and its TLS library, the run loop, the library's
+    // tables) is not the reply's: a call that fails at once makes it first.
+    for (Road road : {Road::eSync, Road::eAsync})
+        Invocation("http://127.0.0.1:" + std::to_string(hvtest::freeLoopbackPort()) + "/", "echo")
+            .run(road, 0);
     int reset = open("/proc/self/clear_refs", O_WRONLY);
     ASSERT_GE(reset, 0);
     ASSERT_EQ(write(reset, "5", 1), 1); // the peak counter starts again from here
@@ -63,7 +79,7 @@ TEST(TransportLimits, TwoGigabyteReplyEndsInTheLimitFaultWithBoundedMemory) {
         SCOPED_TRACE(chunked ? "chunked" : "declared");
         hvtest::ScriptedHTTPServer server;
         hvtest::ScriptedReply reply = hvtest::ScriptedReply::xml(piece);
-        reply.bodyRepeat = 20 * 1024; // 2 GiB
+        reply.bodyRepeat = 20 * 1024; // 2,097,152,000 bytes
         reply.chunked = chunked;
         server.reply("*", "*", reply);
         setenv(kURLVariable, server.url("/RPC2").c_str(), 1);
@@ -79,10 +95,10 @@ TEST(TransportLimits, TwoGigabyteReplyEndsInTheLimitFaultWithBoundedMemory) {
         long peak = -1;
         std::sscanf(done.out.c_str() + done.out.find("PEAK "), "PEAK %ld", &peak);
         EXPECT_GT(peak, 0);
-        EXPECT_LT(peak, 100L * 1000 * 1000) << "peak memory growth of the calls";
+        EXPECT_LT(peak, kPeakBound) << "peak memory growth of the calls";
         std::string expected = chunked
                                    ? "FAULT 1 63 The reply body is larger than the limit of 67108864 bytes"
-                                   : "FAULT 1 63 The reply body of 2147483648 bytes";
+                                   : "FAULT 1 63 The reply body of 2097152000 bytes (its Content-Length)";
         size_t first = done.out.find(expected), second = done.out.rfind(expected);
         EXPECT_NE(first, std::string::npos) << done.out;
         EXPECT_NE(first, second) << "both roads: " << done.out;
