@@ -789,19 +789,21 @@ bool RtReadStreamSetProperty(RtReadStreamRef stream, RtStringRef propertyName, R
         }
         if (RtGetTypeID(propertyValue) != RtDictionaryGetTypeID()) return false;
         auto dict = static_cast<RtDictionaryRef>(propertyValue);
-        std::string scheme;
-        if (!copyText(dict, kRtStreamHTTPAuthUser, st.fAuthUser) ||
-            !copyText(dict, kRtStreamHTTPAuthPassword, st.fAuthPassword) ||
+        std::string user, password, scheme;
+        if (!copyText(dict, kRtStreamHTTPAuthUser, user) ||
+            !copyText(dict, kRtStreamHTTPAuthPassword, password) ||
             !copyText(dict, kRtStreamHTTPAuthScheme, scheme))
             return false;
-        if (scheme.empty() || equalsIgnoringCase(scheme, "Any"))
-            st.fAuthMask = CURLAUTH_ANY;
-        else if (equalsIgnoringCase(scheme, "Basic"))
-            st.fAuthMask = CURLAUTH_BASIC;
+        unsigned long mask = CURLAUTH_ANY;
+        if (equalsIgnoringCase(scheme, "Basic"))
+            mask = CURLAUTH_BASIC;
         else if (equalsIgnoringCase(scheme, "Digest"))
-            st.fAuthMask = CURLAUTH_DIGEST;
-        else
+            mask = CURLAUTH_DIGEST;
+        else if (!scheme.empty() && !equalsIgnoringCase(scheme, "Any"))
             return false;
+        st.fAuthUser = std::move(user);
+        st.fAuthPassword = std::move(password);
+        st.fAuthMask = mask;
         st.fAuthForProxy = RtDictionaryGetValue(dict, kRtStreamHTTPAuthForProxy) == kRtBooleanTrue;
         st.fHasAuth = true;
         return true;
@@ -813,11 +815,16 @@ bool RtReadStreamSetProperty(RtReadStreamRef stream, RtStringRef propertyName, R
         }
         if (RtGetTypeID(propertyValue) != RtDictionaryGetTypeID()) return false;
         auto dict = static_cast<RtDictionaryRef>(propertyValue);
-        if (!copyText(dict, kRtStreamTLSCAFile, st.fCAFile) ||
-            !copyText(dict, kRtStreamTLSCADirectory, st.fCADirectory) ||
-            !copyText(dict, kRtStreamTLSCertificateFile, st.fCertificateFile) ||
-            !copyText(dict, kRtStreamTLSKeyFile, st.fKeyFile))
+        std::string files[4];
+        if (!copyText(dict, kRtStreamTLSCAFile, files[0]) ||
+            !copyText(dict, kRtStreamTLSCADirectory, files[1]) ||
+            !copyText(dict, kRtStreamTLSCertificateFile, files[2]) ||
+            !copyText(dict, kRtStreamTLSKeyFile, files[3]))
             return false;
+        st.fCAFile = std::move(files[0]);
+        st.fCADirectory = std::move(files[1]);
+        st.fCertificateFile = std::move(files[2]);
+        st.fKeyFile = std::move(files[3]);
         st.fVerifyPeer = RtDictionaryGetValue(dict, kRtStreamTLSVerifyPeer) != kRtBooleanFalse;
         st.fHasTLS = true;
         return true;
