@@ -283,7 +283,15 @@ bool HTTPClosureSource::initConnection() {
 
     AutoString contentType;
     RtDataRef body = fClosure->constructMessage(contentType);
-    if (!body) return fail(RTSTR("Can't serialize request"));
+    if (!body) {
+        // In exact mode the refusal says which value could not travel, and why.
+        if (RtStringRef refusal = fClosure->getRequestRefusal()) {
+            getResult()->becomeFault(refusal, kRefusedRequestFaultCode, nullptr, kRtStringEncodingUTF8);
+            finish();
+            return false;
+        }
+        return fail(RTSTR("Can't serialize request"));
+    }
 
     RtStringRef method = getMethod();
     if (!method) {

@@ -234,7 +234,8 @@ HVRunLoopSource *HalvoMethodInvocation::getSource() {
 
 bool HalvoMethodInvocation::readReply(HalvoResult *result, RtDataRef data, bool forceXML,
                                       RtStringEncoding charset, RtStringRef *errorString) {
-    RtTreeRef tree = parseXML(data, forceXML, charset, errorString);
+    RtTreeRef tree = parseXML(data, forceXML, charset, errorString, nullptr, nullptr,
+                              xmlReadOptions(readValueRules(this)));
     if (!tree) return false;
     parseReply(result, tree);
     RtRelease(tree);

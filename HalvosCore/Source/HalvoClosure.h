@@ -8,6 +8,7 @@
 #pragma once
 
 #include "CPlusAutoTypes.h"
+#include "ExactValues.h"
 
 class HalvoResult;
 class HVRunLoopSource;
@@ -125,6 +126,8 @@ class HalvoMethodInvocation : public HVSerializerBase {
                            RtStringRef *errorString);
     // A new transport source for getServiceURL(), owned by this invocation.
     virtual HVRunLoopSource *createRunLoopSource() = 0;
+    // Why the last constructMessage wrote no request (exact mode refused a value), or NULL.
+    RtStringRef getRequestRefusal() const { return fRequestRefusal.getString(); }
 
     // The "MethodName" property (the protocol subclasses keep the name in a field).
     RtStringRef getMethodName() { return static_cast<RtStringRef>(getProperty(RTSTR("MethodName"))); }
@@ -147,6 +150,7 @@ class HalvoMethodInvocation : public HVSerializerBase {
     HVMethodInvocationCallBackProcPtr fCallback;
     HVClientContext fContext;
     HVRunLoopSource *fSource;
+    AutoString fRequestRefusal;
 };
 
 // A new invocation object for protocol, recognised by identity with the three kHV...Protocol
@@ -172,4 +176,12 @@ class HVProtocolHandler : public HVSerializerBase {
     // New reply and fault documents for the request described by context.
     virtual RtDataRef createReply(RtDictionaryRef context, RtTypeRef returnValue) = 0;
     virtual RtDataRef createFault(RtDictionaryRef context, RtDictionaryRef faultDict) = 0;
+
+    // Why the last document written came out NULL in exact mode ("params[0].count: ..."), or
+    // NULL when it was not refused. Borrowed.
+    RtStringRef getRefusal() const { return fWriteCheck.getRefusal(); }
+
+  protected:
+    // The path and first refusal of the document being written.
+    ValueWriteCheck fWriteCheck;
 };

@@ -158,10 +158,11 @@ RtIndex findXMLStart(RtDataRef data);
 // case a declaration naming charset is put in front. On failure returns NULL and *errorString
 // receives a new message (caller releases): "<description> (line L, pos P, status S)".
 // With drain, the tree is built by RtXMLTreeCreateFromDataDraining with that context; with stream,
-// by RtXMLTreeCreateFromDataStreaming.
+// by RtXMLTreeCreateFromDataStreaming. extraOptions are parser options beyond
+// kRtXMLParserAllOptions (kRtXMLParserKeepContentWhitespace).
 RtTreeRef parseXML(RtDataRef xmlData, bool forceXML, RtStringEncoding charset, RtStringRef *errorString,
                    const RtXMLTreeDrainContext *drain = nullptr,
-                   const RtXMLTreeStreamContext *stream = nullptr);
+                   const RtXMLTreeStreamContext *stream = nullptr, RtOptionFlags extraOptions = 0);
 
 // The node of a tree position (borrowed), NULL for a NULL tree.
 RtXMLNodeRef treeGetNode(RtTreeRef tree);

@@ -101,7 +101,8 @@ static int32_t errorDictInt(RtDictionaryRef dict, RtStringRef key) {
 }
 
 RtTreeRef parseXML(RtDataRef xmlData, bool forceXML, RtStringEncoding charset, RtStringRef *errorString,
-                   const RtXMLTreeDrainContext *drain, const RtXMLTreeStreamContext *stream) {
+                   const RtXMLTreeDrainContext *drain, const RtXMLTreeStreamContext *stream,
+                   RtOptionFlags extraOptions) {
     *errorString = nullptr;
     RtIndex offset = findXMLStart(xmlData);
     RtDataRef madeData = nullptr;
@@ -142,13 +143,12 @@ RtTreeRef parseXML(RtDataRef xmlData, bool forceXML, RtStringEncoding charset, R
 
     RtDictionaryRef errorDict = nullptr;
     RtDataRef source = madeData ? madeData : xmlData;
-    RtTreeRef tree = drain ? RtXMLTreeCreateFromDataDraining(kRtAllocatorDefault, source,
-                                                             kRtXMLParserAllOptions, 1, drain, &errorDict)
-                     : stream
-                         ? RtXMLTreeCreateFromDataStreaming(kRtAllocatorDefault, source,
-                                                            kRtXMLParserAllOptions, 1, stream, &errorDict)
-                         : RtXMLTreeCreateFromDataWithError(kRtAllocatorDefault, source, nullptr,
-                                                            kRtXMLParserAllOptions, 1, &errorDict);
+    RtOptionFlags options = kRtXMLParserAllOptions | extraOptions;
+    RtTreeRef tree =
+        drain ? RtXMLTreeCreateFromDataDraining(kRtAllocatorDefault, source, options, 1, drain, &errorDict)
+        : stream
+            ? RtXMLTreeCreateFromDataStreaming(kRtAllocatorDefault, source, options, 1, stream, &errorDict)
+            : RtXMLTreeCreateFromDataWithError(kRtAllocatorDefault, source, nullptr, options, 1, &errorDict);
     if (!tree) {
         // Printed whatever the debug switches say, and without a line feed: kept as it always was.
         hvPrintf(RTSTR("XML Parse error occurred: %@"), errorDict);

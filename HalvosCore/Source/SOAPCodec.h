@@ -74,7 +74,14 @@ class SOAPDecoder {
 
   private:
     // The local names the decoder looks for, and namespace declarations, as bits.
-    enum : unsigned { eTypeRole = 1, eHrefRole = 2, eArrayTypeRole = 4, eIdRole = 8, eDeclarationRole = 16 };
+    enum : unsigned {
+        eTypeRole = 1,
+        eHrefRole = 2,
+        eArrayTypeRole = 4,
+        eIdRole = 8,
+        eDeclarationRole = 16,
+        eNilRole = 32 // "nil" (2001) or "null" (1999), read in exact mode only
+    };
     // The namespaces attributes are looked for in, as bits (equivalence, not identity).
     enum : unsigned { eXSI1999 = 1, eXSI2001 = 2, eEncoding = 4 };
 
@@ -147,6 +154,15 @@ class SOAPDecoder {
     RtTypeRef decodeTyped(RtTreeRef target, const RtXMLElementInfo *info, RtTreeRef firstChild,
                           RtXMLNodeRef firstNode, const AutoDict &scope, AutoString &error);
     RtTypeRef followReference(RtStringRef href, const AutoDict &scope, AutoString &error);
+    // Exact mode: whether the element carries a schema-instance nil (or 1999 null) of true.
+    bool isNil(const RtXMLElementInfo *info, const AutoDict &scope);
+    // Exact mode's value of an element without content: null when nil or untyped, else the
+    // empty value of its declared type (string, data, array, record); an error for the others.
+    RtTypeRef decodeEmpty(RtTreeRef element, const RtXMLElementInfo *info, const AutoDict &scope,
+                          AutoString &error);
+    // Exact mode's reading of a scalar kind: the whole text or an error naming the element.
+    RtTypeRef decodeExactScalar(RtTreeRef target, RtTreeRef firstChild, const TypeInfo &type,
+                                AutoString &error);
     void buildAnchorIndex();
 
     // A value decoded while the document was read: what the tree would decode there, given the
@@ -194,6 +210,7 @@ class SOAPDecoder {
     void bailOut(AutoString &error);
 
     SOAPProtocolHandler *fHandler;
+    ValueRules fRules;
     RtTreeRef fBody;
     int fDepth;
     bool fIndexed;

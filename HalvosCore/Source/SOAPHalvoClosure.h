@@ -68,6 +68,14 @@ class SOAPProtocolHandler : public HVProtocolHandler {
     // "timeInstant" for SOAP-1999, else "dateTime".
     RtStringRef dateTimeEncoding();
 
+  private:
+    // Exact mode's writing of one named value where it differs from the default; false for the
+    // kinds written as the default writes them. Refuses what cannot travel.
+    bool serializeExact(XMLBuffer *buffer, int level, RtStringRef name, RtTypeRef value);
+    // The members of a record, one level under it, in its order.
+    void writeRecordMembers(XMLBuffer *buffer, int level, RtDictionaryRef dict);
+
+  public:
   protected:
     RtStringRef fProtocolKind;
 };

@@ -57,8 +57,9 @@ RtTypeRef newDouble(RtStringRef text) {
 } // namespace
 
 SOAPDecoder::SOAPDecoder(SOAPProtocolHandler *handler, RtTreeRef body)
-    : fHandler(handler), fBody(body), fDepth(0), fIndexed(false), fResolved(), fRecentNames(),
-      fRecentNameParts(), fRecentNamespaces(), fRecentNamespaceKinds(), fRecentTypeKeys(), fRecentTypes() {}
+    : fHandler(handler), fRules(readValueRules(handler)), fBody(body), fDepth(0), fIndexed(false),
+      fResolved(), fRecentNames(), fRecentNameParts(), fRecentNamespaces(), fRecentNamespaceKinds(),
+      fRecentTypeKeys(), fRecentTypes() {}
 
 SOAPDecoder::~SOAPDecoder() {
     for (ResolvedPrefix &slot : fResolved)
@@ -122,6 +123,8 @@ const SOAPDecoder::NameParts &SOAPDecoder::split(RtStringRef name) {
         parts.roles = eArrayTypeRole;
     else if (rtstrEquivilent(parts.local, RTSTR("id")))
         parts.roles = eIdRole;
+    else if (rtstrEquivilent(parts.local, RTSTR("nil")) || rtstrEquivilent(parts.local, RTSTR("null")))
+        parts.roles = eNilRole;
     // The same test as xmlGetElementNamespaces: "xmlns", or "xmlns:" and a prefix, in any case.
     if ((length == 5 && rtstrEquivilent(name, RTSTR("xmlns"))) ||
         (length > 6 && RtStringCompareWithOptions(name, RTSTR("xmlns:"), RtRangeMake(0, 6),
@@ -284,6 +287,22 @@ RtTypeRef SOAPDecoder::decodeTyped(RtTreeRef target, const RtXMLElementInfo *inf
     // first child stays the referencing element's (none), so scalars find no text here.
     RtStringRef text = firstNode ? RtXMLNodeGetString(firstNode) : nullptr;
     RtTypeRef value = nullptr;
+    if (fRules.exact && firstChild) {
+        if (isNil(info, scope)) {
+            setError(error, "<%@> is nil but holds content", nodeName(RtXMLTreeGetNode(target)));
+            return nullptr;
+        }
+        switch (type->kind) {
+        case eHVBooleanType:
+        case eHVIntegerType:
+        case eHVDoubleType:
+        case eHVDateType:
+        case eHVDataType:
+            return decodeExactScalar(target, firstChild, *type, error);
+        default:
+            break;
+        }
+    }
     switch (type->kind) {
     case eHVNullType:
         value = RtRetain(kRtNull);
@@ -408,6 +427,7 @@ RtTypeRef SOAPDecoder::parseSOAPType(RtTreeRef element, const AutoDict &scope, A
     }
 
     RtStringRef href = (roles & eHrefRole) ? getSoapNodeAttribute(info, elementScope, eHrefRole) : nullptr;
+    if (!href && fRules.exact) return decodeEmpty(element, info, elementScope, error);
     if (!href) {
         bool array = (roles & eArrayTypeRole) && isArray(info, elementScope);
         return array ? static_cast<RtTypeRef>(newMutableArray()) : RtRetain(kRtNull);
@@ -464,6 +484,113 @@ RtTypeRef SOAPDecoder::followReference(RtStringRef href, const AutoDict &scope, 
     RtTypeRef value = decodeTyped(target, info, nullptr, nullptr, ownScope ? *ownScope : scope, error);
     leave();
     if (value && error.isNull()) fDecodedTargets.emplace(target, RtRetain(value));
+    return value;
+}
+
+bool SOAPDecoder::isNil(const RtXMLElementInfo *info, const AutoDict &scope) {
+    RtStringRef nil = getNodeAttribute(info, scope, eXSI1999 | eXSI2001, eNilRole);
+    bool truth = false;
+    return nil && readExactBoolean(nil, &truth) && truth;
+}
+
+RtTypeRef SOAPDecoder::decodeEmpty(RtTreeRef element, const RtXMLElementInfo *info, const AutoDict &scope,
+                                   AutoString &error) {
+    if (isNil(info, scope)) return RtRetain(kRtNull);
+    if (isArray(info, scope)) return newMutableArray();
+    RtStringRef declared = getSoapNodeAttribute(info, scope, eTypeRole);
+    if (!declared) return RtRetain(kRtNull);
+    switch (typeInfo(declared, scope).kind) {
+    case eHVNullType:
+        return RtRetain(kRtNull);
+    case eHVStringType:
+        return RtRetain(RTSTR(""));
+    case eHVDataType:
+        return RtDataCreate(kRtAllocatorDefault, nullptr, 0);
+    case eHVArrayType:
+        return newMutableArray();
+    case eHVDictionaryType:
+        return newMutableDict();
+    case eHVUnknownType:
+        // A record of the caller's own type: an empty record.
+        return newMutableDict();
+    default:
+        setError(error, "<%@> declares %@ but holds no value", nodeName(RtXMLTreeGetNode(element)), declared);
+        return nullptr;
+    }
+}
+
+RtTypeRef SOAPDecoder::decodeExactScalar(RtTreeRef target, RtTreeRef firstChild, const TypeInfo &type,
+                                         AutoString &error) {
+    RtStringRef name = nodeName(RtXMLTreeGetNode(target));
+    RtXMLNodeRef firstNode = RtXMLTreeGetNode(firstChild);
+    if (RtTreeGetNextSibling(firstChild) || RtXMLNodeGetTypeCode(firstNode) != kRtXMLNodeTypeText) {
+        setError(error, "<%@> holds markup where text belongs", name);
+        return nullptr;
+    }
+    RtStringRef text = RtXMLNodeGetString(firstNode);
+    // The local type name decides an integer's width: short, int (and i4), long.
+    RtStringRef qualified = type.qualified;
+    RtIndex bar = RtStringFind(qualified, RTSTR("|"), 0).location;
+    AutoString local;
+    *local.getStringPtr() =
+        bar == kRtNotFound
+            ? static_cast<RtStringRef>(RtRetain(qualified))
+            : RtStringCreateWithSubstring(kRtAllocatorDefault, qualified,
+                                          RtRangeMake(bar + 1, RtStringGetLength(qualified) - bar - 1));
+    RtTypeRef value = nullptr;
+    const char *what = "";
+    switch (type.kind) {
+    case eHVBooleanType: {
+        bool truth = false;
+        if (readExactBoolean(text, &truth)) value = RtRetain(truth ? kRtBooleanTrue : kRtBooleanFalse);
+        what = "not a boolean";
+        break;
+    }
+    case eHVIntegerType: {
+        RtStringRef typeName = local.getString();
+        bool wide = RtStringHasSuffix(typeName, RTSTR("long"));
+        bool narrow = RtStringHasSuffix(typeName, RTSTR("short"));
+        int64_t number = 0;
+        if (readExactInteger(text,
+                             wide     ? INT64_MIN
+                             : narrow ? INT16_MIN
+                                      : INT32_MIN,
+                             wide     ? INT64_MAX
+                             : narrow ? INT16_MAX
+                                      : INT32_MAX,
+                             &number)) {
+            if (wide) {
+                value = RtNumberCreate(kRtAllocatorDefault, kRtNumberSInt64Type, &number);
+            } else {
+                int32_t small = static_cast<int32_t>(number);
+                value = RtNumberCreate(kRtAllocatorDefault, kRtNumberSInt32Type, &small);
+            }
+        }
+        what = wide ? "not a 64-bit integer" : narrow ? "not a 16-bit integer" : "not a 32-bit integer";
+        break;
+    }
+    case eHVDoubleType: {
+        double number = 0;
+        if (readExactDouble(text, true, &number))
+            value = RtNumberCreate(kRtAllocatorDefault, kRtNumberDoubleType, &number);
+        what = "not a double";
+        break;
+    }
+    case eHVDateType:
+        value = createExactDate(text);
+        what = "not an ISO 8601 date and time";
+        break;
+    case eHVDataType:
+        value = createExactData(text);
+        what = "not base64";
+        break;
+    default:
+        break;
+    }
+    if (!value) {
+        std::string message = "<" + utf8Text(name) + "> holds " + quotedText(text) + ", " + what;
+        setError(error, "%s", message.c_str());
+    }
     return value;
 }
 

@@ -337,7 +337,8 @@ bool SOAPProtocolHandler::readReply(HalvoResult *result, RtStringRef methodName,
     if (!gHVDebug && !gHVDebugVerbose && !hasDeserializationOverrides()) {
         SOAPReplyStream stream(this, methodName);
         RtXMLTreeStreamContext streaming = {_acceptStreamed, _consumeStreamed, &stream};
-        RtTreeRef tree = parseXML(data, forceXML, charset, errorString, nullptr, &streaming);
+        RtTreeRef tree = parseXML(data, forceXML, charset, errorString, nullptr, &streaming,
+                                  xmlReadOptions(readValueRules(this)));
         if (!tree) return false;
         // Only values decoded ahead can turn out not to fit; the result is put back then.
         RtDictionaryRef saved = stream.fTookAny ? result->copyDictionary() : nullptr;
@@ -347,7 +348,8 @@ bool SOAPProtocolHandler::readReply(HalvoResult *result, RtStringRef methodName,
         RtRelease(tree);
         if (done) return true;
     }
-    RtTreeRef tree = parseXML(data, forceXML, charset, errorString);
+    RtTreeRef tree = parseXML(data, forceXML, charset, errorString, nullptr, nullptr,
+                              xmlReadOptions(readValueRules(this)));
     if (!tree) return false;
     parseReply(result, methodName, tree);
     RtRelease(tree);

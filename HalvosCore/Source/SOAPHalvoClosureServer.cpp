@@ -90,7 +90,8 @@ RtDictionaryRef SOAPProtocolHandler::parsePostData(RtDataRef data, RtStringEncod
     AutoString localError;
     AutoString *error = errorString ? errorString : &localError;
     error->setString(nullptr);
-    RtTreeRef tree = parseXML(data, true, encoding, error->getStringPtr());
+    RtTreeRef tree = parseXML(data, true, encoding, error->getStringPtr(), nullptr, nullptr,
+                              xmlReadOptions(readValueRules(this)));
     if (!tree) return nullptr;
 
     AutoDict request(newMutableDict());
@@ -113,6 +114,18 @@ RtDictionaryRef SOAPProtocolHandler::parsePostData(RtDataRef data, RtStringEncod
 }
 
 RtDataRef SOAPProtocolHandler::createReply(RtDictionaryRef context, RtTypeRef returnValue) {
+    fWriteCheck.begin(readValueRules(this), "result");
+    if (fWriteCheck.fRules.exact) {
+        // A value that cannot travel turns the reply into a fault that says so.
+        XMLBuffer probe(replyEncoding(context));
+        serialize(&probe, 5, RTSTR("Result"), returnValue);
+        if (fWriteCheck.refused()) {
+            AutoString refusal(fWriteCheck.getRefusal());
+            AutoDict fault(newMutableDict());
+            fault.addValue(kHVFaultString, refusal.getString());
+            return createFault(context, fault.getImmutableDict());
+        }
+    }
     XMLBuffer buffer(replyEncoding(context));
     buffer.addTo(1, RTSTR("<SOAP-ENV:Envelope"));
     if (!writeEnvelopeNamespaces(&buffer, fProtocolKind)) return nullptr;
@@ -142,9 +155,20 @@ RtDataRef SOAPProtocolHandler::createFault(RtDictionaryRef context, RtDictionary
     // The code is always the client code; the dictionary's code and extra are not written.
     buffer.addTo(5, RTSTR("<faultcode>SOAP-ENV:Client</faultcode>"));
     RtTypeRef faultString = faultDict ? RtDictionaryGetValue(faultDict, kHVFaultString) : nullptr;
-    // Inserted as it stands, without entity encoding.
-    buffer.addTo(5, RTSTR("<faultstring>%@</faultstring>"),
-                 faultString ? faultString : RTSTR("Unknown Fault"));
+    if (readValueRules(this).exact) {
+        // Encoded like any text, with what XML cannot carry replaced: a fault always goes out.
+        AutoString sendable;
+        *sendable.getStringPtr() = copySendableText(RtGetTypeID(faultString) == RtStringGetTypeID()
+                                                        ? static_cast<RtStringRef>(faultString)
+                                                        : RTSTR("Unknown Fault"));
+        AutoString text;
+        *text.getStringPtr() = exactEncodeString(sendable.getString());
+        buffer.addTo(5, RTSTR("<faultstring>%@</faultstring>"), text.getString());
+    } else {
+        // Inserted as it stands, without entity encoding.
+        buffer.addTo(5, RTSTR("<faultstring>%@</faultstring>"),
+                     faultString ? faultString : RTSTR("Unknown Fault"));
+    }
     buffer.addTo(4, RTSTR("</SOAP-ENV:Fault>"));
     buffer.addTo(3, RTSTR("</SOAP-ENV:Body>"));
     buffer.addTo(1, RTSTR("</SOAP-ENV:Envelope>"));

@@ -3,6 +3,8 @@
 #include "SOAPCodec.h"
 
 #include <charconv>
+#include <cmath>
+#include <string>
 
 namespace {
 
@@ -65,7 +67,9 @@ RtDataRef SOAPHalvoMethodInvocation::constructMessage(AutoString &) {
     // The content type is left alone: the transport then sends "text/xml".
     SOAPProtocolHandler handler(fProtocolKind);
     handler.setParent(this);
-    return handler.createRequest(fMethodName, fParameters, fParameterOrder, nullptr);
+    RtDataRef body = handler.createRequest(fMethodName, fParameters, fParameterOrder, nullptr);
+    fRequestRefusal.setString(handler.getRefusal());
+    return body;
 }
 
 RtStringRef SOAPHalvoMethodInvocation::getMethodNamespace() {
@@ -88,6 +92,11 @@ RtStringRef SOAPProtocolHandler::dateTimeEncoding() {
 
 RtDataRef SOAPProtocolHandler::createRequest(RtStringRef methodName, RtDictionaryRef parameters,
                                              RtArrayRef order, RtDictionaryRef /*extras*/) {
+    fWriteCheck.begin(readValueRules(this), "methodName");
+    // In exact mode the method element's name must be one XML can carry.
+    if (fWriteCheck.fRules.exact && !isXMLName(methodName))
+        fWriteCheck.refuse(quotedText(methodName) + " is not a valid XML element name");
+    fWriteCheck.begin(fWriteCheck.fRules, "params");
     XMLBuffer buffer(kRtStringEncodingUTF8);
     buffer.addTo(1, RTSTR("<SOAP-ENV:Envelope"));
     if (!writeEnvelopeNamespaces(&buffer, fProtocolKind)) return nullptr;
@@ -122,9 +131,11 @@ RtDataRef SOAPProtocolHandler::createRequest(RtStringRef methodName, RtDictionar
         buffer.addTo(4, RTSTR("<%@ xmlns=\"%@\">"), methodName, methodNS);
     if (order) {
         ArrayIterator names(order);
-        while (names.hasMoreElements()) {
+        for (long index = 0; names.hasMoreElements(); index++) {
             RtStringRef name = static_cast<RtStringRef>(names.nextElement());
+            fWriteCheck.enterIndex(index);
             serialize(&buffer, 5, name, parameters ? RtDictionaryGetValue(parameters, name) : nullptr);
+            fWriteCheck.leave();
         }
     }
     if (rpc)
@@ -134,15 +145,114 @@ RtDataRef SOAPProtocolHandler::createRequest(RtStringRef methodName, RtDictionar
     buffer.addTo(3, RTSTR("</SOAP-ENV:Body>"));
     // One level deeper than the opening tag; receivers never cared, and the bytes stay as they were.
     buffer.addTo(2, RTSTR("</SOAP-ENV:Envelope>"));
-    return buffer.copyData();
+    return fWriteCheck.refused() ? nullptr : buffer.copyData();
+}
+
+bool SOAPProtocolHandler::serializeExact(XMLBuffer *buffer, int level, RtStringRef name, RtTypeRef value) {
+    if (RtGetTypeID(name) != RtStringGetTypeID() || !isXMLName(name)) {
+        fWriteCheck.refuse(
+            (RtGetTypeID(name) == RtStringGetTypeID() ? quotedText(name) : std::string("a name")) +
+            " is not a valid XML element name");
+        return true;
+    }
+    HVTypeID kind = value ? HVGetHVTypeIDFromRtType(value) : eHVNullType;
+    switch (kind) {
+    case eHVNullType:
+        // The schema-instance way of saying "no value", in each flavour's own spelling.
+        if (fProtocolKind == kHVSOAP1999Protocol)
+            buffer->addTo(level, RTSTR("<%@ xsi:null=\"1\"/>"), name);
+        else
+            buffer->addTo(level, RTSTR("<%@ xsi:nil=\"true\"/>"), name);
+        return true;
+    case eHVIntegerType: {
+        int64_t number = 0;
+        RtNumberGetValue(static_cast<RtNumberRef>(value), kRtNumberSInt64Type, &number);
+        if (number >= INT32_MIN && number <= INT32_MAX) return false;
+        buffer->addTo(level, RTSTR("<%@ xsi:type=\"xsd:long\">%s</%@>"), name, std::to_string(number).c_str(),
+                      name);
+        return true;
+    }
+    case eHVDoubleType: {
+        double number = 0;
+        RtNumberGetValue(static_cast<RtNumberRef>(value), kRtNumberFloat64Type, &number);
+        std::string text = std::isnan(number)   ? "NaN"
+                           : std::isinf(number) ? (number > 0 ? "INF" : "-INF")
+                                                : shortestDouble(number);
+        buffer->addTo(level, RTSTR("<%@ xsi:type=\"xsd:double\">%s</%@>"), name, text.c_str(), name);
+        return true;
+    }
+    case eHVStringType: {
+        std::string reason = unsendableCharacter(static_cast<RtStringRef>(value));
+        if (!reason.empty()) {
+            fWriteCheck.refuse("the string " + reason);
+            return true;
+        }
+        RtMutableStringRef text = exactEncodeString(static_cast<RtStringRef>(value));
+        buffer->addTo(level, RTSTR("<%@ xsi:type=\"xsd:string\">%@</%@>"), name, text, name);
+        safeRtRelease(text);
+        return true;
+    }
+    case eHVDictionaryType: {
+        // Record settings are attribute values here: encoded so that no text breaks the tag.
+        RtDictionaryRef dict = static_cast<RtDictionaryRef>(value);
+        RtTypeRef type = RtDictionaryGetValue(dict, kHVRecordType);
+        RtTypeRef recordNS = RtDictionaryGetValue(dict, kHVRecordNamespaceURI);
+        AutoString typeText;
+        AutoString extra;
+        *typeText.getStringPtr() =
+            exactEncodeString(RtGetTypeID(type) == RtStringGetTypeID() ? static_cast<RtStringRef>(type)
+                                                                       : RTSTR("SOAP-ENC:Dictionary"),
+                              true);
+        if (RtGetTypeID(recordNS) == RtStringGetTypeID()) {
+            AutoString nsText;
+            *nsText.getStringPtr() = exactEncodeString(static_cast<RtStringRef>(recordNS), true);
+            *extra.getStringPtr() = RtStringCreateWithFormat(kRtAllocatorDefault, nullptr,
+                                                             RTSTR(" xmlns=\"%@\""), nsText.getString());
+        }
+        buffer->addTo(level, RTSTR("<%@ xsi:type=\"%@\"%@>"), name, typeText.getString(),
+                      extra.isNull() ? RTSTR("") : extra.getString());
+        writeRecordMembers(buffer, level, dict);
+        buffer->addTo(level, RTSTR("</%@>"), name);
+        return true;
+    }
+    case eHVBooleanType:
+    case eHVDateType:
+    case eHVDataType:
+    case eHVArrayType:
+        return false;
+    default:
+        fWriteCheck.refuse("a value of runtime type " +
+                           std::to_string(static_cast<long>(RtGetTypeID(value))) + " has no SOAP form");
+        return true;
+    }
+}
+
+void SOAPProtocolHandler::writeRecordMembers(XMLBuffer *buffer, int level, RtDictionaryRef dict) {
+    RtTypeRef order = RtDictionaryGetValue(dict, kHVRecordParameterOrder);
+    AutoArray keys(RtGetTypeID(order) == RtArrayGetTypeID() ? static_cast<RtArrayRef>(RtRetain(order))
+                                                            : copyDictionaryKeys(dict));
+    ArrayIterator key(keys);
+    while (key.hasMoreElements()) {
+        RtTypeRef member = key.nextElement();
+        if (!isValidKey(member)) continue;
+        fWriteCheck.enterMember(member);
+        serialize(buffer, level + 1, static_cast<RtStringRef>(member), RtDictionaryGetValue(dict, member));
+        fWriteCheck.leave();
+    }
 }
 
 void SOAPProtocolHandler::serialize(XMLBuffer *buffer, int level, RtStringRef name, RtTypeRef value) {
+    // An override wins in exact mode too; it is asked once.
+    RtStringRef text = nullptr;
+    if (fWriteCheck.fRules.exact) {
+        text = value ? seriailizeOverride(value) : nullptr;
+        if (!text && serializeExact(buffer, level, name, value)) return;
+    }
     if (!value) {
         buffer->addTo(level, RTSTR("<%@ xsi:type=\"nil\"/>"), name);
         return;
     }
-    if (RtStringRef text = seriailizeOverride(value)) {
+    if (text || (!fWriteCheck.fRules.exact && (text = seriailizeOverride(value)))) {
         // The override writes the whole element; "%@" in it stands for the element name.
         RtStringRef element = copyOverrideText(text, name);
         buffer->addTo(level, RTSTR("%@"), element);
@@ -201,7 +311,9 @@ void SOAPProtocolHandler::serialize(XMLBuffer *buffer, int level, RtStringRef na
             RtTypeRef element = RtArrayGetValueAtIndex(array, i);
             if (element) {
                 AutoString itemName("item_%d", static_cast<int>(i));
+                fWriteCheck.enterIndex(static_cast<long>(i));
                 serialize(buffer, level + 1, itemName.getString(), element);
+                fWriteCheck.leave();
             } else {
                 // Prints the level, not the index, and leaves a blank line: kept as it always was.
                 buffer->addTo(level + 1, RTSTR("<!-- Missing value at index %d -->\n"), level);

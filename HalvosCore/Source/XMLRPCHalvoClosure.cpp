@@ -5,6 +5,9 @@
 #include "HalvoResult.h"
 #include "HalvoUtils.h"
 
+#include <cmath>
+#include <string>
+
 // ---- XMLRPCHalvoMethodInvocation: construction and agreement ---------------------------------
 
 XMLRPCHalvoMethodInvocation::XMLRPCHalvoMethodInvocation(RtURLRef url, RtStringRef methodName)
@@ -40,7 +43,9 @@ RtDataRef XMLRPCHalvoMethodInvocation::constructMessage(AutoString &) {
     // The content type is left alone: the transport then sends "text/xml".
     XMLRPCProtocolHandler handler;
     handler.setParent(this);
-    return handler.createRequest(fMethodName, fParameters, fParameterOrder, nullptr);
+    RtDataRef body = handler.createRequest(fMethodName, fParameters, fParameterOrder, nullptr);
+    fRequestRefusal.setString(handler.getRefusal());
+    return body;
 }
 
 void XMLRPCHalvoMethodInvocation::parseReply(HalvoResult *result, RtTreeRef tree) {
@@ -107,26 +112,101 @@ RtTypeRef firstPresent(RtDictionaryRef dict, RtStringRef key, RtStringRef fallba
 
 RtDataRef XMLRPCProtocolHandler::createRequest(RtStringRef methodName, RtDictionaryRef parameters,
                                                RtArrayRef order, RtDictionaryRef /*extras*/) {
+    fWriteCheck.begin(readValueRules(this), "methodName");
     XMLBuffer buffer(kRtStringEncodingUTF8);
     buffer.addTo(1, RTSTR("<methodCall>"));
-    buffer.addTo(2, RTSTR("<methodName>%@</methodName>"), methodName);
+    if (fWriteCheck.fRules.exact) {
+        // Exact mode encodes the name like any text, so that no name breaks the document.
+        std::string reason = unsendableCharacter(methodName);
+        if (!reason.empty()) fWriteCheck.refuse("the method name " + reason);
+        AutoString text;
+        *text.getStringPtr() = exactEncodeString(methodName ? methodName : RTSTR(""));
+        buffer.addTo(2, RTSTR("<methodName>%@</methodName>"), text.getString());
+    } else {
+        buffer.addTo(2, RTSTR("<methodName>%@</methodName>"), methodName);
+    }
+    fWriteCheck.begin(fWriteCheck.fRules, "params");
 
     // Parameters are positional: the names only give the order and never appear.
     AutoArray names(copyParameterNames(parameters, order));
     if (names.getCount() > 0) {
         buffer.addTo(2, RTSTR("<params>"));
         ArrayIterator name(names);
-        while (name.hasMoreElements()) {
+        for (long index = 0; name.hasMoreElements(); index++) {
             RtTypeRef key = name.nextElement();
             buffer.addTo(3, RTSTR("<param>"));
             // The value stands two levels under its <param>: receivers expect that layout.
+            fWriteCheck.enterIndex(index);
             serialize(&buffer, 5, parameters ? RtDictionaryGetValue(parameters, key) : nullptr);
+            fWriteCheck.leave();
             buffer.addTo(3, RTSTR("</param>"));
         }
         buffer.addTo(2, RTSTR("</params>"));
     }
     buffer.addTo(1, RTSTR("</methodCall>"));
-    return buffer.copyData();
+    return fWriteCheck.refused() ? nullptr : buffer.copyData();
+}
+
+// The exact-mode content of <value> for the scalars whose writing differs from the default, at
+// level; false for the kinds exact mode writes as the default does. A value that cannot travel
+// is refused (and nothing written).
+bool XMLRPCProtocolHandler::serializeExact(XMLBuffer *buffer, int level, const void *value, HVTypeID kind) {
+    const ValueRules &rules = fWriteCheck.fRules;
+    switch (kind) {
+    case eHVNullType:
+        if (rules.extensions)
+            buffer->addTo(level, RTSTR("<nil/>"));
+        else
+            fWriteCheck.refuse("null has no XML-RPC form; allow extensions to send it as nil");
+        return true;
+    case eHVIntegerType: {
+        int64_t number = 0;
+        RtNumberGetValue(static_cast<RtNumberRef>(value), kRtNumberSInt64Type, &number);
+        if (number >= INT32_MIN && number <= INT32_MAX) {
+            buffer->addTo(level, RTSTR("<i4>%d</i4>"), static_cast<int>(number));
+        } else if (rules.extensions) {
+            buffer->addTo(level, RTSTR("<i8>%s</i8>"), std::to_string(number).c_str());
+        } else {
+            fWriteCheck.refuse(std::to_string(number) +
+                               " does not fit a 32-bit XML-RPC int; allow extensions to send it as i8");
+        }
+        return true;
+    }
+    case eHVDoubleType: {
+        double number = 0;
+        RtNumberGetValue(static_cast<RtNumberRef>(value), kRtNumberFloat64Type, &number);
+        if (std::isfinite(number))
+            buffer->addTo(level, RTSTR("<double>%s</double>"), shortestDouble(number).c_str());
+        else
+            fWriteCheck.refuse(std::string(std::isnan(number) ? "NaN"
+                                           : number > 0       ? "infinity"
+                                                              : "-infinity") +
+                               " has no XML-RPC form (its doubles are finite)");
+        return true;
+    }
+    case eHVStringType: {
+        RtStringRef string = static_cast<RtStringRef>(value);
+        std::string reason = unsendableCharacter(string);
+        if (!reason.empty()) {
+            fWriteCheck.refuse("the string " + reason);
+            return true;
+        }
+        AutoString text;
+        *text.getStringPtr() = exactEncodeString(string);
+        buffer->addTo(level, RTSTR("<string>%@</string>"), text.getString());
+        return true;
+    }
+    case eHVBooleanType:
+    case eHVDateType:
+    case eHVDataType:
+    case eHVArrayType:
+    case eHVDictionaryType:
+        return false;
+    default:
+        fWriteCheck.refuse("a value of runtime type " +
+                           std::to_string(static_cast<long>(RtGetTypeID(value))) + " has no XML-RPC form");
+        return true;
+    }
 }
 
 void XMLRPCProtocolHandler::serialize(XMLBuffer *buffer, int level, const void *value) {
@@ -135,6 +215,10 @@ void XMLRPCProtocolHandler::serialize(XMLBuffer *buffer, int level, const void *
         // An override supplies the whole content of <value>, written as it is.
         buffer->addTo(level + 1, RTSTR("%@"), replacement);
         RtRelease(replacement);
+    } else if (fWriteCheck.fRules.exact &&
+               serializeExact(buffer, level + 1, value,
+                              value ? HVGetHVTypeIDFromRtType(value) : eHVNullType)) {
+        // written, or refused
     } else if (!value) {
         // The nil line stands at level 3 however deep the value is; peers rely on the text.
         buffer->addTo(3, RTSTR("<i4>0</i4> <!-- parameter has no (nil) value -->"));
@@ -175,8 +259,11 @@ void XMLRPCProtocolHandler::serialize(XMLBuffer *buffer, int level, const void *
             buffer->addTo(level + 1, RTSTR("<array>"));
             buffer->addTo(level + 2, RTSTR("<data>"));
             ArrayIterator element(static_cast<RtArrayRef>(value));
-            while (element.hasMoreElements())
+            for (long index = 0; element.hasMoreElements(); index++) {
+                fWriteCheck.enterIndex(index);
                 serialize(buffer, level + 3, element.nextElement());
+                fWriteCheck.leave();
+            }
             buffer->addTo(level + 2, RTSTR("</data>"));
             buffer->addTo(level + 1, RTSTR("</array>"));
             break;
@@ -190,10 +277,17 @@ void XMLRPCProtocolHandler::serialize(XMLBuffer *buffer, int level, const void *
             while (key.hasMoreElements()) {
                 RtTypeRef name = key.nextElement();
                 if (isReservedKey(name)) continue;
-                // Member names go out as they are, without entity encoding.
                 buffer->addTo(level + 2, RTSTR("<member>"));
-                buffer->addTo(level + 3, RTSTR("<name>%@</name>"), name);
+                fWriteCheck.enterMember(name);
+                if (fWriteCheck.fRules.exact) {
+                    // Exact mode encodes names like any text.
+                    writeExactMemberName(buffer, level + 3, name);
+                } else {
+                    // Member names go out as they are, without entity encoding.
+                    buffer->addTo(level + 3, RTSTR("<name>%@</name>"), name);
+                }
                 serialize(buffer, level + 4, RtDictionaryGetValue(dict, name));
+                fWriteCheck.leave();
                 buffer->addTo(level + 2, RTSTR("</member>"));
             }
             buffer->addTo(level + 1, RTSTR("</struct>"));
@@ -211,7 +305,32 @@ void XMLRPCProtocolHandler::serialize(XMLBuffer *buffer, int level, const void *
     buffer->addTo(level, RTSTR("</value>"));
 }
 
+void XMLRPCProtocolHandler::writeExactMemberName(XMLBuffer *buffer, int level, RtTypeRef name) {
+    if (RtGetTypeID(name) != RtStringGetTypeID()) {
+        fWriteCheck.refuse("a member name that is not a string has no XML-RPC form");
+        return;
+    }
+    std::string reason = unsendableCharacter(static_cast<RtStringRef>(name));
+    if (!reason.empty()) fWriteCheck.refuse("the member name " + reason);
+    AutoString text;
+    *text.getStringPtr() = exactEncodeString(static_cast<RtStringRef>(name));
+    buffer->addTo(level, RTSTR("<name>%@</name>"), text.getString());
+}
+
 RtDataRef XMLRPCProtocolHandler::createReply(RtDictionaryRef context, RtTypeRef returnValue) {
+    fWriteCheck.begin(readValueRules(this), "result");
+    if (fWriteCheck.fRules.exact) {
+        // A value that cannot travel turns the reply into a fault that says so.
+        XMLBuffer probe(replyEncoding(context));
+        if (returnValue) serialize(&probe, 3, returnValue);
+        if (fWriteCheck.refused()) {
+            AutoString refusal(fWriteCheck.getRefusal());
+            AutoDict fault(newMutableDict());
+            fault.addValue(kHVFaultCode, internedInt(kRefusedReplyFaultCode));
+            fault.addValue(kHVFaultString, refusal.getString());
+            return createFault(context, fault.getImmutableDict());
+        }
+    }
     XMLBuffer buffer(replyEncoding(context));
     buffer.addTo(0, RTSTR("<methodResponse>"));
     if (returnValue) {
@@ -235,6 +354,25 @@ RtDataRef XMLRPCProtocolHandler::createFault(RtDictionaryRef context, RtDictiona
     if (faultDict && RtDictionaryGetValue(faultDict, kHVFaultExtra))
         fault.addValue(RTSTR("faultExtra"), firstPresent(faultDict, RTSTR("faultExtra"), kHVFaultExtra));
 
+    fWriteCheck.begin(readValueRules(this), "fault");
+    if (fWriteCheck.fRules.exact) {
+        // A fault always goes out: characters XML cannot carry become U+FFFD, and extra data
+        // that cannot travel is left out.
+        if (RtGetTypeID(text) == RtStringGetTypeID()) {
+            AutoString sendable;
+            *sendable.getStringPtr() = copySendableText(static_cast<RtStringRef>(text));
+            fault.addValue(RTSTR("faultString"), sendable.getString());
+        }
+        XMLBuffer probe(replyEncoding(context));
+        serialize(&probe, 2, fault.getImmutableDict());
+        if (fWriteCheck.refused()) {
+            RtDictionaryRemoveValue(fault.getMutableDict(), RTSTR("faultExtra"));
+            if (RtGetTypeID(code) != RtNumberGetTypeID()) fault.addValue(RTSTR("faultCode"), internedInt(-1));
+            if (RtGetTypeID(text) != RtStringGetTypeID())
+                fault.addValue(RTSTR("faultString"), RTSTR("Unknown Fault"));
+            fWriteCheck.begin(fWriteCheck.fRules, "fault");
+        }
+    }
     XMLBuffer buffer(replyEncoding(context));
     buffer.addTo(0, RTSTR("<methodResponse>"));
     buffer.addTo(1, RTSTR("<fault>"));
@@ -260,6 +398,8 @@ enum ValueElement {
     eDoubleElement,
     eDateElement,
     eBase64Element,
+    eI8Element,  // with extensions: i8, ex:i8
+    eNilElement, // with extensions: nil, ex:nil
     eUnknownElement
 };
 
@@ -304,24 +444,118 @@ void setError(AutoString &error, const char *format, RtStringRef name) {
     error.setString(message.getString());
 }
 
-RtTypeRef parseType(RtTreeRef valueTree, AutoString &error);
+// The namespace of the common XML-RPC extension elements (ex:i8, ex:nil).
+RtStringRef extensionsNamespace() {
+    return RTSTR("http://ws.apache.org/xmlrpc/namespaces/extensions");
+}
+
+// The namespace prefix is bound to at element (its own declarations first, then its
+// ancestors'), or NULL.
+RtStringRef prefixNamespace(RtTreeRef element, RtStringRef prefix) {
+    AutoString attribute("xmlns:%@", prefix);
+    for (; element; element = RtTreeGetParent(element)) {
+        const RtXMLElementInfo *info = treeGetElementInfo(element);
+        if (!info || !info->attributes) continue;
+        RtTypeRef value = RtDictionaryGetValue(info->attributes, attribute.getString());
+        if (RtGetTypeID(value) == RtStringGetTypeID()) return static_cast<RtStringRef>(value);
+    }
+    return nullptr;
+}
+
+// The extension element kind of a type element: i8 and nil unprefixed, or with a prefix bound
+// to the extensions namespace.
+ValueElement extensionElementKind(RtTreeRef element, RtStringRef name) {
+    AutoString local;
+    AutoString prefix;
+    RtIndex colon = RtStringFind(name, RTSTR(":"), 0).location;
+    if (colon != kRtNotFound && colon > 0) {
+        *prefix.getStringPtr() =
+            RtStringCreateWithSubstring(kRtAllocatorDefault, name, RtRangeMake(0, colon));
+        *local.getStringPtr() = RtStringCreateWithSubstring(
+            kRtAllocatorDefault, name, RtRangeMake(colon + 1, RtStringGetLength(name) - colon - 1));
+        if (!rtstrEquivilent(prefixNamespace(element, prefix.getString()), extensionsNamespace()))
+            return eUnknownElement;
+    } else {
+        local.setString(name);
+    }
+    if (rtstrEquivilent(local.getString(), RTSTR("i8"))) return eI8Element;
+    if (rtstrEquivilent(local.getString(), RTSTR("nil"))) return eNilElement;
+    return eUnknownElement;
+}
+
+// Exact mode's reading of a scalar type element: its text must be one text node that reads
+// whole as the element's kind; anything else is one error naming the element.
+RtTypeRef parseExactScalar(RtTreeRef element, RtStringRef name, ValueElement kind, AutoString &error) {
+    RtTreeRef first = RtTreeGetFirstChild(element);
+    RtXMLNodeRef firstNode = first ? RtXMLTreeGetNode(first) : nullptr;
+    if (first && (RtTreeGetNextSibling(first) || RtXMLNodeGetTypeCode(firstNode) != kRtXMLNodeTypeText)) {
+        setError(error, "<%@> holds markup where text belongs", name);
+        return nullptr;
+    }
+    RtStringRef text = firstNode ? RtXMLNodeGetString(firstNode) : RTSTR("");
+    auto fail = [&](const char *what) -> RtTypeRef {
+        std::string message = "<" + utf8Text(name) + "> holds " + quotedText(text) + ", " + what;
+        AutoString reason;
+        *reason.getStringPtr() =
+            RtStringCreateWithCString(kRtAllocatorDefault, message.c_str(), kRtStringEncodingUTF8);
+        setError(error, reason.getString());
+        return nullptr;
+    };
+    switch (kind) {
+    case eBooleanElement: {
+        bool truth = false;
+        if (!readExactBoolean(text, &truth)) return fail("not a boolean (1 or 0)");
+        return truth ? kRtBooleanTrue : kRtBooleanFalse;
+    }
+    case eIntElement:
+    case eI8Element: {
+        int64_t number = 0;
+        bool wide = kind == eI8Element;
+        if (!readExactInteger(text, wide ? INT64_MIN : INT32_MIN, wide ? INT64_MAX : INT32_MAX, &number))
+            return fail(wide ? "not a 64-bit integer" : "not a 32-bit integer");
+        if (!wide) {
+            int32_t narrow = static_cast<int32_t>(number);
+            return RtNumberCreate(kRtAllocatorDefault, kRtNumberSInt32Type, &narrow);
+        }
+        return RtNumberCreate(kRtAllocatorDefault, kRtNumberSInt64Type, &number);
+    }
+    case eDoubleElement: {
+        double number = 0;
+        if (!readExactDouble(text, false, &number)) return fail("not a finite double");
+        return RtNumberCreate(kRtAllocatorDefault, kRtNumberDoubleType, &number);
+    }
+    case eDateElement: {
+        RtDateRef date = createExactDate(text);
+        return date ? date : fail("not an ISO 8601 date and time");
+    }
+    case eBase64Element: {
+        RtDataRef data = createExactData(text);
+        return data ? data : fail("not base64");
+    }
+    default:
+        setError(error, "Don't know how to deserialize %@", name);
+        return nullptr;
+    }
+}
+
+RtTypeRef parseType(RtTreeRef valueTree, AutoString &error, const ValueRules &rules);
 
 // One child of <data> into array; error set (and the reading to end) when it is no <value> or
 // its value fails.
-void appendArrayItem(AutoArray &array, RtTreeRef item, AutoString &error) {
+void appendArrayItem(AutoArray &array, RtTreeRef item, AutoString &error, const ValueRules &rules) {
     if (!rtstrEquivilent(getElementName(item), RTSTR("value"))) {
         setError(error, RTSTR("non-value element found in <data> part of <array>"));
         return;
     }
     // An empty <value> still holds its place in the array, as "".
-    RtTypeRef value = parseType(item, error);
+    RtTypeRef value = parseType(item, error, rules);
     array.appendValue(value ? value : RTSTR(""));
     safeRtRelease(value);
 }
 
 // The array read from <data> (the first child of <array>). Children of <array> after the first
 // are never looked at.
-RtTypeRef parseArrayData(RtTreeRef dataTree, AutoString &error) {
+RtTypeRef parseArrayData(RtTreeRef dataTree, AutoString &error, const ValueRules &rules) {
     if (!rtstrEquivilent(getElementName(dataTree), RTSTR("data"))) {
         setError(error,
                  RTSTR("<array> should only containa single <data> element")); // the missing space belongs to
@@ -331,13 +565,14 @@ RtTypeRef parseArrayData(RtTreeRef dataTree, AutoString &error) {
     AutoArray array;
     for (RtTreeRef item = RtTreeGetFirstChild(dataTree); item && error.isNull();
          item = RtTreeGetNextSibling(item))
-        appendArrayItem(array, item, error);
+        appendArrayItem(array, item, error, rules);
     if (!error.isNull()) return nullptr;
     return RtRetain(array.getMutableArray());
 }
 
 // One child of a <member>: its <name> or its <value>.
-void checkStructChild(RtTreeRef child, AutoString &name, RtTypeRef &value, AutoString &error) {
+void checkStructChild(RtTreeRef child, AutoString &name, RtTypeRef &value, AutoString &error,
+                      const ValueRules &rules) {
     RtStringRef childName = getElementName(child);
     if (rtstrEquivilent(childName, RTSTR("name"))) {
         if (!name.isNull()) {
@@ -345,12 +580,14 @@ void checkStructChild(RtTreeRef child, AutoString &name, RtTypeRef &value, AutoS
             return;
         }
         *name.getStringPtr() = copyElementText(child);
+        // In exact mode an empty name is the empty string, a name like any other.
+        if (rules.exact && name.isNull()) name.setString(RTSTR(""));
     } else if (rtstrEquivilent(childName, RTSTR("value"))) {
         if (value) {
             setError(error, RTSTR("too many <value> elements for a <member>"));
             return;
         }
-        value = parseType(child, error);
+        value = parseType(child, error, rules);
     } else {
         setError(error, RTSTR("unknown element in <member>"));
     }
@@ -359,7 +596,7 @@ void checkStructChild(RtTreeRef child, AutoString &name, RtTypeRef &value, AutoS
 // The dictionary read from the <member> elements starting at member (the first child of
 // <struct>). Only the first two children of a member count; a later member with the same name
 // replaces an earlier one.
-RtTypeRef parseStructData(RtTreeRef member, AutoString &error) {
+RtTypeRef parseStructData(RtTreeRef member, AutoString &error, const ValueRules &rules) {
     AutoDict dict(newMutableDict());
     for (; member && error.isNull(); member = RtTreeGetNextSibling(member)) {
         RtTreeRef first = RtTreeGetFirstChild(member);
@@ -369,9 +606,9 @@ RtTypeRef parseStructData(RtTreeRef member, AutoString &error) {
         }
         AutoString name;
         RtTypeRef value = nullptr;
-        checkStructChild(first, name, value, error);
+        checkStructChild(first, name, value, error, rules);
         RtTreeRef second = error.isNull() ? RtTreeGetNextSibling(first) : nullptr;
-        if (second) checkStructChild(second, name, value, error);
+        if (second) checkStructChild(second, name, value, error, rules);
         // A member with a single child (a lone name or value) is dropped without complaint.
         if (second && error.isNull()) {
             if (name.isNull())
@@ -387,9 +624,10 @@ RtTypeRef parseStructData(RtTreeRef member, AutoString &error) {
 
 // The value of a <value> element (new, caller releases), or NULL: for an empty <value> without
 // an error, else with error set.
-RtTypeRef parseType(RtTreeRef valueTree, AutoString &error) {
+RtTypeRef parseType(RtTreeRef valueTree, AutoString &error, const ValueRules &rules) {
     RtTreeRef child = RtTreeGetFirstChild(valueTree);
-    if (!child) return nullptr;
+    // In exact mode an empty <value> or <string> is the empty string, not the absence of one.
+    if (!child) return rules.exact ? RtRetain(RTSTR("")) : nullptr;
     RtXMLNodeRef node = RtXMLTreeGetNode(child);
     if (RtXMLNodeGetTypeCode(node) != kRtXMLNodeTypeElement)
         return copyXMLStringFromTree(child); // a <value> without a type element is a string
@@ -399,16 +637,26 @@ RtTypeRef parseType(RtTreeRef valueTree, AutoString &error) {
         return nullptr;
     }
     ValueElement kind = valueElementKind(name);
+    if (kind == eUnknownElement && rules.extensions) kind = extensionElementKind(child, name);
     switch (kind) {
-    case eStringElement:
-        return copyElementText(child);
+    case eStringElement: {
+        RtTypeRef text = copyElementText(child);
+        return text || !rules.exact ? text : RtRetain(RTSTR(""));
+    }
     case eArrayElement:
-        return parseArrayData(RtTreeGetFirstChild(child), error);
+        return parseArrayData(RtTreeGetFirstChild(child), error, rules);
     case eStructElement:
-        return parseStructData(RtTreeGetFirstChild(child), error);
+        return parseStructData(RtTreeGetFirstChild(child), error, rules);
+    case eNilElement:
+        if (rules.exact && RtTreeGetFirstChild(child)) {
+            setError(error, "<%@> holds content; a nil element must be empty", name);
+            return nullptr;
+        }
+        return RtRetain(kRtNull);
     default:
         break;
     }
+    if (rules.exact) return parseExactScalar(child, name, kind, error);
 
     // Scalars read the first child node's string only: entity references in them stay undecoded.
     RtTreeRef first = RtTreeGetFirstChild(child);
@@ -421,6 +669,7 @@ RtTypeRef parseType(RtTreeRef valueTree, AutoString &error) {
     case eBooleanElement:
         return isTrueText(text) ? kRtBooleanTrue : kRtBooleanFalse; // immortal: no retain needed
     case eIntElement:
+    case eI8Element:
         return makeIntValueFromString(text);
     case eDoubleElement: {
         double number = RtStringGetDoubleValue(text);
@@ -446,6 +695,7 @@ RtTypeRef parseType(RtTreeRef valueTree, AutoString &error) {
 // make from the finished tree: the same code reads the same nodes in the same order, and the
 // first error ends the reading the same way.
 struct ReplyArrayDrain {
+    ValueRules fRules;
     RtTreeRef fValueTree = nullptr; // the param's <value>, once its array is being drained
     AutoArray fArray;
     AutoString fError;
@@ -485,7 +735,7 @@ bool _isReplyData(RtTreeRef data, void *info) {
 
 void _readReplyArrayItem(RtTreeRef item, void *info) {
     auto *drain = static_cast<ReplyArrayDrain *>(info);
-    if (drain->fError.isNull()) appendArrayItem(drain->fArray, item, drain->fError);
+    if (drain->fError.isNull()) appendArrayItem(drain->fArray, item, drain->fError, drain->fRules);
 }
 
 } // namespace
@@ -496,6 +746,7 @@ void XMLRPCProtocolHandler::parseReply(HalvoResult *result, RtTreeRef tree, Repl
         dumpXMLTree(tree, 0);
     }
     AutoString error;
+    ValueRules rules = readValueRules(this);
     RtTreeRef response = findNamedElement(tree, RTSTR("methodResponse"));
     RtTreeRef child = response ? RtTreeGetFirstChild(response) : nullptr;
     if (!response) {
@@ -507,7 +758,7 @@ void XMLRPCProtocolHandler::parseReply(HalvoResult *result, RtTreeRef tree, Repl
         if (!valueTree) {
             setError(error, RTSTR("<fault> must contain a <value>"));
         } else {
-            RtTypeRef value = parseType(valueTree, error);
+            RtTypeRef value = parseType(valueTree, error, rules);
             if (RtGetTypeID(value) == RtDictionaryGetTypeID() &&
                 RtDictionaryGetCount(static_cast<RtDictionaryRef>(value)) > 0) {
                 RtDictionaryRef fault = static_cast<RtDictionaryRef>(value);
@@ -537,7 +788,7 @@ void XMLRPCProtocolHandler::parseReply(HalvoResult *result, RtTreeRef tree, Repl
                 setError(error, drain->fError.getString());
             else
                 result->addToResult(kHVMethodInvocationResult, drain->fArray.getMutableArray());
-        } else if (RtTypeRef value = parseType(valueTree, error)) {
+        } else if (RtTypeRef value = parseType(valueTree, error, rules)) {
             result->addToResult(kHVMethodInvocationResult, value);
             RtRelease(value);
         }
@@ -562,8 +813,10 @@ RtDictionaryRef XMLRPCProtocolHandler::parseReplyData(RtStringRef /*methodName*/
 bool XMLRPCProtocolHandler::readReply(HalvoResult *result, RtDataRef data, bool forceXML,
                                       RtStringEncoding charset, RtStringRef *errorString) {
     ReplyArrayDrain drain;
+    drain.fRules = readValueRules(this);
     RtXMLTreeDrainContext draining = {kReplyDataDepth, _isReplyData, _readReplyArrayItem, &drain};
-    RtTreeRef tree = parseXML(data, forceXML, charset, errorString, &draining);
+    RtTreeRef tree =
+        parseXML(data, forceXML, charset, errorString, &draining, nullptr, xmlReadOptions(drain.fRules));
     if (!tree) return false;
     parseReply(result, tree, &drain);
     RtRelease(tree);
@@ -578,9 +831,22 @@ bool XMLRPCProtocolHandler::readReply(HalvoResult *result, RtDataRef data, bool 
 namespace {
 
 // The parameters of one <params> element, numbered "anon0", "anon1", ... in document order.
+// The parameters of a request being read and the rules they are read with.
+struct RequestContext {
+    AutoDict fParameters;
+    ValueRules fRules;
+};
+
+// The request dictionary being filled and the rules of its values.
+struct MethodCallContext {
+    AutoDict *fRequest;
+    ValueRules fRules;
+};
+
 struct ParamContext {
     AutoDict *fParamDict;
     int fParamCount;
+    ValueRules fRules;
 
     void addParam(RtTypeRef value) {
         AutoString name("anon%d", fParamCount);
@@ -592,7 +858,7 @@ struct ParamContext {
 RtStringRef _parseOneValue(RtTreeRef tree, RtXMLNodeRef, const AutoDict &, void *refcon) {
     AutoString error;
     // An empty <value> gives nothing and uses up no number.
-    if (RtTypeRef value = parseType(tree, error)) {
+    if (RtTypeRef value = parseType(tree, error, static_cast<ParamContext *>(refcon)->fRules)) {
         static_cast<ParamContext *>(refcon)->addParam(value);
         RtRelease(value);
     }
@@ -607,7 +873,8 @@ RtStringRef _parseOneParam(RtTreeRef tree, RtXMLNodeRef, const AutoDict &scope, 
 
 RtStringRef _parseParams(RtTreeRef tree, RtXMLNodeRef, const AutoDict &scope, void *refcon) {
     // Each <params> numbers from anon0 again, replacing earlier entries of the same names.
-    ParamContext context = {static_cast<AutoDict *>(refcon), 0};
+    auto *request = static_cast<RequestContext *>(refcon);
+    ParamContext context = {&request->fParameters, 0, request->fRules};
     //                                 namespace  local name      handler         context
     const XMLElementInterrogator rows[] = {{nullptr, RTSTR("param"), _parseOneParam, &context}};
     return xmlInterrogateElements(tree, scope, rows, 1, nullptr);
@@ -622,12 +889,14 @@ RtStringRef _parseString(RtTreeRef tree, RtXMLNodeRef, const AutoDict &, void *r
 }
 
 RtStringRef _parseMethodCall(RtTreeRef tree, RtXMLNodeRef, const AutoDict &scope, void *refcon) {
-    AutoDict *request = static_cast<AutoDict *>(refcon);
+    auto *call = static_cast<MethodCallContext *>(refcon);
+    AutoDict *request = call->fRequest;
     AutoString methodName;
-    AutoDict parameters(newMutableDict());
+    RequestContext params = {AutoDict(newMutableDict()), call->fRules};
+    AutoDict &parameters = params.fParameters;
     //                                 namespace  local name           handler        context
     const XMLElementInterrogator rows[] = {{nullptr, RTSTR("methodName"), _parseString, &methodName},
-                                           {nullptr, RTSTR("params"), _parseParams, &parameters}};
+                                           {nullptr, RTSTR("params"), _parseParams, &params}};
     if (RtStringRef error = xmlInterrogateElements(tree, scope, rows, 2, nullptr)) return error;
     if (methodName.isNull()) return RTSTR("<methodName> missing for request");
 
@@ -654,14 +923,16 @@ RtDictionaryRef XMLRPCProtocolHandler::parsePostData(RtDataRef data, RtStringEnc
     AutoString localError;
     AutoString *error = errorString ? errorString : &localError;
     error->setString(nullptr);
-    RtTreeRef tree = parseXML(data, true, encoding, error->getStringPtr());
+    MethodCallContext call = {&request, readValueRules(this)};
+    RtTreeRef tree =
+        parseXML(data, true, encoding, error->getStringPtr(), nullptr, nullptr, xmlReadOptions(call.fRules));
     if (!tree) return nullptr;
 
     // Top-level elements other than <methodCall> are handed back as extensions.
     AutoArray extensions;
     AutoDict rootScope;
     //                                 namespace  local name           handler            context
-    const XMLElementInterrogator rows[] = {{nullptr, RTSTR("methodCall"), _parseMethodCall, &request}};
+    const XMLElementInterrogator rows[] = {{nullptr, RTSTR("methodCall"), _parseMethodCall, &call}};
     RtStringRef failure = xmlInterrogateElements(tree, rootScope, rows, 1, extensions.getMutableArray());
     RtRelease(tree);
     if (failure) {

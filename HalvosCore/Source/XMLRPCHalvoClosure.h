@@ -52,4 +52,8 @@ class XMLRPCProtocolHandler : public HVProtocolHandler {
                    RtStringRef *errorString);
     // Writes one value element for value at indentation level.
     void serialize(XMLBuffer *buffer, int level, const void *value);
+
+  private:
+    bool serializeExact(XMLBuffer *buffer, int level, const void *value, HVTypeID kind);
+    void writeExactMemberName(XMLBuffer *buffer, int level, RtTypeRef name);
 };

@@ -319,10 +319,10 @@ class TreeBuilder {
     void streamBeforeChild();
     void offerLastChild();
     RtStringRef createOwned(const char *p, size_t n);
-    void flushText(bool beforeReference = false) {
-        if (!fText.empty()) flushPendingText(beforeReference);
+    void flushText(bool beforeReference = false, bool atEnd = false) {
+        if (!fText.empty()) flushPendingText(beforeReference, atEnd);
     }
-    void flushPendingText(bool beforeReference);
+    void flushPendingText(bool beforeReference, bool atEnd);
     void fail(int status, const std::string &description);
     void outOfMemory() { fail(XML_ERROR_NO_MEMORY, "out of memory"); }
 
@@ -340,6 +340,7 @@ class TreeBuilder {
     TreeNode *fCurrent;                 // the open element, or the document node
     std::vector<TreeNode *> fLastChild; // last child of each open node, the document first
     std::string fText;                  // character data not yet made into a node
+    bool fTextHasReference = false;     // fText holds a character reference (content whitespace only)
     bool fInCDATA = false;
     int fEntityDeclarations = 0;
     std::vector<const void *> fKeys; // scratch for attributes
@@ -549,13 +550,18 @@ RtStringRef TreeBuilder::createOwned(const char *p, size_t n) {
     return s;
 }
 
-void TreeBuilder::flushPendingText(bool beforeReference) {
+void TreeBuilder::flushPendingText(bool beforeReference, bool atEnd) {
     if (fInCDATA) return; // a CDATA section collects its text until it ends
     // Whitespace between markup is dropped under the option; whitespace next to an entity
     // reference is part of the text ("&lt; &gt;" keeps its space).
     bool skip = (fOptions & kRtXMLParserSkipWhitespace) && !beforeReference &&
                 !(fLastChild.back() && fLastChild.back()->fType == kRtXMLNodeTypeEntityReference) &&
                 isXMLWhitespace(fText.data(), fText.size());
+    // An element's whole content is data, not indentation, when it has no line break or was
+    // written as character references.
+    if (skip && atEnd && (fOptions & kRtXMLParserKeepContentWhitespace) && !fLastChild.back())
+        skip = !fTextHasReference && fText.find_first_of("\r\n") != std::string::npos;
+    fTextHasReference = false;
     if (!skip) {
         beforeChild();
         RtStringRef s = fText.size() <= kInternTextLength ? fTexts.intern(fText.data(), fText.size())
@@ -652,7 +658,7 @@ void TreeBuilder::startElement(const char *name, const char **atts) {
 }
 
 void TreeBuilder::endElement() {
-    flushText();
+    flushText(false, true);
     TreeNode *n = fCurrent;
     if (n == fDrained) {
         if (fLastChild.back()) drainLastChild();
@@ -701,6 +707,9 @@ bool TreeBuilder::predefinedReference(char c) {
 
 void TreeBuilder::characterData(const char *s, int len) {
     if (len == 1 && !fInCDATA && predefinedReference(s[0])) return;
+    // A character reference reaches us as one character whose raw bytes are longer ("&#10;").
+    if (len == 1 && (fOptions & kRtXMLParserKeepContentWhitespace) && XML_GetCurrentByteCount(fParser) > 2)
+        fTextHasReference = true;
     fText.append(s, size_t(len));
 }
 

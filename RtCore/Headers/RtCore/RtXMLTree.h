@@ -60,7 +60,12 @@ enum {
     kRtXMLParserSkipWhitespace = 8,           ///< Whitespace-only text is dropped.
     kRtXMLParserResolveExternalEntities = 16, ///< Accepted and ignored: never resolved.
     kRtXMLParserAddImpliedAttributes = 32,    ///< Add attributes defaulted by the internal DTD subset.
-    kRtXMLParserAllOptions = 0x00FFFFFF       ///< Every option.
+    kRtXMLParserAllOptions = 0x00FFFFFF,      ///< Every option.
+    /** With kRtXMLParserSkipWhitespace: whitespace-only text that is the whole content of an
+     *  element is kept when it holds no line break or comes from a character reference
+     *  ("<s> </s>", "<s>&#10;</s>"); indentation between tags is dropped as before. Outside
+     *  kRtXMLParserAllOptions, so only a caller that names it gets it. */
+    kRtXMLParserKeepContentWhitespace = 0x01000000
 };
 
 /** Element nesting beyond this depth makes the parse fail (the document element is depth 1). */
