@@ -28,7 +28,15 @@ constexpr int32_t kRefusedReplyFaultCode = -32603;
 struct ValueRules {
     bool exact = false;
     bool extensions = false;
+    // Set to true by a reader that met an extension element (i8, nil), when not NULL.
+    bool *sawExtension = nullptr;
 };
+
+// The request-dictionary key a server-side reader sets (to true) when the request held an
+// extension element: a client that sends them can read them, so a reply may use them.
+inline RtStringRef requestUsedExtensionsKey() {
+    return RTSTR("/HVValueExtensionsUsed");
+}
 
 // The rules of object's properties (a parent's value wins, as getProperty has it).
 ValueRules readValueRules(HVSerializerBase *object);

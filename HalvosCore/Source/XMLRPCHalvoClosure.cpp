@@ -637,7 +637,10 @@ RtTypeRef parseType(RtTreeRef valueTree, AutoString &error, const ValueRules &ru
         return nullptr;
     }
     ValueElement kind = valueElementKind(name);
-    if (kind == eUnknownElement && rules.extensions) kind = extensionElementKind(child, name);
+    if (kind == eUnknownElement && rules.extensions) {
+        kind = extensionElementKind(child, name);
+        if (kind != eUnknownElement && rules.sawExtension) *rules.sawExtension = true;
+    }
     switch (kind) {
     case eStringElement: {
         RtTypeRef text = copyElementText(child);
@@ -923,7 +926,9 @@ RtDictionaryRef XMLRPCProtocolHandler::parsePostData(RtDataRef data, RtStringEnc
     AutoString localError;
     AutoString *error = errorString ? errorString : &localError;
     error->setString(nullptr);
+    bool sawExtension = false;
     MethodCallContext call = {&request, readValueRules(this)};
+    call.fRules.sawExtension = &sawExtension;
     RtTreeRef tree =
         parseXML(data, true, encoding, error->getStringPtr(), nullptr, nullptr, xmlReadOptions(call.fRules));
     if (!tree) return nullptr;
@@ -941,5 +946,6 @@ RtDictionaryRef XMLRPCProtocolHandler::parsePostData(RtDataRef data, RtStringEnc
     }
     if (extensions.getCount() > 0)
         request.addValue(RTSTR("/HVXMLRPCTopLevelExtensions"), extensions.getImmutableArray());
+    if (sawExtension) request.addValue(requestUsedExtensionsKey(), kRtBooleanTrue);
     return request.copyDict();
 }

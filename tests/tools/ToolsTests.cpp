@@ -224,6 +224,36 @@ TEST(Hvcall, CallsPythonsXMLRPCServer) {
     EXPECT_TRUE(contains(raised.err, "hvcall: fault 4: Too many parameters")) << raised.err;
 }
 
+TEST(Hvcall, ValuesComeBackExactOrTheCallFails) {
+    // The four values a user once saw changed without a word, against Python's echo.
+    hvtest::PythonPeer peer("xmlrpc_server.py");
+    ASSERT_TRUE(peer.ready()) << peer.error();
+    struct Row {
+        std::vector<std::string> args;
+        int status;
+        const char *out; // standard output, or a piece of standard error when the call fails
+    };
+    const Row rows[] = {
+        {{"3000000000"}, 1, "params[0]: 3000000000 does not fit a 32-bit XML-RPC int; allow extensions"},
+        {{"--extensions", "3000000000"}, 0, "3000000000\n"},
+        {{"2.718281828459045"}, 0, "2.718281828459045\n"},
+        {{R"({"a": ""})"}, 0, "{\n  \"a\": \"\"\n}\n"},
+        {{"null"}, 1, "params[0]: null has no XML-RPC form; allow extensions to send it as nil"},
+        {{"--extensions", R"({"a": null})"}, 0, "{\n  \"a\": null\n}\n"},
+        {{"--spec-values", "2.718281828459045"}, 0, "2.71828\n"},
+    };
+    for (const Row &row : rows) {
+        std::vector<std::string> args(row.args.begin(), row.args.end() - 1);
+        args.insert(args.end(), {peer.url("/RPC2"), "echo", row.args.back()});
+        Finished echoed = hvcall(args);
+        EXPECT_EQ(echoed.status, row.status) << row.args.back() << echoed.err;
+        if (row.status == 0)
+            EXPECT_EQ(echoed.out, row.out);
+        else
+            EXPECT_TRUE(contains(echoed.err, row.out)) << echoed.err;
+    }
+}
+
 // ---- SOAP through hvcall and hvserve ----
 
 const char kSchema1999[] = "xmlns:xsd=\"http://www.w3.org/1999/XMLSchema\"";

@@ -23,9 +23,19 @@ const char kUsage[] =
     "usage: hvcall [options] URL METHOD [PARAM...]\n"
     "\n"
     "Calls METHOD at the XML-RPC or SOAP endpoint URL and prints the result as JSON.\n"
-    "Each PARAM is one JSON value: 42 (a 32-bit integer, 64-bit when larger), 2.5 (a double),\n"
-    "\"text\", true, false, null, [1, 2], {\"key\": \"value\"} (a dictionary, in key order),\n"
-    "{\"$date\": \"2001-12-31T23:59:07Z\"} (a date) or {\"$base64\": \"TWFu\"} (data).\n"
+    "Each PARAM is one JSON value. Values travel exactly or the call fails before anything is\n"
+    "sent, with a fault naming the parameter (params[0].name[2]) and the reason:\n"
+    "  42            an integer: XML-RPC <i4>; beyond 32 bits refused, <i8> with --extensions;\n"
+    "                SOAP xsd:int, xsd:long beyond 32 bits\n"
+    "  2.5           a double in the shortest form that reads back identical (SOAP: also\n"
+    "                NaN, INF, -INF, which XML-RPC refuses)\n"
+    "  \"text\"        a string; \"\" stays an empty string (not null)\n"
+    "  true, false   a boolean\n"
+    "  null          XML-RPC: refused, <nil/> with --extensions; SOAP: xsi:nil=\"true\"\n"
+    "  [1, 2]        an array\n"
+    "  {\"key\": 1}    a struct (SOAP: a record), members in key order\n"
+    "  {\"$date\": \"2001-12-31T23:59:07Z\"}  a date (whole seconds)\n"
+    "  {\"$base64\": \"TWFu\"}                 data\n"
     "Quote parameters for the shell: '\"text\"'. Options come before URL; \"--\" ends them.\n"
     "\n"
     "options:\n"
@@ -55,6 +65,10 @@ const char kUsage[] =
     "                          0: no limit)\n"
     "  --compressed            ask for a gzip or deflate compressed reply\n"
     "  --show-wire             print the request and the reply, headers and bodies, on standard error\n"
+    "  --extensions            XML-RPC: send and accept <i8> (64-bit integers) and <nil/> (null)\n"
+    "  --spec-values           write and read values the default way instead of exactly: integers\n"
+    "                          beyond 32 bits as 0, doubles with 6 digits (SOAP 8), \"\" read as\n"
+    "                          null, null written as text\n"
     "  --help                  print this help\n"
     "\n"
     "Exit status: 0 the result was printed; 1 the call ended in a fault (code, string and\n"
@@ -82,6 +96,8 @@ struct CallOptions {
     bool fInsecure = false;
     long long fMaxReply = -1;
     bool fCompressed = false;
+    bool fExtensions = false;
+    bool fSpecValues = false;
     bool fHelp = false;
     std::string fURL;
     std::string fMethod;
@@ -121,6 +137,8 @@ const struct {
     {"--insecure", &CallOptions::fInsecure},
     {"--proxy-auth", &CallOptions::fProxyAuth},
     {"--compressed", &CallOptions::fCompressed},
+    {"--extensions", &CallOptions::fExtensions},
+    {"--spec-values", &CallOptions::fSpecValues},
 };
 
 // The options that take a file or directory path.
@@ -468,6 +486,9 @@ int call(const CallOptions &options) {
     HVMethodInvocationRef invocation = owned.keep(HVMethodInvocationCreate(url, method, options.fProtocol));
     if (!invocation) return usageError("cannot make an invocation for '" + options.fURL + "'");
     HVMethodInvocationSetParameters(invocation, params, order);
+    // A command-line user never wants a silent change: exact unless asked otherwise.
+    if (!options.fSpecValues) HVMethodInvocationSetProperty(invocation, kHVExactValues, kRtBooleanTrue);
+    if (options.fExtensions) HVMethodInvocationSetProperty(invocation, kHVValueExtensions, kRtBooleanTrue);
 
     if (options.fTimeout >= 0) {
         int32_t seconds = int32_t(options.fTimeout);
