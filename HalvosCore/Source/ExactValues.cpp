@@ -271,14 +271,20 @@ bool readExactDouble(RtStringRef text, bool xsdSpecials, double *out) {
     std::string s;
     if (!trimmedASCII(text, s) || s.empty()) return false;
     if (xsdSpecials) {
-        if (s == "NaN") {
+        // The schema's spellings, and those of writers that print their language's own
+        // ("inf", "-Infinity", "nan"): each names one value exactly.
+        std::string lower;
+        for (char c : s)
+            lower += static_cast<char>(c >= 'A' && c <= 'Z' ? c + 32 : c);
+        if (lower == "nan") {
             *out = std::nan("");
             return true;
         }
-        if (s == "INF" || s == "+INF" || s == "-INF") {
-            *out = s[0] == '-' ? -HUGE_VAL : HUGE_VAL;
-            return true;
-        }
+        for (const char *infinity : {"inf", "+inf", "-inf", "infinity", "+infinity", "-infinity"})
+            if (lower == infinity) {
+                *out = lower[0] == '-' ? -HUGE_VAL : HUGE_VAL;
+                return true;
+            }
     }
     // Decimal form only: [sign] digits [. digits] [e [sign] digits], at least one digit.
     const char *p = s.data();

@@ -93,7 +93,8 @@ std::string shortestDouble(double value);
 // (optional sign, digits only).
 bool readExactInteger(RtStringRef text, int64_t min, int64_t max, int64_t *out);
 // The whole of text as a finite double, decimal form with optional exponent; xsdSpecials adds
-// "NaN", "INF", "+INF" and "-INF". False for anything else, including text that overflows.
+// NaN and the infinities ("NaN", "INF", "-INF", and "inf", "-Infinity" in any case). False for
+// anything else, including text that overflows.
 bool readExactDouble(RtStringRef text, bool xsdSpecials, double *out);
 // "1", "0", "true" or "false" (white space around allowed).
 bool readExactBoolean(RtStringRef text, bool *out);

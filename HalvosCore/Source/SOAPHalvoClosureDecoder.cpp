@@ -528,15 +528,6 @@ RtTypeRef SOAPDecoder::decodeExactScalar(RtTreeRef target, RtTreeRef firstChild,
         return nullptr;
     }
     RtStringRef text = RtXMLNodeGetString(firstNode);
-    // The local type name decides an integer's width: short, int (and i4), long.
-    RtStringRef qualified = type.qualified;
-    RtIndex bar = RtStringFind(qualified, RTSTR("|"), 0).location;
-    AutoString local;
-    *local.getStringPtr() =
-        bar == kRtNotFound
-            ? static_cast<RtStringRef>(RtRetain(qualified))
-            : RtStringCreateWithSubstring(kRtAllocatorDefault, qualified,
-                                          RtRangeMake(bar + 1, RtStringGetLength(qualified) - bar - 1));
     RtTypeRef value = nullptr;
     const char *what = "";
     switch (type.kind) {
@@ -547,26 +538,17 @@ RtTypeRef SOAPDecoder::decodeExactScalar(RtTreeRef target, RtTreeRef firstChild,
         break;
     }
     case eHVIntegerType: {
-        RtStringRef typeName = local.getString();
-        bool wide = RtStringHasSuffix(typeName, RTSTR("long"));
-        bool narrow = RtStringHasSuffix(typeName, RTSTR("short"));
+        // Any value within 64 bits is read as the text says, whatever width the type names.
         int64_t number = 0;
-        if (readExactInteger(text,
-                             wide     ? INT64_MIN
-                             : narrow ? INT16_MIN
-                                      : INT32_MIN,
-                             wide     ? INT64_MAX
-                             : narrow ? INT16_MAX
-                                      : INT32_MAX,
-                             &number)) {
-            if (wide) {
-                value = RtNumberCreate(kRtAllocatorDefault, kRtNumberSInt64Type, &number);
-            } else {
+        if (readExactInteger(text, INT64_MIN, INT64_MAX, &number)) {
+            if (number >= INT32_MIN && number <= INT32_MAX) {
                 int32_t small = static_cast<int32_t>(number);
                 value = RtNumberCreate(kRtAllocatorDefault, kRtNumberSInt32Type, &small);
+            } else {
+                value = RtNumberCreate(kRtAllocatorDefault, kRtNumberSInt64Type, &number);
             }
         }
-        what = wide ? "not a 64-bit integer" : narrow ? "not a 16-bit integer" : "not a 32-bit integer";
+        what = "not a decimal integer within 64 bits";
         break;
     }
     case eHVDoubleType: {

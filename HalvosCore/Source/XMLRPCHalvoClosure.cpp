@@ -326,7 +326,9 @@ RtDataRef XMLRPCProtocolHandler::createReply(RtDictionaryRef context, RtTypeRef 
         if (fWriteCheck.refused()) {
             AutoString refusal(fWriteCheck.getRefusal());
             AutoDict fault(newMutableDict());
-            fault.addValue(kHVFaultCode, internedInt(kRefusedReplyFaultCode));
+            int32_t code = kRefusedReplyFaultCode;
+            AutoScalar codeNumber(RtNumberCreate(kRtAllocatorDefault, kRtNumberSInt32Type, &code));
+            fault.addValue(kHVFaultCode, codeNumber.getRef());
             fault.addValue(kHVFaultString, refusal.getString());
             return createFault(context, fault.getImmutableDict());
         }
@@ -509,11 +511,12 @@ RtTypeRef parseExactScalar(RtTreeRef element, RtStringRef name, ValueElement kin
     }
     case eIntElement:
     case eI8Element: {
+        // Some peers write large integers as i4: the text says exactly which, so any value
+        // within 64 bits is read as it is (a 32-bit number when it fits).
         int64_t number = 0;
-        bool wide = kind == eI8Element;
-        if (!readExactInteger(text, wide ? INT64_MIN : INT32_MIN, wide ? INT64_MAX : INT32_MAX, &number))
-            return fail(wide ? "not a 64-bit integer" : "not a 32-bit integer");
-        if (!wide) {
+        if (!readExactInteger(text, INT64_MIN, INT64_MAX, &number))
+            return fail("not a decimal integer within 64 bits");
+        if (number >= INT32_MIN && number <= INT32_MAX) {
             int32_t narrow = static_cast<int32_t>(number);
             return RtNumberCreate(kRtAllocatorDefault, kRtNumberSInt32Type, &narrow);
         }

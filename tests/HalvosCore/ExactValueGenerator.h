@@ -21,6 +21,8 @@ struct Carriage {
     bool wide = false;     // integers beyond 32 bits
     bool specials = false; // NaN, INF, -INF
     bool xmlNames = false; // member names must be XML names
+    bool rawText = false;  // the peer writes text raw: no carriage returns (a parser reads a
+                           // raw one as a line feed), no white space alone with a line break
 };
 
 class ValueGenerator {
@@ -134,6 +136,11 @@ class ValueGenerator {
                 units.push_back(static_cast<char16_t>(range(0x20, 0x7E)));
                 break;
             }
+        }
+        if (fCarriage.rawText) {
+            for (char16_t &unit : units)
+                if (unit == u'\r') unit = u'\t';
+            if (!units.empty() && units.find_first_not_of(u" \t\n") == std::u16string::npos) units += u'x';
         }
         return Value::adopt(RtStringCreateWithCharacters(
             nullptr, reinterpret_cast<const RtUniChar *>(units.data()), static_cast<RtIndex>(units.size())));

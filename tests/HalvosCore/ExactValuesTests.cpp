@@ -97,6 +97,31 @@ TEST(ExactValues, RefusalNamesThePathAndFailsBeforeSending) {
               refusalOf(kHVSOAP2001Protocol, Dict({{"a b", I(1)}}), false));
 }
 
+TEST(ExactValues, ServerRepliesThatCannotTravelBecomeFaults) {
+    struct Row {
+        RtStringRef protocol;
+        Value value;
+        const char *written;
+    };
+    const Row rows[] = {
+        {kHVXMLRPCProtocol, I64(1LL << 40),
+         "<string>result: 1099511627776 does not fit a 32-bit XML-RPC int; allow extensions to send it as "
+         "i8</string>"},
+        {kHVXMLRPCProtocol, A({D(NAN)}), "<i4>-32603</i4>"},
+        {kHVSOAP2001Protocol, Dict({{"a b", I(1)}}),
+         "<faultstring>result.a b: &quot;a b&quot; is not a valid XML element name</faultstring>"},
+    };
+    for (const Row &row : rows) {
+        ExactHandler handler(row.protocol);
+        std::string document = handler.reply(row.value, Dict({{"/HVMethodName", S("m")}}));
+        EXPECT_NE(std::string::npos, document.find(row.written)) << document;
+    }
+    // A fault string goes out whatever it holds: encoded, with what XML cannot carry replaced.
+    ExactHandler soap(kHVSOAP2001Protocol);
+    EXPECT_NE(std::string::npos, soap.fault(Dict({{"/FaultString", S("a<b\x01")}}))
+                                     .find("<faultstring>a&lt;b\xEF\xBF\xBD</faultstring>"));
+}
+
 TEST(ExactValues, SOAPWritesEachKindExactly) {
     struct Row {
         RtStringRef protocol;
@@ -127,10 +152,12 @@ TEST(ExactValues, BadInputIsOneFaultNamingTheElement) {
         const char *fault;
     };
     const Row rows[] = {
-        {"<i4>12abc</i4>", false, "<i4> holds \"12abc\", not a 32-bit integer"},
-        {"<int>3000000000</int>", false, "<int> holds \"3000000000\", not a 32-bit integer"},
-        {"<i4>0x1F</i4>", false, "<i4> holds \"0x1F\", not a 32-bit integer"},
-        {"<i8>9223372036854775808</i8>", true, "<i8> holds \"9223372036854775808\", not a 64-bit integer"},
+        {"<i4>12abc</i4>", false, "<i4> holds \"12abc\", not a decimal integer within 64 bits"},
+        {"<int>-9223372036854775809</int>", false,
+         "<int> holds \"-9223372036854775809\", not a decimal integer within 64 bits"},
+        {"<i4>0x1F</i4>", false, "<i4> holds \"0x1F\", not a decimal integer within 64 bits"},
+        {"<i8>9223372036854775808</i8>", true,
+         "<i8> holds \"9223372036854775808\", not a decimal integer within 64 bits"},
         {"<double>1e999</double>", false, "<double> holds \"1e999\", not a finite double"},
         {"<double>nan</double>", false, "<double> holds \"nan\", not a finite double"},
         {"<nil>x</nil>", true, "<nil> holds content; a nil element must be empty"},
@@ -154,9 +181,9 @@ TEST(ExactValues, BadInputIsOneFaultNamingTheElement) {
         const char *fault;
     };
     const SOAPRow soapRows[] = {
-        {"<a xsi:type=\"xsd:int\">4 2</a>", "<a> holds \"4 2\", not a 32-bit integer"},
+        {"<a xsi:type=\"xsd:int\">4 2</a>", "<a> holds \"4 2\", not a decimal integer within 64 bits"},
         {"<a xsi:type=\"xsd:long\">99999999999999999999</a>",
-         "<a> holds \"99999999999999999999\", not a 64-bit integer"},
+         "<a> holds \"99999999999999999999\", not a decimal integer within 64 bits"},
         {"<a xsi:type=\"xsd:double\">1e999</a>", "<a> holds \"1e999\", not a double"},
         {"<a xsi:nil=\"true\">x</a>", "<a> is nil but holds content"},
         {"<a xsi:type=\"xsd:int\"/>", "<a> declares xsd:int but holds no value"},
@@ -177,6 +204,7 @@ TEST(ExactValues, ReadersAcceptExtensionsAndExactForms) {
     const Row rows[] = {
         {"<i8>-9223372036854775808</i8>", true, I64(INT64_MIN)},
         {"<i8>3000000000</i8>", false, I64(3000000000LL)},
+        {"<i4>3000000000</i4>", true, I64(3000000000LL)},
         {"<nil/>", false, Value::retain(kRtNull)},
         {"<ex:i8 xmlns:ex=\"http://ws.apache.org/xmlrpc/namespaces/extensions\">5</ex:i8>", true, I(5)},
         {"<ex:nil xmlns:ex=\"http://ws.apache.org/xmlrpc/namespaces/extensions\"/>", true,

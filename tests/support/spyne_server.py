@@ -12,6 +12,9 @@ wrapped as spyne writes them):
   records(count: int) -> array of Record {id: int, name: string, score: double,
                                            active: boolean, stamp: dateTime}
   fail(code: string, message: string) -> a SOAP fault with that faultcode and faultstring
+  echoAny(v: any XML) -> the first element inside v, as spyne parsed it, written back by its
+                          own XML writer (SOAP-encoded values of any kind travel through it)
+  echoDouble(d: double) -> double, echoLong(n: long) -> long: spyne's own reading of them
 
 Options:
   --parse-xsi-type   let xsi:type attributes in requests pick the type, as spyne does by default.
@@ -26,8 +29,8 @@ import logging
 import sys
 from wsgiref.simple_server import WSGIRequestHandler, make_server
 
-from spyne import (Application, Array, Boolean, ComplexModel, DateTime, Double, Fault, Integer,
-                   ServiceBase, Unicode, rpc)
+from spyne import (Application, AnyXml, Array, Boolean, ComplexModel, DateTime, Double, Fault,
+                   Integer, Long, ServiceBase, Unicode, rpc)
 from spyne.protocol.soap import Soap11
 from spyne.server.wsgi import WsgiApplication
 
@@ -60,6 +63,18 @@ class TestService(ServiceBase):
         return [Record(id=i, name="record %d <&>" % i, score=i * 1.5, active=(i % 2 == 0),
                        stamp=base + datetime.timedelta(days=i))
                 for i in range(count or 0)]
+
+    @rpc(AnyXml, _returns=AnyXml)
+    def echoAny(ctx, v):
+        return v
+
+    @rpc(Double, _returns=Double)
+    def echoDouble(ctx, d):
+        return d
+
+    @rpc(Long, _returns=Long)
+    def echoLong(ctx, n):
+        return n
 
     @rpc(Unicode, Unicode)
     def fail(ctx, code, message):

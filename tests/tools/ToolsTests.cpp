@@ -338,6 +338,31 @@ TEST(Hvserve, AnswersSOAPInTheRequestsFlavour) {
 
 // ---- hvserve on its own --------------------------------------------------------------------------
 
+TEST(Hvserve, AnswersExactlyAndInExtensionsOnlyToRequestsThatUseThem) {
+    Server server;
+    struct Row {
+        const char *value; // inside the parameter's <value>
+        const char *answer;
+    };
+    const Row rows[] = {
+        {"<i8>3000000000</i8>", "<i8>3000000000</i8>"},
+        {"<nil/>", "<nil/>"},
+        {"<double>0.1</double>", "<double>0.1</double>"},
+        // Sent as i4 by some peers: read exactly, but a client that never used i8 gets a fault.
+        {"<i4>3000000000</i4>", "result: 3000000000 does not fit a 32-bit XML-RPC int; allow extensions"},
+        {"<ex:i1 xmlns:ex=\"http://ws.apache.org/xmlrpc/namespaces/extensions\">1</ex:i1>",
+         "which this server cannot read; kHVValueExtensions accepts i8, nil, ex:i8 and ex:nil"},
+    };
+    for (const Row &row : rows) {
+        std::string body =
+            std::string("<?xml version=\"1.0\"?><methodCall><methodName>examples.echo</methodName>"
+                        "<params><param><value>") +
+            row.value + "</value></param></params></methodCall>";
+        TestHTTPResponse reply = httpRequest(server.port(), "POST", "/RPC2", {}, body);
+        EXPECT_TRUE(contains(reply.body, row.answer)) << row.value << "\n" << reply.body;
+    }
+}
+
 TEST(Hvserve, AnswersEveryRequestWithoutDroppingIt) {
     Server server({"--max-body", "4096"});
     hvtest::TestHTTPResponse notXML = hvtest::httpRequest(server.port(), "POST", "/RPC2", {}, "not xml");
