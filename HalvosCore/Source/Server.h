@@ -107,8 +107,10 @@ class Server {
         std::string fIndexText;
         std::string fCertificate, fKey;
         std::string fRealm = "HalvosCore";
-        bool fExact = false;      // kHVExactValues, handed to every protocol handler
-        bool fExtensions = false; // kHVValueExtensions, likewise
+        // Exact values both ways, and the XML-RPC extension elements read (and written in
+        // replies to requests that used them): what hvserve has always done.
+        bool fExact = true;
+        bool fExtensions = true;
     };
     const Options &options() const { return fOptions; }
     bool authenticate(const char *user, const char *password, const std::string &path);

@@ -106,6 +106,42 @@ RtStringRef soapFlavour(const std::string &body, RtDataRef data) {
 
 // True when the document's root element is a SOAP Envelope (any prefix): on a path that serves
 // both protocols everything else is read as XML-RPC.
+// The first type element inside an XML-RPC <value> that no reader here knows, named with the
+// property that accepts the extension elements; "" when there is none.
+std::string unreadableValueElement(RtDataRef body, bool extensions) {
+    static const char *const known[] = {"string",           "int",    "i4",    "boolean", "double",
+                                        "dateTime.iso8601", "base64", "array", "struct"};
+    RtTreeRef tree = RtXMLTreeCreateFromDataWithError(
+        nullptr, body, nullptr, kRtXMLParserSkipWhitespace | kRtXMLParserSkipMetaData, 0, nullptr);
+    std::string found;
+    std::vector<RtTreeRef> pending;
+    if (tree) pending.push_back(tree);
+    while (!pending.empty() && found.empty()) {
+        RtTreeRef node = pending.back();
+        pending.pop_back();
+        bool inValue = utf8(RtXMLNodeGetString(RtXMLTreeGetNode(node))) == "value";
+        for (RtTreeRef child = RtTreeGetFirstChild(node); child && found.empty();
+             child = RtTreeGetNextSibling(child)) {
+            if (RtXMLNodeGetTypeCode(RtXMLTreeGetNode(child)) != kRtXMLNodeTypeElement) continue;
+            pending.push_back(child);
+            if (!inValue) continue;
+            std::string type = utf8(RtXMLNodeGetString(RtXMLTreeGetNode(child)));
+            size_t colon = type.find(':');
+            std::string local = colon == std::string::npos ? type : type.substr(colon + 1);
+            bool readable = extensions && (local == "i8" || local == "nil");
+            for (const char *k : known)
+                readable = readable || type == k;
+            if (!readable)
+                found =
+                    "the request holds <" + type +
+                    ">, which this server cannot read; kHVValueExtensions accepts i8, nil, ex:i8 and ex:nil "
+                    "(ex bound to http://ws.apache.org/xmlrpc/namespaces/extensions)";
+        }
+    }
+    safeRtRelease(tree);
+    return found;
+}
+
 bool rootIsEnvelope(const std::string &body) {
     size_t i = body.compare(0, 3, "\xEF\xBB\xBF") == 0 ? 3 : 0;
     while (i < body.size()) {
@@ -266,15 +302,10 @@ RtTypeRef createFromText(RtStringRef string, Kind kind) {
 
 // True when value is something the protocol writes faithfully: the runtime kinds the writers
 // know, dictionaries keyed by strings, integers within 32 bits, no null in XML-RPC, and not
-// nested past kMaxReplyDepth (which also stops a collection that holds itself).
-// What the writers carry beyond the documented output: 64-bit integers with exact values (in
-// XML-RPC only with the extensions), and XML-RPC's nil with the extensions.
-struct Carries {
-    bool fWideIntegers = false;
-    bool fXMLRPCNull = false;
-};
-
-bool writable(RtTypeRef value, RtStringRef protocol, int depth, Carries carries = {}) {
+// nested past kMaxReplyDepth (which also stops a collection that holds itself). With exact,
+// integers and null are left to the exact writer, which writes them (i8, nil, xsd:long, xsi:nil)
+// or turns the reply into a fault naming the value.
+bool writable(RtTypeRef value, RtStringRef protocol, int depth, bool exact) {
     if (!value || depth > kMaxReplyDepth) return false;
     RtTypeID type = RtGetTypeID(value);
     if (type == RtStringGetTypeID() || type == RtBooleanGetTypeID() || type == RtDateGetTypeID() ||
@@ -282,14 +313,13 @@ bool writable(RtTypeRef value, RtStringRef protocol, int depth, Carries carries 
         return true;
     if (type == RtNumberGetTypeID()) {
         int64_t integer = 0;
-        return !isInteger(value, integer) || carries.fWideIntegers ||
-               (integer >= INT32_MIN && integer <= INT32_MAX);
+        return exact || !isInteger(value, integer) || (integer >= INT32_MIN && integer <= INT32_MAX);
     }
-    if (type == RtNullGetTypeID()) return protocol != kHVXMLRPCProtocol || carries.fXMLRPCNull;
+    if (type == RtNullGetTypeID()) return exact || protocol != kHVXMLRPCProtocol;
     if (type == RtArrayGetTypeID()) {
         auto array = static_cast<RtArrayRef>(value);
         for (RtIndex i = 0, n = RtArrayGetCount(array); i < n; i++)
-            if (!writable(RtArrayGetValueAtIndex(array, i), protocol, depth + 1, carries)) return false;
+            if (!writable(RtArrayGetValueAtIndex(array, i), protocol, depth + 1, exact)) return false;
         return true;
     }
     if (type == RtDictionaryGetTypeID()) {
@@ -299,7 +329,7 @@ bool writable(RtTypeRef value, RtStringRef protocol, int depth, Carries carries 
         RtDictionaryGetKeysAndValues(dictionary, keys.data(), values.data());
         for (RtIndex i = 0; i < n; i++)
             if (RtGetTypeID(keys[size_t(i)]) != RtStringGetTypeID() ||
-                !writable(values[size_t(i)], protocol, depth + 1, carries))
+                !writable(values[size_t(i)], protocol, depth + 1, exact))
                 return false;
         return true;
     }
@@ -321,7 +351,7 @@ RtDictionaryRef normalisedFault(RtDictionaryRef given, RtStringRef protocol) {
         auto string = RtDictionaryGetValue(given, kHVFaultString);
         if (RtGetTypeID(string) == RtStringGetTypeID()) text = utf8(static_cast<RtStringRef>(string));
         extra = RtDictionaryGetValue(given, kHVFaultExtra);
-        if (extra && !writable(extra, protocol, 0)) extra = nullptr;
+        if (extra && !writable(extra, protocol, 0, false)) extra = nullptr;
     }
     RtDictionaryRef fault = createFault(code, text);
     if (extra) RtDictionarySetValue(const_cast<RtMutableDictionaryRef>(fault), kHVFaultExtra, extra);
@@ -494,12 +524,15 @@ bool Server::setProperty(RtStringRef key, RtTypeRef value) {
         return true;
     };
     if (key == kHVServerLogRequests) return flag(o.fLog);
-    if (key == kHVExactValues) return flag(o.fExact);
-    if (key == kHVValueExtensions) return flag(o.fExtensions);
     if (key == kHVServerIndexText) {
         if (value && !textOf(value, text)) return false;
         o.fHasIndex = value != nullptr;
         o.fIndexText = value ? text : std::string();
+        return true;
+    }
+    if (key == kHVExactValues || key == kHVValueExtensions) {
+        if (value && RtGetTypeID(value) != RtBooleanGetTypeID()) return false;
+        (key == kHVExactValues ? o.fExact : o.fExtensions) = !value || value == kRtBooleanTrue;
         return true;
     }
     if (key == kHVServerAuthRealm) {
@@ -523,13 +556,19 @@ ServedReply Server::serve(Dialect dialect, const std::string &body) {
     if (fOptions.fExact) HVProtocolHandlerSetProperty(handler, kHVExactValues, kRtBooleanTrue);
     if (fOptions.fExtensions) HVProtocolHandlerSetProperty(handler, kHVValueExtensions, kRtBooleanTrue);
     RtDictionaryRef request = HVProtocolHandlerCopyRequestDictionary(handler, data);
+    // Extension elements go into a reply only for a request that used them: a client that sends
+    // them can read them.
+    if (!request || RtDictionaryGetValue(request, RTSTR("/HVValueExtensionsUsed")) != kRtBooleanTrue)
+        HVProtocolHandlerSetProperty(handler, kHVValueExtensions, nullptr);
 
     RtDataRef document = nullptr;
     RtDictionaryRef fault = nullptr;
     auto name = static_cast<RtStringRef>(RtDictionaryGetValue(request, RTSTR("/HVMethodName")));
     if (!request || RtGetTypeID(name) != RtStringGetTypeID()) {
-        fault = createFault(eFaultParse, xmlrpc ? "the request is not an XML-RPC methodCall"
-                                                : "the request is not a SOAP envelope");
+        std::string unreadable = xmlrpc ? unreadableValueElement(data, fOptions.fExtensions) : "";
+        fault = createFault(eFaultParse, !unreadable.empty() ? unreadable
+                                         : xmlrpc            ? "the request is not an XML-RPC methodCall"
+                                                             : "the request is not a SOAP envelope");
     } else {
         reply.fMethod = utf8(name);
         auto params =
@@ -660,11 +699,7 @@ Outcome Server::callRegistered(const std::string &key, const Method &method, RtS
         RtRelease(fault);
         return outcome;
     }
-    Carries carries;
-    bool xmlrpc = protocol == kHVXMLRPCProtocol;
-    carries.fWideIntegers = fOptions.fExact && (!xmlrpc || fOptions.fExtensions);
-    carries.fXMLRPCNull = fOptions.fExact && fOptions.fExtensions;
-    if (!writable(value, protocol, 0, carries)) {
+    if (!writable(value, protocol, 0, fOptions.fExact)) {
         RtRelease(value);
         return faultOutcome(eFaultInternal, "internal error");
     }

@@ -118,9 +118,8 @@ HV_EXPORT extern const RtStringRef kHVServerMaxConnectionsPerAddress;
  * and its connection closed. The connection's buffer is this size plus 8 KiB. */
 HV_EXPORT extern const RtStringRef kHVServerMaxHeadBytes;
 
-/* kHVExactValues and kHVValueExtensions (booleans, false by default) are server properties too:
- * every protocol handler of the server reads and writes with them, and a method may then return
- * what they let the writers carry (integers beyond 32 bits; nil in XML-RPC with the extensions). */
+/* kHVExactValues and kHVValueExtensions (booleans, true by default) are server properties too:
+ * see HVServerSetProperty. */
 
 /* ---- Functions ----------------------------------------------------------------------------- */
 
@@ -152,9 +151,12 @@ HV_EXPORT bool HVServerSetAuthentication(HVServerRef server, HVServerAuthenticat
                                          HVClientContext *context);
 
 /** HVServerSetProperty: sets one of the kHVServer... properties (value retained; NULL restores
- * the default); kHVExactValues and kHVValueExtensions are accepted as well (see above). Returns
- * false for an unknown key, a value of the wrong kind or out of range, or a server already
- * started. */
+ * the default). Also takes kHVExactValues and kHVValueExtensions, both true by default: requests
+ * are read exactly, with the XML-RPC extension elements (i8, nil, ex:i8, ex:nil), and replies
+ * are written exactly (a value that cannot travel becomes a fault naming it), using i8 and nil
+ * only in reply to a request that used them; set either to kRtBooleanFalse to turn it off.
+ * Returns false for an unknown key, a value of the wrong kind or out of range, or a server
+ * already started. */
 HV_EXPORT bool HVServerSetProperty(HVServerRef server, RtStringRef key, RtTypeRef value);
 
 /** HVServerListen: binds the listening socket to address (an IPv4 or IPv6 literal; NULL means
