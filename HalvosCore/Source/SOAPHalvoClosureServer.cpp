@@ -115,23 +115,18 @@ RtDictionaryRef SOAPProtocolHandler::parsePostData(RtDataRef data, RtStringEncod
 
 RtDataRef SOAPProtocolHandler::createReply(RtDictionaryRef context, RtTypeRef returnValue) {
     fWriteCheck.begin(readValueRules(this), "result");
-    if (fWriteCheck.fRules.exact) {
-        // A value that cannot travel turns the reply into a fault that says so.
-        XMLBuffer probe(replyEncoding(context));
-        serialize(&probe, 5, RTSTR("Result"), returnValue);
-        if (fWriteCheck.refused()) {
-            AutoString refusal(fWriteCheck.getRefusal());
-            AutoDict fault(newMutableDict());
-            fault.addValue(kHVFaultString, refusal.getString());
-            return createFault(context, fault.getImmutableDict());
-        }
-    }
     XMLBuffer buffer(replyEncoding(context));
     buffer.addTo(1, RTSTR("<SOAP-ENV:Envelope"));
     if (!writeEnvelopeNamespaces(&buffer, fProtocolKind)) return nullptr;
     buffer.addTo(3, RTSTR("<SOAP-ENV:Body>"));
     RtTypeRef methodName = requestValue(context, requestMethodNameKey());
     RtTypeRef methodNS = requestValue(context, kHVSOAPMethodNamespaceURI);
+    AutoString encodedNS;
+    if (fWriteCheck.fRules.exact && RtGetTypeID(methodNS) == RtStringGetTypeID()) {
+        // The namespace came decoded from the request; as an attribute value it is encoded again.
+        *encodedNS.getStringPtr() = exactEncodeString(static_cast<RtStringRef>(methodNS), true);
+        methodNS = encodedNS.getString();
+    }
     if (methodNS)
         buffer.addTo(4, RTSTR("<m:%@Response xmlns:m=\"%@\">"), methodName, methodNS);
     else
@@ -143,6 +138,13 @@ RtDataRef SOAPProtocolHandler::createReply(RtDictionaryRef context, RtTypeRef re
         buffer.addTo(4, RTSTR("</%@Response>"), methodName);
     buffer.addTo(3, RTSTR("</SOAP-ENV:Body>"));
     buffer.addTo(1, RTSTR("</SOAP-ENV:Envelope>"));
+    if (fWriteCheck.refused()) {
+        // In exact mode a value that cannot travel turns the reply into a fault that says so.
+        AutoString refusal(fWriteCheck.getRefusal());
+        AutoDict fault(newMutableDict());
+        fault.addValue(kHVFaultString, refusal.getString());
+        return createFault(context, fault.getImmutableDict());
+    }
     return buffer.copyData();
 }
 

@@ -215,9 +215,16 @@ bool SOAPProtocolHandler::serializeExact(XMLBuffer *buffer, int level, RtStringR
         buffer->addTo(level, RTSTR("</%@>"), name);
         return true;
     }
+    case eHVDataType: {
+        // One line without tabs or breaks: some readers refuse white space inside base64.
+        RtStringRef typeName = fProtocolKind == kHVSOAP2001Protocol ? RTSTR("base64Binary") : RTSTR("base64");
+        RtStringRef text = encodeBinaryDataUnwrapped(static_cast<RtDataRef>(value));
+        buffer->addTo(level, RTSTR("<%@ xsi:type=\"xsd:%@\">%@</%@>"), name, typeName, text, name);
+        safeRtRelease(text);
+        return true;
+    }
     case eHVBooleanType:
     case eHVDateType:
-    case eHVDataType:
     case eHVArrayType:
         return false;
     default:

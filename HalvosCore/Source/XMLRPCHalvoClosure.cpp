@@ -196,9 +196,15 @@ bool XMLRPCProtocolHandler::serializeExact(XMLBuffer *buffer, int level, const v
         buffer->addTo(level, RTSTR("<string>%@</string>"), text.getString());
         return true;
     }
+    case eHVDataType: {
+        // One line without tabs or breaks: some readers refuse white space inside base64.
+        AutoString text;
+        *text.getStringPtr() = encodeBinaryDataUnwrapped(static_cast<RtDataRef>(value));
+        buffer->addTo(level, RTSTR("<base64>%@</base64>"), text.getString());
+        return true;
+    }
     case eHVBooleanType:
     case eHVDateType:
-    case eHVDataType:
     case eHVArrayType:
     case eHVDictionaryType:
         return false;
@@ -319,20 +325,6 @@ void XMLRPCProtocolHandler::writeExactMemberName(XMLBuffer *buffer, int level, R
 
 RtDataRef XMLRPCProtocolHandler::createReply(RtDictionaryRef context, RtTypeRef returnValue) {
     fWriteCheck.begin(readValueRules(this), "result");
-    if (fWriteCheck.fRules.exact) {
-        // A value that cannot travel turns the reply into a fault that says so.
-        XMLBuffer probe(replyEncoding(context));
-        if (returnValue) serialize(&probe, 3, returnValue);
-        if (fWriteCheck.refused()) {
-            AutoString refusal(fWriteCheck.getRefusal());
-            AutoDict fault(newMutableDict());
-            int32_t code = kRefusedReplyFaultCode;
-            AutoScalar codeNumber(RtNumberCreate(kRtAllocatorDefault, kRtNumberSInt32Type, &code));
-            fault.addValue(kHVFaultCode, codeNumber.getRef());
-            fault.addValue(kHVFaultString, refusal.getString());
-            return createFault(context, fault.getImmutableDict());
-        }
-    }
     XMLBuffer buffer(replyEncoding(context));
     buffer.addTo(0, RTSTR("<methodResponse>"));
     if (returnValue) {
@@ -343,6 +335,16 @@ RtDataRef XMLRPCProtocolHandler::createReply(RtDictionaryRef context, RtTypeRef 
         buffer.addTo(1, RTSTR("</params>"));
     }
     buffer.addTo(0, RTSTR("</methodResponse>"));
+    if (fWriteCheck.refused()) {
+        // In exact mode a value that cannot travel turns the reply into a fault that says so.
+        AutoString refusal(fWriteCheck.getRefusal());
+        AutoDict fault(newMutableDict());
+        int32_t code = kRefusedReplyFaultCode;
+        AutoScalar codeNumber(RtNumberCreate(kRtAllocatorDefault, kRtNumberSInt32Type, &code));
+        fault.addValue(kHVFaultCode, codeNumber.getRef());
+        fault.addValue(kHVFaultString, refusal.getString());
+        return createFault(context, fault.getImmutableDict());
+    }
     return buffer.copyData();
 }
 
