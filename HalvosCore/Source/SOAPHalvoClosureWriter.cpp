@@ -216,10 +216,12 @@ bool SOAPProtocolHandler::serializeExact(XMLBuffer *buffer, int level, RtStringR
         return true;
     }
     case eHVDataType: {
-        // One line without tabs or breaks: some readers refuse white space inside base64.
-        RtStringRef typeName = fProtocolKind == kHVSOAP2001Protocol ? RTSTR("base64Binary") : RTSTR("base64");
+        // Each flavour's own base64 type, on one line without tabs or breaks.
         RtStringRef text = encodeBinaryDataUnwrapped(static_cast<RtDataRef>(value));
-        buffer->addTo(level, RTSTR("<%@ xsi:type=\"xsd:%@\">%@</%@>"), name, typeName, text, name);
+        buffer->addTo(level, RTSTR("<%@ xsi:type=\"%@\">%@</%@>"), name,
+                      fProtocolKind == kHVSOAP1999Protocol ? RTSTR("SOAP-ENC:base64")
+                                                           : RTSTR("xsd:base64Binary"),
+                      text, name);
         safeRtRelease(text);
         return true;
     }
