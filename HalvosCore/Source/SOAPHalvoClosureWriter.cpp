@@ -148,6 +148,15 @@ RtDataRef SOAPProtocolHandler::createRequest(RtStringRef methodName, RtDictionar
     return fWriteCheck.refused() ? nullptr : buffer.copyData();
 }
 
+// Whether a record has a member its writer would put out (record settings are not members).
+static bool hasRecordMembers(RtDictionaryRef dict) {
+    AutoArray keys(copyDictionaryKeys(dict));
+    ArrayIterator key(keys);
+    while (key.hasMoreElements())
+        if (isValidKey(key.nextElement())) return true;
+    return false;
+}
+
 bool SOAPProtocolHandler::serializeExact(XMLBuffer *buffer, int level, RtStringRef name, RtTypeRef value) {
     if (RtGetTypeID(name) != RtStringGetTypeID() || !isXMLName(name)) {
         fWriteCheck.refuse(
@@ -197,19 +206,28 @@ bool SOAPProtocolHandler::serializeExact(XMLBuffer *buffer, int level, RtStringR
         RtDictionaryRef dict = static_cast<RtDictionaryRef>(value);
         RtTypeRef type = RtDictionaryGetValue(dict, kHVRecordType);
         RtTypeRef recordNS = RtDictionaryGetValue(dict, kHVRecordNamespaceURI);
-        AutoString typeText;
+        // A record without a declared type gets no made-up type name: its member elements say
+        // what it is. Only an empty one is typed, with the encoding's own struct type, so that
+        // it does not read as null.
+        AutoString typeAttribute;
         AutoString extra;
-        *typeText.getStringPtr() =
-            exactEncodeString(RtGetTypeID(type) == RtStringGetTypeID() ? static_cast<RtStringRef>(type)
-                                                                       : RTSTR("SOAP-ENC:Dictionary"),
-                              true);
+        if (RtGetTypeID(type) == RtStringGetTypeID()) {
+            AutoString typeText;
+            *typeText.getStringPtr() = exactEncodeString(static_cast<RtStringRef>(type), true);
+            *typeAttribute.getStringPtr() = RtStringCreateWithFormat(
+                kRtAllocatorDefault, nullptr, RTSTR(" xsi:type=\"%@\""), typeText.getString());
+        } else if (!hasRecordMembers(dict)) {
+            *typeAttribute.getStringPtr() =
+                RtStringCreateCopy(kRtAllocatorDefault, RTSTR(" xsi:type=\"SOAP-ENC:Struct\""));
+        }
         if (RtGetTypeID(recordNS) == RtStringGetTypeID()) {
             AutoString nsText;
             *nsText.getStringPtr() = exactEncodeString(static_cast<RtStringRef>(recordNS), true);
             *extra.getStringPtr() = RtStringCreateWithFormat(kRtAllocatorDefault, nullptr,
                                                              RTSTR(" xmlns=\"%@\""), nsText.getString());
         }
-        buffer->addTo(level, RTSTR("<%@ xsi:type=\"%@\"%@>"), name, typeText.getString(),
+        buffer->addTo(level, RTSTR("<%@%@%@>"), name,
+                      typeAttribute.isNull() ? RTSTR("") : typeAttribute.getString(),
                       extra.isNull() ? RTSTR("") : extra.getString());
         writeRecordMembers(buffer, level, dict);
         buffer->addTo(level, RTSTR("</%@>"), name);
