@@ -353,8 +353,10 @@ RtTypeRef SOAPDecoder::decodeFallback(RtTreeRef target, const RtXMLElementInfo *
     RtStringRef local = parts.local;
     RtTypeRef value = nullptr;
     if (rtstrEquivilent(ns, HV_SOAP_2001_ENCODING_NAMESPACE)) {
-        // Struct is the encoding's own name for a record (exact mode types an empty one so).
-        if (rtstrEquivilent(local, RTSTR("Dictionary")) || rtstrEquivilent(local, RTSTR("Struct")))
+        // Struct is the encoding's own name for a record; exact mode types an empty one so and
+        // reads it back. The default reading keeps to Dictionary.
+        if (rtstrEquivilent(local, RTSTR("Dictionary")) ||
+            (fRules.exact && rtstrEquivilent(local, RTSTR("Struct"))))
             value = parseSOAPDictionary(target, scope, error);
         else if (rtstrEquivilent(local, RTSTR("Array")))
             value = parseSOAPArray(target, scope, error);
