@@ -20,6 +20,7 @@
 #include <csignal>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <regex>
 #include <thread>
 
@@ -191,24 +192,30 @@ std::vector<std::string> substitute(std::vector<std::string> argv, const std::st
 }
 
 // A peer's server, on a port that was free a moment ago; ready once it accepts connections.
+// Another test can take the port between our choice and the peer's bind; a peer that does not
+// come up is therefore started again on a newly chosen port, up to three times.
 class PeerServer {
   public:
-    PeerServer(const Peer &peer)
-        : fPort(hvtest::freeLoopbackPort()), fChild(substitute(peer.fServer, "", fPort)) {
-        for (int i = 0; i < 300 && !fReady; i++) {
-            std::string error;
-            fReady = hvtest::connectLoopback(fPort, std::chrono::milliseconds(500), &error).valid();
-            if (!fReady) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    PeerServer(const Peer &peer) {
+        for (int attempt = 0; attempt < 3 && !fReady; attempt++) {
+            if (fChild) fChild->finish(SIGKILL, std::chrono::seconds(2));
+            fPort = hvtest::freeLoopbackPort();
+            fChild = std::make_unique<hvtest::Child>(substitute(peer.fServer, "", fPort));
+            for (int i = 0; i < 200 && !fReady; i++) {
+                std::string error;
+                fReady = hvtest::connectLoopback(fPort, std::chrono::milliseconds(500), &error).valid();
+                if (!fReady) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            }
         }
     }
-    ~PeerServer() { fChild.finish(SIGTERM, std::chrono::seconds(5)); }
+    ~PeerServer() { fChild->finish(SIGTERM, std::chrono::seconds(5)); }
     bool ready() const { return fReady; }
     uint16_t port() const { return fPort; }
-    std::string error() { return fChild.finish(SIGKILL, std::chrono::seconds(2)).err; }
+    std::string error() { return fChild->finish(SIGKILL, std::chrono::seconds(2)).err; }
 
   private:
-    uint16_t fPort;
-    hvtest::Child fChild;
+    uint16_t fPort = 0;
+    std::unique_ptr<hvtest::Child> fChild;
     bool fReady = false;
 };
 
