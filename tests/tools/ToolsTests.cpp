@@ -240,7 +240,7 @@ TEST(Hvcall, ValuesComeBackExactOrTheCallFails) {
         {{R"({"a": ""})"}, 0, "{\n  \"a\": \"\"\n}\n"},
         {{"null"}, 1, "params[0]: null has no XML-RPC form; allow extensions to send it as nil"},
         {{"--extensions", R"({"a": null})"}, 0, "{\n  \"a\": null\n}\n"},
-        {{"--spec-values", "2.718281828459045"}, 0, "2.71828\n"},
+        {{"--default-values", "2.718281828459045"}, 0, "2.71828\n"},
     };
     for (const Row &row : rows) {
         std::vector<std::string> args(row.args.begin(), row.args.end() - 1);

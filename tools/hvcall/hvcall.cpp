@@ -66,7 +66,7 @@ const char kUsage[] =
     "  --compressed            ask for a gzip or deflate compressed reply\n"
     "  --show-wire             print the request and the reply, headers and bodies, on standard error\n"
     "  --extensions            XML-RPC: send and accept <i8> (64-bit integers) and <nil/> (null)\n"
-    "  --spec-values           write and read values the default way instead of exactly: integers\n"
+    "  --default-values        write and read values the default way instead of exactly: integers\n"
     "                          beyond 32 bits as 0, doubles with 6 digits (SOAP 8), \"\" read as\n"
     "                          null, null written as text\n"
     "  --help                  print this help\n"
@@ -97,7 +97,7 @@ struct CallOptions {
     long long fMaxReply = -1;
     bool fCompressed = false;
     bool fExtensions = false;
-    bool fSpecValues = false;
+    bool fDefaultValues = false;
     bool fHelp = false;
     std::string fURL;
     std::string fMethod;
@@ -138,7 +138,7 @@ const struct {
     {"--proxy-auth", &CallOptions::fProxyAuth},
     {"--compressed", &CallOptions::fCompressed},
     {"--extensions", &CallOptions::fExtensions},
-    {"--spec-values", &CallOptions::fSpecValues},
+    {"--default-values", &CallOptions::fDefaultValues},
 };
 
 // The options that take a file or directory path.
@@ -487,7 +487,7 @@ int call(const CallOptions &options) {
     if (!invocation) return usageError("cannot make an invocation for '" + options.fURL + "'");
     HVMethodInvocationSetParameters(invocation, params, order);
     // A command-line user never wants a silent change: exact unless asked otherwise.
-    if (!options.fSpecValues) HVMethodInvocationSetProperty(invocation, kHVExactValues, kRtBooleanTrue);
+    if (!options.fDefaultValues) HVMethodInvocationSetProperty(invocation, kHVExactValues, kRtBooleanTrue);
     if (options.fExtensions) HVMethodInvocationSetProperty(invocation, kHVValueExtensions, kRtBooleanTrue);
 
     if (options.fTimeout >= 0) {
